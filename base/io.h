@@ -1,0 +1,28 @@
+// Whole reads and writes on descriptors: interruptions are retried, short counts go on.
+#ifndef TSMAIL_BASE_IO_H
+#define TSMAIL_BASE_IO_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace Tessaly::base {
+
+// Writes all of the text. False with errno if not; a beginning may have been written.
+bool write_all(int fd, std::string_view text);
+// The same at an offset, for descriptors that are not in append mode.
+bool pwrite_all(int fd, std::string_view text, off_t offset);
+
+// Reads up to `room` bytes from the offset on, until the room is full or the file ends. The count,
+// or -1 with errno. The descriptor's own offset does not move.
+ssize_t pread_full(int fd, char* buffer, std::size_t room, off_t offset);
+
+// Appends the whole file, from its beginning, to `text`. False with errno on a read error. Throws
+// std::bad_alloc.
+bool read_file(int fd, std::string& text);
+
+}  // namespace Tessaly::base
+
+#endif

@@ -1,0 +1,26 @@
+// Removing directory trees - relative to open directories, so that nothing outside a tree is ever
+// touched, whatever others do to its names meanwhile.
+//
+// A symbolic link below the top is removed, never followed. Depth is bounded by memory alone: the
+// stack does not grow with it, and some thirty descriptors at most are open (fewer where the
+// process may not open more). What cannot be removed stays, a directory with all its contents; the
+// rest goes all the same. Entries that others add meanwhile go too if they are seen before their
+// directory does. A branch whose directories are moved elsewhere while the work is deep inside it
+// is left (ESTALE).
+#ifndef TSMAIL_BASE_TREE_H
+#define TSMAIL_BASE_TREE_H
+
+namespace Tessaly::base {
+
+// Removes everything in an open directory, which stays (its offset is moved). Returns 0, or the
+// errno of the first entry that could not be removed, or ENOMEM.
+int empty_directory(int dirfd) noexcept;
+
+// Removes the file, link or directory `name` (relative to dirfd, or to the working directory with
+// AT_FDCWD), a directory with everything below it. Returns 0, or the errno of the last attempt to
+// remove `name` itself: ENOTEMPTY where something below could not be removed.
+int remove_tree_at(int dirfd, const char* name) noexcept;
+
+}  // namespace Tessaly::base
+
+#endif

@@ -1,0 +1,76 @@
+// Deletion at once: whole trees, maildir folders, the messages of a folder.
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <tessaly/mailstore.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "base/dir_reader.h"
+#include "base/fd.h"
+#include "base/tree.h"
+#include "maildir/folders.h"
+
+namespace {
+
+using Tessaly::base::Fd;
+using Tessaly::base::retry;
+using Tessaly::maildir::kSubDirsInOrder;
+
+bool stat_folder(const char* path, struct stat& st) {
+    return path != nullptr && *path != '\0' && retry([&] { return ::stat(path, &st); }) == 0;
+}
+
+// A folder's directory, to work below; a link to it is followed.
+Fd open_folder(const char* path) {
+    return Fd(retry([=] { return ::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+}
+
+// Removes the files of a sub-directory; what is a directory in it stays. A link in the place of the
+// sub-directory is followed: whose messages are elsewhere means those.
+void empty_sub_dir(int folder, const char* name) {
+    const Fd dir(retry([=] { return ::openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!dir) return;
+    Tessaly::base::DirReader reader(dir.get());
+    while (const dirent64* entry = reader.next_real()) {
+        if (entry->d_type == DT_DIR) continue;
+        retry([&] { return ::unlinkat(dir.get(), entry->d_name, 0); });
+    }
+}
+
+void remove_cache_file(int folder) {
+    char path[32];
+    tsl_get_maildir_cache_file(".", path, sizeof path);
+    retry([&] { return ::unlinkat(folder, path, 0); });
+}
+
+}  // namespace
+
+int tsm_delete_path(const char* path) {
+    return path == nullptr ? EINVAL : Tessaly::base::remove_tree_at(AT_FDCWD, path);
+}
+
+int tsm_delete_maildir(const char* path) {
+    struct stat st;
+    if (!stat_folder(path, st)) return -1;
+    if (S_ISDIR(st.st_mode)) {
+        if (const Fd folder = open_folder(path)) {
+            for (const char* name : kSubDirsInOrder) {
+                empty_sub_dir(folder.get(), name);
+                retry([&] { return ::unlinkat(folder.get(), name, AT_REMOVEDIR); });
+            }
+        }
+    }
+    return tsm_delete_path(path);
+}
+
+int tsm_clean_maildir(const char* path) {
+    struct stat st;
+    if (!stat_folder(path, st) || !S_ISDIR(st.st_mode)) return -1;
+    if (const Fd folder = open_folder(path)) {
+        for (const char* name : kSubDirsInOrder) empty_sub_dir(folder.get(), name);
+        remove_cache_file(folder.get());
+    }
+    return 0;
+}

@@ -1,0 +1,79 @@
+// The list's lock binds nobody, so two processes may write a new list at the same time and under
+// the same temporary name. If both wrote into one file, or the one moved away what the other had
+// not finished, the list would be torn. So the content goes into a file without a name, which gets
+// the temporary name when it is whole.
+#include "maillist/replace.h"
+
+#include <fcntl.h>
+#include <tessaly/support.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "base/fd.h"
+#include "base/io.h"
+#include "base/text.h"
+#include "maillist/open.h"
+
+namespace Tessaly::maillist {
+
+namespace {
+
+constexpr int kNamingAttempts = 100;
+
+// Closes the file and tells whether all that was written has arrived.
+bool close_written(base::Fd& fd) { return ::close(fd.release()) == 0 || errno == EINTR; }
+
+// Gives an unnamed file its name, in the place of what has that name: a stale temporary file, or
+// the whole one of another process, which comes second then.
+bool name_file(int fd, const std::string& name) {
+    char self[64];
+    base::BoundedText(self, sizeof self) << "/proc/self/fd/" << fd << '\0';
+    for (int attempt = 0; attempt < kNamingAttempts; ++attempt) {
+        if (::linkat(AT_FDCWD, self, AT_FDCWD, name.c_str(), AT_SYMLINK_FOLLOW) == 0) return true;
+        if (errno != EEXIST) return false;
+        if (::unlink(name.c_str()) != 0 && errno != ENOENT) return false;
+    }
+    errno = EEXIST;
+    return false;
+}
+
+bool write_unnamed(const std::string& path, std::string_view content) {
+    base::Fd fd = open_file(path.substr(0, path.rfind('/')), O_WRONLY | O_TMPFILE);
+    if (!fd || !base::write_all(fd.get(), content)) return false;
+    if (!name_file(fd.get(), path)) return false;
+    if (close_written(fd)) return true;
+    const int saved = errno;
+    ::unlink(path.c_str());
+    errno = saved;
+    return false;
+}
+
+bool write_named(const std::string& path, std::string_view content) {
+    base::Fd fd = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    if (!fd) return false;
+    if (base::write_all(fd.get(), content) && close_written(fd)) return true;
+    const int saved = errno;
+    ::unlink(path.c_str());
+    errno = saved;
+    return false;
+}
+
+bool write_temporary(const std::string& path, std::string_view content) {
+    if (write_unnamed(path, content)) return true;
+    // Some file systems have no unnamed files, and without /proc none can be named.
+    if (errno != EOPNOTSUPP && errno != ENOENT) return false;
+    return write_named(path, content);
+}
+
+}  // namespace
+
+bool replace_list(const std::string& list, const std::string& temporary, std::string_view content) {
+    if (!write_temporary(temporary, content)) return false;
+    // ENOENT: another process has moved it, and what has the name now is not ours.
+    const bool moved = ::tsm_movefile(temporary.c_str(), list.c_str()) == 0 || errno == ENOENT;
+    if (!moved) ::unlink(temporary.c_str());
+    return true;
+}
+
+}  // namespace Tessaly::maillist

@@ -1,0 +1,195 @@
+// The scan cache in both its forms: one line, read as a whole, and two lines, read line by line.
+#include "mailsize/cache.h"
+
+#include <fcntl.h>
+#include <tessaly/mailstore.h>
+#include <unistd.h>
+
+#include <string_view>
+
+#include "base/fd.h"
+#include "base/text.h"
+#include "mailsize/folder_path.h"
+#include "mailsize/number.h"
+#include "mailsize/piece_reader.h"
+#include "mailsize/write_whole.h"
+
+namespace Tessaly::mailsize {
+
+namespace {
+
+constexpr std::string_view kMtime = "mtime=";
+constexpr std::string_view kSize = "size=";
+// A longer line of the two-line form is read in pieces of this many bytes.
+constexpr std::size_t kCachePiece = 127;
+
+// The bytes of a file one after the other, for scan_number.
+class FileCursor {
+  public:
+    explicit FileCursor(int fd) : fd_(fd) {}
+    // The byte here, 0 at the end of the file and on an error.
+    int peek() {
+        if (position_ == filled_ && !fill()) return 0;
+        return static_cast<unsigned char>(buffer_[position_]);
+    }
+    void advance() { ++position_; }
+    bool failed() const { return failed_; }
+    bool at_end() const { return at_end_; }
+
+  private:
+    bool fill() {
+        const ssize_t n =
+            base::retry([&] { return ::pread(fd_, buffer_, sizeof buffer_, offset_); });
+        failed_ = failed_ || n < 0;
+        at_end_ = n <= 0;
+        position_ = 0;
+        filled_ = n > 0 ? static_cast<std::size_t>(n) : 0;
+        offset_ += static_cast<off_t>(filled_);
+        return filled_ > 0;
+    }
+
+    int fd_;
+    bool failed_ = false;
+    bool at_end_ = false;
+    off_t offset_ = 0;
+    std::size_t position_ = 0;
+    std::size_t filled_ = 0;
+    char buffer_[128];
+};
+
+// Looks until two looks in a row find the same, if what was found may be a part: a number that only
+// the end of the file ends. Nobody is locked out, so a look may fall between two writers and see
+// the length of one text and the bytes of the other. A file that never comes to rest holds nothing.
+template <class Look>
+auto settled(Look look) -> decltype(look()) {
+    constexpr int kLooks = 100;
+    auto found = look();
+    for (int i = 0; found.may_be_cut; ++i) {
+        const auto again = look();
+        if (again == found) break;
+        if (i == kLooks) return {};
+        found = again;
+    }
+    return found;
+}
+
+// Steps over exactly this text.
+bool skip(FileCursor& in, std::string_view text) {
+    for (const char c : text) {
+        if (in.peek() != c) return false;
+        in.advance();
+    }
+    return true;
+}
+
+struct OneLine {
+    long mtime = 0;
+    unsigned long size = 0;
+    bool complete = false;
+    bool may_be_cut = false;
+    bool operator==(const OneLine&) const = default;
+};
+
+OneLine look_for_one_line(int fd) {
+    FileCursor in(fd);
+    Number mtime, size;
+    if (skip(in, kMtime)) mtime = scan_number(in);
+    if (mtime.found && skip(in, ",") && skip(in, kSize)) size = scan_number(in);
+    if (!size.found || in.failed()) return {};
+    return {static_cast<long>(mtime.as_signed()), static_cast<unsigned long>(size.as_unsigned()),
+            true, in.at_end()};
+}
+
+base::Fd open_file(const char* path, int flags) {
+    if (path == nullptr) return {};
+    return base::Fd(base::retry([&] { return ::open(path, flags | O_CLOEXEC | O_NOCTTY, 0666); }));
+}
+
+// Appending: of two writers at once that both found the file empty the second writes behind the
+// first, not over it.
+constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
+
+base::Fd open_cache_of(const char* folder, int flags) {
+    FolderPath path(folder, kCacheFile);
+    return path.cut() ? base::Fd() : open_file(path.c_str(), flags);
+}
+
+// Takes over the number behind a field's name, if both are in the line.
+void take_field(std::string_view line, std::string_view name, Fields fields, long& value) {
+    const auto at = line.find(name);
+    if (at == line.npos || (at != 0 && fields == Fields::at_start)) return;
+    TextCursor cursor(line.substr(at + name.size()));
+    const Number number = scan_number(cursor);
+    if (number.found) value = static_cast<long>(number.as_signed());
+}
+
+struct FoundFields {
+    ScanCache cache;
+    bool may_be_cut = false;
+    bool operator==(const FoundFields&) const = default;
+};
+
+FoundFields look_for_fields(int fd, Fields fields) {
+    FoundFields found;
+    auto& [mtime, size] = found.cache;
+    PieceReader reader(fd, kCachePiece);
+    while (mtime == 0 || size == 0) {
+        const std::string_view piece = reader.next();
+        if (piece.empty()) break;
+        const std::string_view line = piece.substr(0, piece.find('\0'));
+        take_field(line, kMtime, fields, mtime);
+        take_field(line, kSize, fields, size);
+        found.may_be_cut = is_digit(line.empty() ? 0 : line.back());
+    }
+    return reader.failed() ? FoundFields{} : found;
+}
+
+}  // namespace
+
+ScanCache read_scan_cache(const char* folder, Fields fields) {
+    const base::Fd file = open_cache_of(folder, O_RDONLY);
+    if (!file) return {};
+    return settled([&] { return look_for_fields(file.get(), fields); }).cache;
+}
+
+void write_scan_cache(const char* folder, long mtime, long long size) {
+    const base::Fd file = open_cache_of(folder, kReplace);
+    if (!file) return;
+    char buffer[64];  // two numbers of at most 20 characters and their names
+    base::BoundedText text(buffer, sizeof buffer);
+    text << kMtime << mtime << '\n' << kSize << size << '\n';
+    write_whole(file.get(), text.view(), 0);
+}
+
+}  // namespace Tessaly::mailsize
+
+using namespace Tessaly::mailsize;
+namespace base = Tessaly::base;
+
+int tsl_get_maildir_cache_file(const char* dir, char* buf, int bufsize) {
+    if (dir == nullptr || buf == nullptr || bufsize < 1) return -1;
+    const std::string_view folder = dir;
+    base::BoundedText path(buf, static_cast<std::size_t>(bufsize));
+    path << folder << (folder.ends_with('/') ? "" : "/") << kCacheFile;
+    path.c_str();
+    return static_cast<int>(path.view().size());
+}
+
+int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long size) {
+    const base::Fd file = open_file(path, kReplace);
+    if (!file) return 0;
+    char buffer[64];  // two numbers of at most 20 characters and their names
+    base::BoundedText text(buffer, sizeof buffer);
+    text << kMtime << mtime << ',' << kSize << size;
+    return write_whole(file.get(), text.view(), 0) ? 1 : 0;
+}
+
+int tsl_read_maildir_cache_file(const char* path, long* mtime, unsigned long* size) {
+    const base::Fd file = open_file(path, O_RDONLY);
+    if (!file) return 0;
+    const OneLine cache = settled([&] { return look_for_one_line(file.get()); });
+    if (!cache.complete) return 0;
+    if (mtime != nullptr) *mtime = cache.mtime;
+    if (size != nullptr) *size = cache.size;
+    return 1;
+}

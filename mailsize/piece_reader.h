@@ -1,0 +1,46 @@
+// PieceReader - a file's text in the pieces in which fgets hands it out.
+#ifndef TSMAIL_MAILSIZE_PIECE_READER_H
+#define TSMAIL_MAILSIZE_PIECE_READER_H
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <string_view>
+
+namespace Tessaly::mailsize {
+
+// A piece is a line with its line end, or as much of a longer line as the limit allows; the rest of
+// that line makes further pieces. Nothing is allocated; the buffer lies inside the object.
+class PieceReader {
+  public:
+    // limit: 1 to 254 bytes. Reads from the file's beginning; the descriptor's offset stays.
+    PieceReader(int fd, std::size_t limit) : fd_(fd), limit_(limit) {}
+    PieceReader(const PieceReader&) = delete;
+    PieceReader& operator=(const PieceReader&) = delete;
+
+    // The next piece, valid until the next call; empty at the end of the file and on an error.
+    std::string_view next();
+    // Whether the reading ended by an error.
+    bool failed() const { return failed_; }
+    // Where the last piece begins in the file.
+    off_t piece_offset() const { return piece_offset_; }
+
+  private:
+    std::string_view first_piece() const;
+    bool is_whole(std::string_view piece) const;
+    void fill();
+
+    int fd_;
+    std::size_t limit_;
+    bool at_end_ = false;
+    bool failed_ = false;
+    off_t file_offset_ = 0;   // of what is not read yet
+    off_t piece_offset_ = 0;  // of the last piece
+    std::size_t position_ = 0;
+    std::size_t filled_ = 0;
+    char buffer_[8192];  // a size file and what an append makes of it, in one read
+};
+
+}  // namespace Tessaly::mailsize
+
+#endif

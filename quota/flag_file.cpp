@@ -1,0 +1,110 @@
+#include "quota/flag_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdint>
+#include <limits>
+#include <string_view>
+
+#include "base/fd.h"
+#include "base/io.h"
+
+namespace Tessaly::quota {
+
+using base::Fd;
+using base::retry;
+
+namespace {
+
+// A FIFO in a flag's place must not hold the caller.
+constexpr int kOpenFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+
+Fd open_emptied(const std::string& path) {
+    return Fd(retry(
+        [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kOpenFlags, 0666); }));
+}
+
+// Takes the characters of a file one by one as far as they make an int.
+class NumberScan {
+  public:
+    // False when the character does not belong to the number any more.
+    bool take(char c) {
+        if (c >= '0' && c <= '9') return take_digit(c - '0');
+        if (begun_) return false;
+        if (c == ' ' || (c >= '\t' && c <= '\r')) return true;
+        negative_ = c == '-';
+        return begun_ = negative_ || c == '+';
+    }
+    int value() const {
+        const std::int64_t number = negative_ ? -magnitude_ : magnitude_;
+        return static_cast<int>(std::min<std::int64_t>(number, std::numeric_limits<int>::max()));
+    }
+
+  private:
+    // More than int holds on either side stays just beyond it: -kBeyond is INT_MIN.
+    static constexpr std::int64_t kBeyond = std::int64_t{std::numeric_limits<int>::max()} + 1;
+
+    bool take_digit(int digit) {
+        magnitude_ = std::min(magnitude_ * 10 + digit, kBeyond);
+        return begun_ = true;
+    }
+
+    bool begun_ = false;
+    bool negative_ = false;
+    std::int64_t magnitude_ = 0;
+};
+
+// Whether the file holds more than `length` bytes.
+bool is_longer(int fd, std::size_t length) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && st.st_size > static_cast<off_t>(length);
+}
+
+}  // namespace
+
+bool exists(const std::string& path) {
+    return retry([&] { return ::access(path.c_str(), F_OK); }) == 0;
+}
+
+bool make_empty(const std::string& path) { return static_cast<bool>(open_emptied(path)); }
+
+void remove(const std::string& path) {
+    retry([&] { return ::unlink(path.c_str()); });
+}
+
+int read_number(const std::string& path) {
+    const Fd fd(retry([&] { return ::open(path.c_str(), O_RDONLY | kOpenFlags); }));
+    if (!fd) return 0;
+    NumberScan scan;
+    char buffer[256];
+    for (;;) {
+        const ssize_t n = retry([&] { return ::read(fd.get(), buffer, sizeof buffer); });
+        if (n < 0) return 0;
+        if (n == 0) return scan.value();
+        if (!std::all_of(buffer, buffer + n, [&](char c) { return scan.take(c); })) {
+            return scan.value();
+        }
+    }
+}
+
+void write_number(const std::string& path, int number) {
+    char digits[std::numeric_limits<int>::digits10 + 3];  // sign, first digit and one to spare
+    const char* end = std::to_chars(digits, digits + sizeof digits, number).ptr;
+    const std::string_view text(digits, static_cast<std::size_t>(end - digits));
+
+    const Fd fd = open_emptied(path);
+    if (!fd) return;
+    // Another setter may have written a longer number since the file was emptied, and ours now lies
+    // over its beginning. Whoever writes last sees that and begins anew. The end is for somebody
+    // who makes the file grow all the time.
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        if (!base::pwrite_all(fd.get(), text, 0) || !is_longer(fd.get(), text.size())) return;
+        if (retry([&] { return ::ftruncate(fd.get(), 0); }) != 0) return;
+    }
+}
+
+}  // namespace Tessaly::quota

@@ -1,0 +1,25 @@
+// Files that say something by being there, by their age or by one number.
+#ifndef TSMAIL_QUOTA_FLAG_FILE_H
+#define TSMAIL_QUOTA_FLAG_FILE_H
+
+#include <string>
+
+namespace Tessaly::quota {
+
+bool exists(const std::string& path);
+
+// Creates the file, or empties it and so renews its time. False with errno if neither was possible.
+bool make_empty(const std::string& path);
+
+void remove(const std::string& path);
+
+// The number at the beginning of the file by the rules of `stream >> int` in the classic locale: 0
+// without one and for a file that cannot be read, the limit for one beyond int.
+int read_number(const std::string& path);
+
+// Makes the number all that is in the file. Of several at once the last one's stays whole.
+void write_number(const std::string& path, int number);
+
+}  // namespace Tessaly::quota
+
+#endif

@@ -1,0 +1,77 @@
+#!/usr/bin/env bash
+# bench.sh [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]
+# bench.sh --scale
+#
+# Measures the library beside the limit of the machine, the plainest way and other programs, in a
+# sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
+# into bench/results/, or below build/bench/ if only some items are measured. --only, --most and
+# --rounds choose items by name, sizes and how often; DIR is where other mail programs are unpacked
+# (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, no time
+# judged, nothing written but below build/bench/. --scale measures how a spool of generated mailboxes
+# grows.
+set -euo pipefail
+# shellcheck source=lib.sh
+. "$(dirname "$0")/lib.sh"
+
+quick='' scale='' only='' words=() choice=() peers=$top/build/neighbours
+while [ $# -gt 0 ]; do
+    case $1 in
+    --quick) quick=1 choice+=(--quick) ;;
+    --scale) scale=1 ;;
+    --only) only=$2 choice+=(--only "$2") && shift ;;
+    --rounds) words+=(--rounds "$2") && shift ;;
+    --most) choice+=(--most "$2") && shift ;;
+    --peers) peers=$2 && shift ;;
+    *) die "usage: bench.sh [--scale] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
+    esac
+    shift
+done
+
+ensure_packages build test bench
+build_preset release tsmail_bench tsmail_tool
+cd "$top"
+mkdir -p build/bench
+spool=$(mktemp -d build/bench/spool.XXXXXX)
+trap 'rm -rf "$spool"' EXIT
+out=build/bench
+[ -n "$quick$only" ] || out=bench/results
+
+# Peers that cannot be had are left out, and the table says which were there.
+roots='' binds=()
+for package in dovecot-imapd mblaze; do
+    [ "$(id -u)" = 0 ] || continue
+    scripts/fetch-neighbour "$package" "$peers" || continue
+    roots+=${roots:+:}$peers/$package
+    binds+=(--bwrap --ro-bind --bwrap "$peers/$package" --bwrap "$peers/$package")
+done
+
+# inside NAME COMMAND... - in the sandbox; the log is build/bench/NAME.log.
+inside() {
+    local log=build/bench/$1.log
+    shift
+    scripts/sandbox --rw "$top/build/bench" --spool-dir "$top/$spool" "${binds[@]}" -- \
+        python3 -B bench/inside.py "$top" "$roots" "$@" >"$log" 2>&1 ||
+        { tail -n 20 "$log" >&2; die "failed; the log is $log"; }
+}
+
+# Where they may write as another user.
+chmod 777 "$spool"
+install -d -m 1777 build/bench/new
+rm -f build/bench/new/*
+if [ -n "$scale" ]; then
+    say "Measuring a growing spool; this takes minutes"
+    inside scale python3 -B bench/scale.py build/release/tools/tsmail build/bench/new/scale.md \
+        100 1000 10000
+    cat build/bench/new/scale.md
+    exit
+fi
+load=$(cut -d ' ' -f 1-3 /proc/loadavg)
+say "Measuring; the log is build/bench/times.log"
+inside times build/release/bench/bench "${choice[@]}" "${words[@]}" --out build/bench/new/times.json
+# The counting takes the most time; the smoke test tries it with one item.
+[ -z "$quick" ] || [ -n "$only" ] || choice+=(--only list_find)
+say "Counting system calls and instructions; the log is build/bench/counts.log"
+inside counts python3 -B bench/counts.py build/release/bench/bench build/bench/new/counts.json \
+    "${choice[@]}"
+python3 -B bench/report.py build/bench/new "$out" \
+    "load $load before, $(cut -d ' ' -f 1-3 /proc/loadavg) after, on $(nproc) processors"

@@ -1,0 +1,52 @@
+# lib.sh - what the scripts share. Sourced by bash scripts; defines functions only.
+# shellcheck shell=bash
+
+say() { printf '%s\n' "$*"; }
+die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
+
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+
+# Runs a command as root: directly, or through sudo.
+as_root() {
+    if [ "$(id -u)" = 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo "$@"
+    else
+        die "root or sudo is needed for: $*"
+    fi
+}
+
+# The packages of a section of scripts/packages, one a line.
+packages_of() { sed -n "/^\[$1\]/,/^\[/{/^[a-z0-9]/{s/[[:space:]]*#.*//;p}}" "$top/scripts/packages"; }
+
+# ensure_packages SECTION... - installs the Debian packages of these sections that are missing.
+ensure_packages() {
+    local section package missing=()
+    for section; do
+        while read -r package; do
+            dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
+                missing+=("$package")
+        done < <(packages_of "$section")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    say "Installing what is missing: ${missing[*]}"
+    as_root apt-get update -qq || die "apt-get update failed"
+    as_root env DEBIAN_FRONTEND=noninteractive \
+        apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
+        die "could not install ${missing[*]}"
+}
+
+# build_preset PRESET [TARGET...] - configures and builds one of CMakePresets.json, quietly unless it
+# fails; all of it unless targets are named.
+build_preset() {
+    local preset=$1 log="$top/build/$1.log"
+    shift
+    mkdir -p "$top/build"
+    say "Building ($preset); the log is build/$preset.log"
+    (cd "$top" && cmake --preset "$preset" &&
+        cmake --build --preset "$preset" ${1:+--target "$@"}) >"$log" 2>&1 || {
+        tail -n 60 "$log" >&2
+        die "the $preset build failed"
+    }
+}

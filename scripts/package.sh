@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# package.sh - installs what is missing, builds the Debian packages from a copy of the tree as it
+# stands (committed or not) and lets lintian judge them: an error or a warning is a failure. The
+# packages are left in build/debs, the log in build/package.log.
+set -euo pipefail
+. "$(dirname "$0")/lib.sh"
+
+ensure_packages build package
+cd "$top"
+work=$top/build/package
+log=$top/build/package.log
+rm -rf "$work" "$top/build/debs"
+mkdir -p "$work/tree" "$top/build/debs"
+
+# The files under version control or about to be, without what was built among them.
+git ls-files -z --cached --others --exclude-standard |
+    while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
+    tar -cf - --null -T - | tar -xf - -C "$work/tree"
+
+say "Building the packages; the log is build/package.log"
+# A build of packages has a home of its own, so the compiler cache is named.
+export CCACHE_DIR=${CCACHE_DIR:-${HOME:-$work}/.cache/ccache}
+export DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS:-parallel=$(nproc)}
+(cd "$work/tree" && dpkg-buildpackage -us -uc -b) >"$log" 2>&1 || {
+    tail -n 60 "$log" >&2
+    die "the packages could not be built"
+}
+mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$top/build/debs/"
+
+say "lintian"
+lintian --no-cfg --fail-on error,warning --tag-display-limit 0 "$top"/build/debs/*.changes ||
+    die "lintian found something"
+say "In build/debs: $(cd "$top/build/debs" && echo *.deb)"

@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# threads.sh - installs what is missing, builds the tests of threads under ThreadSanitizer and runs
+# them.
+set -euo pipefail
+# shellcheck source=lib.sh
+. "$(dirname "$0")/lib.sh"
+
+ensure_packages build test
+build_preset tsan concurrency_threads
+cd "$top"
+exec ctest --preset tsan -R '^concurrency_threads'

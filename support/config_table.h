@@ -1,0 +1,12 @@
+// The interface between the two bundled libraries: what the handle of a table query looks like.
+#ifndef TSMAIL_SUPPORT_CONFIG_TABLE_H
+#define TSMAIL_SUPPORT_CONFIG_TABLE_H
+
+// libkqfquery knows nothing of tables; it walks through these two functions, so that a table may
+// come from anywhere.
+struct kqf_table {
+    void* (*head)(kqf_table*);
+    void* (*next)(kqf_table*);
+};
+
+#endif

@@ -1,0 +1,56 @@
+#!/usr/bin/env python3
+"""tutorial.py SOURCE [PREFIX] - does what docs/tutorial.md says, and sees what it says is shown.
+
+PREFIX is where libtsmail is installed; without one it is where the compiler and the loader look by
+themselves. Runs inside the sandbox.
+"""
+
+import glob
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+source, prefix = pathlib.Path(sys.argv[1]), (sys.argv[2:] or [None])[0]
+text = (source / "docs/tutorial.md").read_text(encoding="utf-8")
+agent = (source / "examples/agent.cpp").read_text(encoding="utf-8")
+
+
+def environment():
+    env = {**os.environ, "LC_ALL": "C.UTF-8", "TERM": "dumb"}
+    if prefix:
+        (configuration,) = glob.glob(f"{prefix}/**/pkgconfig", recursive=True)
+        env.update(PATH=f"{prefix}/bin:{env['PATH']}", PKG_CONFIG_PATH=configuration,
+                   LD_LIBRARY_PATH=os.path.dirname(configuration))
+    return env
+
+
+def shown(block):
+    """A console block as (command, what it shows)."""
+    parts = re.split(r"^\$ (.*)\n", block, flags=re.M)
+    return list(zip(parts[1::2], parts[2::2]))
+
+
+def main():
+    blocks = re.findall(r"^```(\w+)\n(.*?)^```$", text, re.M | re.S)
+    quoted = [block for language, block in blocks if language == "cpp"]
+    if quoted != [agent]:
+        sys.exit("the program in the tutorial is not examples/agent.cpp")
+    if len(agent.splitlines()) > 60:
+        sys.exit("the program has grown")
+    os.makedirs("/tmp/tutorial")
+    os.chdir("/tmp/tutorial")
+    pathlib.Path("agent.cpp").write_text(agent, encoding="utf-8")
+    bad, commands = 0, [row for language, block in blocks if language == "console" for row in shown(block)]
+    for command, expected in commands:
+        done = subprocess.run(["bash", "-c", command], env=environment(), stdout=subprocess.PIPE,
+                              stderr=subprocess.STDOUT, text=True, check=False)
+        if done.stdout != expected:
+            bad += 1
+            print(f"$ {command}\n--- the tutorial shows\n{expected}--- it is\n{done.stdout}", end="")
+    print(f"{len(commands)} commands, {bad} not as shown")
+    return 1 if bad or len(commands) < 10 else 0
+
+
+sys.exit(main())

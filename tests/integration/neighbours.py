@@ -1,0 +1,100 @@
+"""Tests beside other mail programs, which Debian's packages bring. Nothing is installed: each package
+is unpacked beside the build and laid over /usr in the sandbox, where /etc can be written and there is
+a user for the mail.
+
+usage: neighbours.py SOURCE BUILD CACHE PACKAGES FILE CLASS   (PACKAGES: names, with commas between)
+
+Exits with 77 (skipped) where that cannot be done: without root, without the packages, on a kernel
+that has no overlay file system.
+"""
+
+import os
+import pathlib
+import re
+import subprocess
+import sys
+
+SKIPPED = 77
+VMAIL = 5000  # the user and group that own the mail
+# Needed to lay file systems over others, and to run what steps down from root.
+ACCOUNTS = ["vmail:5000", "dovecot:901", "dovenull:902", "postfix:903", "postdrop:904"]
+
+
+def skip(reason):
+    print("skipped:", reason, file=sys.stderr)
+    sys.exit(SKIPPED)
+
+
+def outside(source, build, cache, packages, file, test_class):
+    if os.geteuid() != 0:
+        skip("programs that step down from root need root")
+    roots = []
+    for package in filter(None, packages.split(",")):
+        if subprocess.run([f"{source}/scripts/fetch-neighbour", package, cache]).returncode != 0:
+            skip(f"{package} cannot be had")
+        roots.append(os.path.join(cache, package))
+    command = [f"{source}/scripts/sandbox", "--rw", build]
+    for name, value in {"TSMAIL_BUILD": build, "TSMAIL_SOURCE": source,
+                        "PYTHONPATH": f"{source}/tests:{source}/tests/tools",
+                        "PYTHONDONTWRITEBYTECODE": "1"}.items():
+        command += ["--bwrap", "--setenv", "--bwrap", name, "--bwrap", value]
+    for root in roots:
+        command += ["--bwrap", "--ro-bind", "--bwrap", root, "--bwrap", root]
+    inside = [sys.executable, "-B", __file__, "--inside", ":".join(roots), file, test_class]
+    os.execv(command[0], [*command, "--", *inside])
+
+
+def overlay(target, lower, upper=None):
+    """Lays directories over the target, the first one uppermost; with `upper` it can be written."""
+    options = "lowerdir=" + ":".join([*lower, target])
+    if upper:
+        for name in ("upper", "work"):
+            os.makedirs(f"{upper}/{name}")
+        options += f",upperdir={upper}/upper,workdir={upper}/work"
+    done = subprocess.run(["mount", "-t", "overlay", "overlay", "-o", options, target],
+                          stderr=subprocess.PIPE)
+    if done.returncode != 0:
+        skip(f"no overlay on {target}: {done.stderr.decode()}")
+
+
+def inside(roots, file, test_class):
+    roots = [root for root in roots.split(":") if root]
+    etc = [f"{root}/etc" for root in roots if os.path.isdir(f"{root}/etc")]
+    # The tool where a package would put it, and the usual ways into other programs.
+    os.makedirs("/run/own/usr/bin")
+    os.symlink(os.path.join(os.environ["TSMAIL_BUILD"], "tools/tsmail"), "/run/own/usr/bin/tsmail")
+    os.symlink("/usr/sbin/sendmail", "/bin/sendmail")
+    overlay("/etc", etc, "/run/etc")
+    overlay("/var/lib", [], "/run/var-lib")
+    overlay("/usr", ["/run/own/usr", *(f"{root}/usr" for root in roots)])
+    with open("/etc/passwd", "a") as users, open("/etc/group", "a") as groups:
+        for account in ACCOUNTS:
+            name, number = account.split(":")
+            users.write(f"{name}:x:{number}:{number}::/var/spool/home:/bin/sh\n")
+            groups.write(f"{name}:x:{number}:\n")
+    os.execv(sys.executable, [sys.executable, "-B", file, "-v", test_class])
+
+
+def as_vmail():
+    """Options for subprocess: as the owner of the mail."""
+    return {"user": VMAIL, "group": VMAIL, "extra_groups": []}
+
+
+def make_home():
+    """The directory of all mailboxes, owned by who owns the mail."""
+    os.makedirs("/var/spool/home", exist_ok=True)
+    os.chown("/var/spool/home", VMAIL, VMAIL)
+    os.chmod("/var/spool/home", 0o755)
+
+
+def configuration(page, name):
+    """The file that a page below docs/neighbours shows: its code block with that name."""
+    text = pathlib.Path(os.environ["TSMAIL_SOURCE"], "docs", "neighbours", page).read_text()
+    found = re.search(rf"^`{re.escape(name)}`[^\n]*:\n\n```\w*\n(.*?)^```$", text, re.M | re.S)
+    if not found:
+        raise AssertionError(f"{page} shows no {name}")
+    return found.group(1)
+
+
+if __name__ == "__main__":
+    inside(*sys.argv[2:]) if sys.argv[1] == "--inside" else outside(*sys.argv[1:])

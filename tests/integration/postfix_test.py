@@ -1,0 +1,180 @@
+"""Beside Postfix, which hands the mail that arrives to `tsmail deliver`."""
+
+import grp
+import json
+import os
+import smtplib
+import subprocess
+import time
+
+import neighbours
+from toolkit import HOME, SpoolCase, content, folder_record, mailbox_record, messages
+
+LOG = "/var/spool/log/postfix"
+CONF = "/etc/postfix"
+
+
+def postfix(*words):
+    return subprocess.run(["postfix", *words], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+
+
+def wait_until(condition, what, seconds=30):
+    end = time.monotonic() + seconds
+    while not condition():
+        if time.monotonic() > end:
+            with open(LOG) as log:
+                raise AssertionError(f"waited in vain for {what}\n{log.read()}")
+        time.sleep(0.02)
+
+
+def queue():
+    """The messages that Postfix still holds."""
+    done = subprocess.run(["postqueue", "-j"], stdout=subprocess.PIPE, check=True)
+    return [json.loads(line) for line in done.stdout.splitlines()]
+
+
+def deferred():
+    return [recipient["delay_reason"] for message in queue() for recipient in message["recipients"]
+            if "delay_reason" in recipient]
+
+
+def submitter():
+    """Who owns the mail, with the right to submit that Postfix's set-group-id program would give."""
+    return {**neighbours.as_vmail(), "extra_groups": [grp.getgrnam("postdrop").gr_gid]}
+
+
+def everything_delivered():
+    return not queue()
+
+
+class PostfixCase(SpoolCase):
+    def setUp(self):
+        super().setUp()
+        neighbours.make_home()
+        os.makedirs(os.path.dirname(LOG))
+        os.makedirs("/var/spool/postfix")
+        shown = neighbours.configuration
+        with open(f"{CONF}/main.cf", "w") as main:
+            main.write(shown("postfix.md", "main.cf") + f"maillog_file = {LOG}\n")
+        with open("/usr/share/postfix/master.cf.dist") as dist:
+            debian = dist.read()
+        with open(f"{CONF}/master.cf", "w") as master:
+            master.write(debian + shown("postfix.md", "master.cf"))
+        done = postfix("start")
+        self.assertEqual(done.returncode, 0, done.stdout.decode())
+        for user in ("ann", "bob"):
+            self.succeed("create", f"{user}@site.test", **neighbours.as_vmail())
+
+    def tearDown(self):
+        postfix("stop")
+
+    def submit(self, sender, recipient, text):
+        """On the interface that local programs use."""
+        subprocess.run(["/bin/sendmail", "-i", "-f", sender, recipient], input=text, check=True)
+
+    def assert_body(self, path, body):
+        head, found = content(path).split(b"\n\n", 1)
+        self.assertEqual(found, body)
+        return head
+
+
+class ArrivalTest(PostfixCase):
+    def test_local_submission(self):
+        body = b"From here\n.\n..\n" + bytes(range(128, 256)) + b"\n\nlast\n"
+        self.submit("bob@site.test", "ann@site.test", b"Subject: hello\n\n" + body)
+        wait_until(everything_delivered, "delivery")
+        path, = messages("ann@site.test")
+        head = self.assert_body(path, body)
+        self.assertIn(b"Return-Path: <bob@site.test>", head)
+        self.assertIn(b"Subject: hello", head)
+        size = os.path.getsize(path)
+        self.assertTrue(path.endswith(f",#F#S#{size}#E"), path)
+        self.assertEqual(folder_record("ann@site.test"), (size, 1))
+        self.assertEqual(os.stat(path).st_uid, neighbours.VMAIL)
+
+    def test_smtp_with_a_tag_and_two_recipients(self):
+        text = b"Subject: over SMTP\r\n\r\nline\r\n.dot\r\n"
+        with smtplib.SMTP("127.0.0.1") as smtp:
+            refused = smtp.sendmail("bob@site.test", ["ann+Work@site.test", "bob@site.test"], text)
+        self.assertEqual(refused, {})
+        wait_until(everything_delivered, "delivery")
+        for address, folder in (("ann@site.test", "Work"), ("bob@site.test", "Inbox")):
+            path, = messages(address, folder)
+            self.assert_body(path, b"line\n.dot\n")
+        self.assertEqual(messages("ann@site.test"), [])
+        queue_id = content(path).split(b"with ESMTP id ")[1].split()[0].rstrip(b";").decode()
+        self.assertIn(f"#Q#{queue_id},", path)
+
+    def test_many_at_once(self):
+        with smtplib.SMTP("127.0.0.1") as smtp:
+            for n in range(60):
+                smtp.sendmail("bob@site.test", [f"ann{'+Work' * (n % 2)}@site.test"],
+                              b"Subject: %d\r\n\r\n" % n + b"x\r\n" * n)
+        wait_until(everything_delivered, "delivery", 60)
+        sizes = []
+        for folder in ("Inbox", "Work"):
+            paths = messages("ann@site.test", folder)
+            self.assertEqual(len(paths), 30)
+            found = sum(map(os.path.getsize, paths))
+            self.assertEqual(folder_record("ann@site.test", folder), (found, 30))
+            sizes.append(found)
+        self.assertEqual(mailbox_record("ann@site.test"), (sum(sizes), 60))
+
+
+class ExitCodeTest(PostfixCase):
+    def small_home(self, size):
+        subprocess.run(["umount", HOME], stderr=subprocess.DEVNULL)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", f"size={size},uid={neighbours.VMAIL}",
+                        "tmpfs", HOME], check=True)
+
+    def test_unknown_user_goes_back_to_the_sender(self):
+        self.submit("bob@site.test", "nobody@site.test", b"Subject: lost\n\ntext\n")
+        wait_until(everything_delivered, "the bounce")
+        path, = messages("bob@site.test")
+        bounce = content(path)
+        self.assertIn(b"Status: 5.1.1", bounce)
+        self.assertIn(b"there is no mailbox nobody@site.test", bounce)
+        self.assertIn(b"Subject: lost", bounce)
+        self.assertFalse(os.path.exists(f"{HOME}/site.test/nobody~site.test"))
+
+    def test_a_full_disk_is_tried_again(self):
+        self.small_home("256k")
+        self.succeed("create", "ann@site.test", **neighbours.as_vmail())
+        self.submit("bob@site.test", "ann@site.test", b"Subject: big\n\n" + b"x" * 70 * 5000)
+        wait_until(deferred, "the delay")
+        self.assertRegex(deferred()[0], "No space left on device")
+        self.assertEqual(messages("ann@site.test"), [])
+        self.assertEqual(folder_record("ann@site.test"), (0, 0))
+        subprocess.run(["mount", "-o", "remount,size=10m", HOME], check=True)
+        subprocess.run(["postqueue", "-f"], check=True)
+        wait_until(everything_delivered, "delivery after the delay")
+        self.assertEqual(len(messages("ann@site.test")), 1)
+        subprocess.run(["umount", HOME], check=True)
+
+    def test_an_unreadable_spool_is_tried_again(self):
+        os.chown(HOME, 0, 0)
+        os.chmod(HOME, 0o700)
+        self.submit("bob@site.test", "ann@site.test", b"Subject: later\n\ntext\n")
+        wait_until(deferred, "the delay")
+        self.assertRegex(deferred()[0], "Permission denied")
+        neighbours.make_home()
+        subprocess.run(["postqueue", "-f"], check=True)
+        wait_until(everything_delivered, "delivery after the delay")
+        self.assertEqual(len(messages("ann@site.test")), 1)
+        self.assertEqual(messages("bob@site.test"), [])
+
+
+class NoticeTest(PostfixCase):
+    def test_a_quota_notice_goes_out_and_comes_back_in(self):
+        self.succeed("quota", "notify", "ann@site.test", "--subject", "Mailbox nearly full",
+                     "--force", **submitter())
+        wait_until(everything_delivered, "the notice")
+        path, = messages("ann@site.test")
+        head = self.assert_body(path, b"\n")
+        for line in (b"Subject:Mailbox nearly full", b"X-Tessaly-Quota: 1", b"Precedence: bulk"):
+            self.assertIn(line, head.split(b"\n"))
+
+
+if __name__ == "__main__":
+    import unittest
+    unittest.main()

@@ -1,0 +1,20 @@
+/* The enumerators are interface, but no function of the library has their types: callers pass them
+ * as int. These functions have, so that the kept dump of this library's interface holds them. */
+#include <tessaly/maillist.h>
+#include <tessaly/mailstore.h>
+#include <tessaly/userpref.h>
+
+#define SHOWN __attribute__((visibility("default")))
+
+SHOWN void interface_file_kind(enum MailUserFileKind kind);
+SHOWN void interface_list_scope(enum mail_list_scope scope);
+SHOWN void interface_preference_type(enum pref_type type);
+SHOWN void interface_convertors(pref_text_to_field read, pref_field_to_text write);
+
+void interface_file_kind(enum MailUserFileKind kind) { (void)kind; }
+void interface_list_scope(enum mail_list_scope scope) { (void)scope; }
+void interface_preference_type(enum pref_type type) { (void)type; }
+void interface_convertors(pref_text_to_field read, pref_field_to_text write) {
+    (void)read;
+    (void)write;
+}

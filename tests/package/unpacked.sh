@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# unpacked.sh SOURCE PYTHON - unpacks the packages of build/debs into an empty root, lays that over
+# the sandbox's, and goes through the tutorial there: compiler, loader, man and shells find
+# everything where Debian has it.
+set -euo pipefail
+source=$1 python=$2
+root=$(mktemp -d "$source/build/package/root.XXXXXX")
+trap 'rm -rf "$root"' EXIT
+
+count=0
+for deb in "$source"/build/debs/*.deb; do
+    dpkg -x "$deb" "$root"
+    count=$((count + 1))
+done
+[ "$count" -ge 4 ] || { echo "only $count packages" >&2; exit 1; }
+
+# shellcheck disable=SC2016
+"$source/scripts/sandbox" --over "$root" -- bash -euc '
+    root=$1 source=$2 python=$3
+    [ "$(command -v tsmail)" = /usr/bin/tsmail ]
+    ldd /usr/bin/tsmail | grep "libtsmail.so.1 => /lib/"
+    # Searched for nowhere but where the loader looks.
+    if readelf -d /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 | grep -E "RPATH|RUNPATH"; then exit 1; fi
+    # Hardened: addresses known at start only, tables read-only, buffers checked.
+    readelf -h /usr/bin/tsmail | grep -q "DYN (Position-Independent"
+    for binary in /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 /usr/lib/*/libtssupport.so.1; do
+        readelf -dW "$binary" | grep -q "BIND_NOW"
+        readelf -lW "$binary" | grep -q GNU_RELRO
+        readelf -sW --dyn-syms "$binary" | grep -q __stack_chk_fail
+        readelf -sW --dyn-syms "$binary" | grep -qE "__(read|memcpy|snprintf|open[a-z0-9_]*)_(chk|2)@"
+    done
+    for name in tsmail.1 libtsmail.3 tsl_get_dir_size.3 tsmail.toml.5; do
+        [ -n "$(find /usr/share/man -name "$name.gz")" ] || { echo "no page $name" >&2; exit 1; }
+    done
+    LC_ALL=C.UTF-8 man tsl_get_dir_size | grep -q tsl_get_dir_size
+    [ -e /usr/share/bash-completion/completions/tsmail ]
+    [ -e /usr/share/zsh/vendor-completions/_tsmail ]
+    "$python" -B "$source/tests/docs/tutorial.py" "$source"' bash "$root" "$source" "$python"

@@ -1,0 +1,15 @@
+// With a support library that knows no postmaster (the stand-in of this folder).
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <tessaly/mailstore.h>
+
+#include "quota/recorded.h"
+
+using namespace quota_test;
+
+TEST(NoPostmaster, TheUsualNameServes) {
+    ASSERT_NE(::dlsym(RTLD_DEFAULT, "open_and_lock_file"), nullptr);
+    ASSERT_EQ(::dlsym(RTLD_DEFAULT, "cfg_get_postmaster"), nullptr);
+    EXPECT_EQ(tsl_send_quota_msg(nullptr, nullptr, nullptr, nullptr), 0);
+    EXPECT_EQ(sent(), notice("postmaster", "postmaster", "(no subject)", ""));
+}

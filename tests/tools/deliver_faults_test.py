@@ -1,0 +1,240 @@
+"""deliver, stopped or failing at every one of its system calls; and many of them at once."""
+
+import os
+import re
+import subprocess
+import threading
+import time
+import unittest
+
+from tools import toolkit
+from tools.toolkit import (SANITIZED, TSMAIL, SpoolCase, environment, folder_record, is_marked,
+                           left_in_tmp, mail, mailbox_record, messages, numbered, traced)
+
+ANN = "ann@site.test"
+DELIVER = [TSMAIL, "deliver", ANN]
+BODY = b"Subject: x\n\n" + b"0123456789" * 20
+
+
+class FaultCase(SpoolCase):
+    """A walk over the system calls of a delivery, from the moment that it looks at the mailbox."""
+
+    # Makes the tool believe that files without a name cannot be given one.
+    NAMED = ["-e", "inject=access:error=ENOENT:when=%d"]
+
+    def setUp(self):
+        super().setUp()
+        self.succeed("create", ANN)
+
+    def deliver(self, *options, named=False):
+        if named:
+            options = [*options, *self.hide_proc]
+        return traced(options, DELIVER, stdin=BODY)
+
+    def calls_of_a_delivery(self, named):
+        if named:
+            _, calls = self.deliver()
+            [probe] = [n for name, n, line in numbered(calls)
+                       if name == "access" and "/proc/self/fd" in line]
+            self.hide_proc = [word.replace("%d", str(probe)) for word in self.NAMED]
+        done, calls = self.deliver(named=named)
+        self.assertEqual(done.code, 0, done)
+        rows = numbered(calls)
+        self.assertEqual(any("O_TMPFILE" in line for _, _, line in rows), not named)
+        first = next(i for i, (_, _, line) in enumerate(rows) if toolkit.HOME in line)
+        left_out = {"exit_group", "getpid", "geteuid", "getegid"}
+        if named:
+            left_out.add("access")
+        if SANITIZED:  # the sanitizer's own, which it does not survive
+            left_out |= {"mmap", "munmap", "madvise"}
+        return [(name, n) for name, n, _ in rows[first:] if name not in left_out]
+
+
+class KilledTest(FaultCase):
+    def kill_everywhere(self, named, leftovers):
+        killed = 0
+        for name, n in self.calls_of_a_delivery(named):
+            with self.subTest(call=name, n=n):
+                self.setUp()
+                done, _ = self.deliver("-e", f"inject={name}:signal=KILL:when={n}", named=named)
+                killed += done.code == -9
+                found = messages(ANN)
+                self.assertLessEqual(len(found), 1)
+                for path in found:
+                    self.assertEqual(toolkit.content(path), BODY)
+                    self.assertTrue(path.endswith(f"#S#{len(BODY)}#E"))
+                self.assertLessEqual(len(left_in_tmp(ANN)), leftovers)
+                for path in left_in_tmp(ANN):
+                    self.assertRegex(path, r",#F#S#0#E$")
+                # Counted only what stands there.
+                self.assertLessEqual(folder_record(ANN)[1], len(found))
+                self.assertLessEqual(mailbox_record(ANN)[1], folder_record(ANN)[1])
+                if done.code == 0:
+                    self.assertEqual(len(found), 1)
+        self.assertGreater(killed, 20)
+
+    def test_without_a_name_nothing_is_left(self):
+        self.kill_everywhere(named=False, leftovers=0)
+
+    def test_with_a_name_what_is_left_is_in_tmp(self):
+        self.kill_everywhere(named=True, leftovers=1)
+
+
+class FailingTest(FaultCase):
+    def fail_everywhere(self, named, errors):
+        refused = 0
+        for name, n in self.calls_of_a_delivery(named):
+            for error in errors:
+                with self.subTest(call=name, n=n, error=error):
+                    self.setUp()
+                    done, _ = self.deliver("-e", f"inject={name}:error={error}:when={n}",
+                                           named=named)
+                    refused += done.code != 0
+                    self.check(done)
+        self.assertGreater(refused, 5)
+
+    def check(self, done):
+        found = messages(ANN)
+        # Removing the name in tmp may be the very call that fails.
+        self.assertLessEqual(len(left_in_tmp(ANN)), 1 if "unlink" in str(done) else 0)
+        if done.code == 0:
+            self.assertEqual([toolkit.content(path) for path in found], [BODY])
+            whole = (len(BODY), 1)
+            counted = folder_record(ANN) == whole and mailbox_record(ANN) == whole
+            if not counted:
+                self.assertRegex(done.err, "warning: .*size record", done)
+        else:
+            self.assertIn(done.code, (66, 67, 73, 74, 75), done)
+            self.assertEqual(found, [], done)
+            self.assertEqual(done.out, "")
+            self.assertEqual((folder_record(ANN), mailbox_record(ANN)), ((0, 0), (0, 0)))
+
+    ERRORS = ["ENOSPC"] if SANITIZED else ["EIO", "ENOSPC", "EINTR", "EMFILE", "EACCES"]
+
+    def test_without_a_name(self):
+        self.fail_everywhere(False, self.ERRORS)
+
+    def test_with_a_name(self):
+        self.fail_everywhere(True, self.ERRORS[:2])
+
+    def test_exit_codes(self):
+        rows = [("ENOSPC", 75), ("EDQUOT", 75), ("ENOMEM", 75), ("EMFILE", 75), ("EIO", 74),
+                ("EROFS", 75), ("EPERM", 75), ("EACCES", 75), ("ELOOP", 73), ("ENXIO", 74)]
+        for error, code in rows:
+            done, _ = self.deliver("-e", f"inject=linkat:error={error}:when=1")
+            self.assertEqual(done.code, code, done)
+            self.assertRegex(done.err, "^tsmail: putting the message into new: ")
+        done, _ = self.deliver("-e", "inject=fsync:error=EIO:when=1")
+        self.assertEqual(done.code, 74, done)
+        self.assertEqual((messages(ANN), left_in_tmp(ANN)), ([], []))
+
+
+class FallbackTest(FaultCase):
+    def tmpfile_call(self):
+        _, calls = self.deliver()
+        [n] = [n for _, n, line in numbered(calls) if "O_TMPFILE" in line]
+        return n
+
+    def test_a_file_system_without_unnamed_files(self):
+        n = self.tmpfile_call()
+        for error in ("EOPNOTSUPP", "EISDIR", "EINVAL"):
+            self.setUp()
+            done, calls = self.deliver("-e", f"inject=openat:error={error}:when={n}")
+            self.assertEqual(done.code, 0, done)
+            self.assertTrue(any("RENAME_NOREPLACE" in line for line in calls))
+            self.assert_counted(ANN)
+            self.assertEqual(left_in_tmp(ANN), [])
+
+    def test_nor_an_exclusive_rename(self):
+        n = self.tmpfile_call()
+        for error in ("EINVAL", "ENOSYS"):
+            self.setUp()
+            done, calls = self.deliver("-e", f"inject=openat:error=EOPNOTSUPP:when={n}",
+                                       "-e", f"inject=renameat2:error={error}")
+            self.assertEqual(done.code, 0, done)
+            self.assertTrue(any(re.match(r"linkat\(\d", line) for line in calls))
+            self.assert_counted(ANN)
+            self.assertEqual(left_in_tmp(ANN), [])
+
+    def test_a_name_that_exists_is_drawn_again(self):
+        done, calls = self.deliver("-e", "inject=linkat:error=EEXIST:when=1..3")
+        self.assertEqual(done.code, 0, done)
+        names = [re.search(r'"(\d+\.[^"]*#E)"', line).group(1) for line in calls
+                 if line.startswith("linkat")]
+        self.assertEqual((len(names), len(set(names))), (4, 4))
+        self.setUp()
+        done, calls = self.deliver("-e", "inject=linkat:error=EEXIST")
+        self.assertEqual(done.code, 75, done)
+        self.assertEqual(messages(ANN), [])
+
+    def test_order_of_the_steps(self):
+        _, calls = self.deliver()
+        text = "\n".join(calls)
+        # The folder's lock is the one that is not given back by an unlock.
+        [lock] = set(re.findall(r"flock\((\d+), LOCK_SH", text)) - set(
+            re.findall(r"flock\((\d+), LOCK_UN", text))
+        steps = [r"O_TMPFILE", r"write\(\d+, \"Subject", r"fsync\(", rf"flock\({lock}, LOCK_SH",
+                 r"linkat\(", r"fsync\(", r"\.ts_folder_size\", O_", r"/\.maildirsize\", O_",
+                 rf"close\({lock}\)", r"write\(1, ", r"sendto\("]
+        place = 0
+        for step in steps:
+            match = re.compile(step).search(text, place)
+            self.assertIsNotNone(match, step)
+            place = match.end()
+        for line in calls:
+            if re.match(r"open(at)?\(", line) and toolkit.HOME in line:
+                self.assertIn("O_CLOEXEC", line)
+
+
+class TogetherTest(SpoolCase):
+    PROCESSES, EACH = 4, 25
+
+    def setUp(self):
+        super().setUp()
+        self.succeed("create", ANN)
+
+    def test_a_count_beside_deliveries_is_exact(self):
+        sample = toolkit.SAMPLES[0]
+        script = f'for i in $(seq {self.EACH}); do "$0" -q deliver {ANN} "$1" || exit 1; done'
+        agents = [subprocess.Popen(["bash", "-c", script, TSMAIL, sample], env=environment())
+                  for _ in range(self.PROCESSES)]
+        counts = 0
+        while any(agent.poll() is None for agent in agents):
+            with toolkit.Lock(mail(ANN) + "/Inbox"):
+                found = len(messages(ANN))
+                self.assertEqual(folder_record(ANN)[1], found)
+                self.assertEqual(mailbox_record(ANN)[1], found)
+            counts += 1
+            time.sleep(0.002)
+        self.assertEqual([agent.wait() for agent in agents], [0] * self.PROCESSES)
+        self.assertGreater(counts, 3)
+        self.assertEqual(len(messages(ANN)), self.PROCESSES * self.EACH)
+        self.assert_counted(ANN)
+        self.assertEqual(left_in_tmp(ANN), [])
+
+    def test_the_folder_lock_is_waited_for(self):
+        with toolkit.Lock(mail(ANN) + "/Inbox"):
+            process = subprocess.Popen([TSMAIL, "-q", "deliver", ANN], stdin=subprocess.DEVNULL,
+                                       env=environment())
+            time.sleep(0.3)
+            self.assertIsNone(process.poll())
+            self.assertEqual((messages(ANN), mailbox_record(ANN)), ([], (0, 0)))
+        self.assertEqual(process.wait(timeout=10), 0)
+        self.assertEqual(len(messages(ANN)), 1)
+
+    def test_two_that_make_the_same_folder(self):
+        for turn in range(10):
+            results = []
+            def deliver(folder=f"F{turn}/sub"):
+                results.append(toolkit.tsmail("deliver", ANN, "--folder", folder, stdin=b"x").code)
+            threads = [threading.Thread(target=deliver) for _ in range(3)]
+            for thread in threads:
+                thread.start()
+            for thread in threads:
+                thread.join()
+            self.assertEqual(results, [0, 0, 0])
+            self.assertEqual(folder_record(ANN, f"F{turn}/sub"), (3, 3))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,297 @@
+"""doctor: what is wrong is found and said, nothing is touched; repaired it is gone, and no mail with it."""
+
+import fcntl
+import os
+import shutil
+import time
+import unittest
+
+from tools import toolkit
+from tools.toolkit import (Lock, SpoolCase, as_nobody, content, folder_record, held_by_folders,
+                           is_marked, mail, mailbox_record, messages, mode, own_by_nobody, snapshot,
+                           tsmail, wait_until, write)
+
+ANN, BERT = "ann@site.test", "bert@site.test"
+TOP = mail(ANN)
+PREF = os.path.dirname(TOP) + "/pref"
+LONG_AGO = time.time() - 37 * 3600
+
+
+def put(place, data=b"x", age=0.0):
+    path = f"{TOP}/{place}"
+    write(path, data)
+    os.utime(path, (time.time() - age, time.time() - age))
+    return path
+
+
+def left_in_tmp(name, data, hours=37.0):
+    return put("Inbox/tmp/" + name, data, hours * 3600)
+
+
+class DoctorCase(SpoolCase):
+    def setUp(self):
+        super().setUp()
+        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", BERT)
+        self.succeed("deliver", ANN, stdin=b"x" * 100)
+        self.succeed("deliver", "ann+Work@site.test", stdin=b"y" * 20)
+
+    def doctor(self, code, *words, **options):
+        done = tsmail("--json", "doctor", ANN, *words, **options)
+        self.assertEqual(done.code, code, done)
+        return done.objects
+
+    def bodies(self):
+        """What every file below the mailbox's new, cur and tmp holds."""
+        return sorted(data for path, (_, data) in snapshot(TOP).items()
+                      if path.split("/")[-2] in ("new", "cur", "tmp") and data is not None)
+
+
+class FindingsTest(DoctorCase):
+    def found(self, check, path, what, repaired=True, rest=()):
+        """One finding, read only; repaired, or not; clean after that but for `rest`."""
+        before = snapshot("/var/spool")
+        mail_before = self.bodies()
+        [row] = [row for row in self.doctor(1) if row["check"] not in rest]
+        self.assertEqual((row["address"], row["check"], row["path"]), (ANN, check, path), row)
+        self.assertRegex(row["what"], what)
+        self.assertGreater(len(row["why"]), 20)
+        self.assertEqual((row["repair"] != "", row["repaired"]), (repaired, False), row)
+        self.assertEqual(snapshot("/var/spool"), before)
+        lines = self.fail_text()
+        self.assertTrue(any(path in line for line in lines), lines)
+        rows = self.doctor(0 if repaired else 1, "--repair")
+        self.assertIn((check, path, repaired),
+                      [(row["check"], row["path"], row["repaired"]) for row in rows])
+        self.assertEqual(self.bodies(), mail_before)
+        rows = self.doctor(0 if repaired else 1)
+        self.assertEqual([row["check"] for row in rows], [] if repaired else [check])
+
+    def fail_text(self):
+        done = tsmail("doctor", ANN)
+        self.assertEqual(done.code, 1, done)
+        return done.lines
+
+    def test_nothing(self):
+        self.assertEqual(self.doctor(0), [])
+        self.assertEqual(self.succeed("doctor", ANN).lines, ["0 findings in 1 mailboxes, 0 repaired"])
+
+    def test_a_size_file_that_is_wrong(self):
+        path = TOP + "/Inbox/.ts_folder_size"
+        for text, what in (("7 7\n", "says 7 bytes in 7 messages; there are 100 bytes in 1 message$"),
+                           ("99999999999999999999 1\n", "is damaged")):
+            write(path, text)
+            self.found("sizes", path, what)
+            self.assertEqual(content(path), b"100 1\n")
+        write(TOP + "/.maildirsize", "")
+        self.found("sizes", TOP + "/.maildirsize", "says 0 bytes in 0 messages; there are 120 bytes")
+
+    def test_a_mark(self):
+        path = put(".maildirsize.dirty", b"", 7300)
+        self.found("mark", path, "waiting for a recount for 121 minutes")
+
+    def test_a_cache(self):
+        for text in ("mtime=5,size=7", f"mtime={int(time.time()) + 1000}\nsize=7\n"):
+            self.found("cache", put("Inbox/.ts_cache", text), "says 7 bytes; there are 100")
+        put("Inbox/.ts_cache", "mtime=5,size=100")
+        self.assertEqual(self.doctor(0), [])
+
+    def test_a_folder_without_its_parts(self):
+        os.rmdir(TOP + "/Sent/tmp")
+        self.found("folder-parts", TOP + "/Sent", "^no tmp$")
+        shutil.rmtree(TOP + "/Work/new")
+        os.makedirs(TOP + "/Work/new")
+        os.rmdir(TOP + "/Work/cur")
+        os.rmdir(TOP + "/Work/tmp")
+        self.found("folder-parts", TOP + "/Work", "^no cur, tmp$", rest=("sizes",))
+
+    def test_folders_that_nobody_finds(self):
+        for part in ("cur", "new", "tmp"):
+            os.makedirs(f"{TOP}/Plain/Below/{part}")
+        write(TOP + "/Plain/Below/new/1.a,#F#S#1#E", "x")
+        self.found("folder-parts", TOP + "/Plain", "^no cur, new, tmp$")
+        self.assertEqual(folder_record(ANN, "Plain/Below"), (1, 1))
+        os.makedirs(TOP + "/plain")  # somebody's own
+        os.symlink("/etc", TOP + "/link")
+        self.assertEqual(self.doctor(0), [])
+
+    def test_complete_messages_in_tmp_go_back(self):
+        rows = (("a,#F#S#5#E", b"12345", "new"), ("b,#F#S#5#E:2,S", b"12345", "cur"),
+                ("c:2,FS", b"123", "cur"))
+        for name, data, place in rows:
+            self.found("leftovers", left_in_tmp(name, data), "complete message, 37 hours old",
+                       rest=("untagged",))
+            base = name.split(",")[0].split(":")[0]
+            [path] = [path for path in messages(ANN) if os.path.basename(path).startswith(base)]
+            self.assertEqual((path.split("/")[-2], content(path)), (place, data))
+        self.assertEqual(mailbox_record(ANN), (133, 5))
+
+    def test_what_may_be_a_part_of_a_message_stays(self):
+        for name, data in (("a,#F#S#5#E", b"1234"), ("a,#F#S#5#E:2,S", b"1234"), ("a", b"12345"),
+                           ("a,#F#S#0#E", b""), ("a,#F#S#0#E", b"123")):
+            path = left_in_tmp(name, data)
+            self.found("leftovers", path, "that may be a part of a message", repaired=False)
+            os.unlink(path)
+        left_in_tmp("a,#F#S#5#E", b"12345", 35.9)
+        left_in_tmp(".hidden,#F#S#5#E", b"12345")
+        self.assertEqual(self.doctor(0), [])
+
+    def test_a_name_that_is_taken(self):
+        left_in_tmp("a,#F#S#5#E", b"12345")
+        put("Inbox/new/a,#F#S#5#E", b"other")
+        self.succeed("recount", ANN)
+        done = tsmail("--json", "doctor", ANN, "--repair")
+        self.assertEqual(done.code, 1, done)
+        self.assertIn("File exists", done.err)
+        self.assertFalse(done.objects[0]["repaired"])
+        self.assertEqual(content(TOP + "/Inbox/new/a,#F#S#5#E"), b"other")
+        self.assertEqual(content(TOP + "/Inbox/tmp/a,#F#S#5#E"), b"12345")
+
+    def test_messages_without_a_size_in_the_name(self):
+        put("Inbox/new/a", b"123")
+        put("Inbox/cur/b:2,S", b"123")
+        self.succeed("recount", ANN)
+        self.found("untagged", TOP + "/Inbox", "^2 messages without a size")
+        self.assertTrue(all("#S#" in path for path in messages(ANN)))
+
+    @unittest.skipIf(os.geteuid() != 0, "only root can be somebody else")
+    def test_permissions(self):
+        for path, bits, right, check in (
+                (TOP, 0o755, 0o700, "root-permissions"), (PREF, 0o770, 0o700, "root-permissions"),
+                (TOP + "/Inbox/new", 0o055, 0o755, "folder-permissions"),
+                (TOP + "/Work", 0o600, 0o700, "folder-permissions")):
+            os.chmod(path, bits)
+            self.found(check, path, f"the mode is {bits:04o}")
+            self.assertEqual(mode(path), right)
+
+    def test_preferences(self):
+        path = f"{PREF}/ann~site.test.pref"
+        self.succeed("pref", "set", ANN, "npage=50", "uname=Ann")
+        good = content(path)
+        write(path, b"npage=10\nnpage = 11\n" + good)
+        self.found("preferences", path, 'the key "npage" is there 3 times')
+        self.assertEqual(content(path), good)
+        write(path, good + b"colour=blue\n# a remark\n\n")
+        self.found("preferences", path, 'the key "colour" is unknown', repaired=False)
+        write(path, good + b"npage=50\ncolour=blue\n")
+        before = content(path)
+        self.assertEqual(sorted(row["repair"] for row in self.doctor(1, "--repair")), ["", ""])
+        self.assertEqual(content(path), before)
+
+    def test_lists(self):
+        path = f"{PREF}/.ann~site.test.whitelist.tmp"
+        write(path, "half")
+        self.assertEqual(self.doctor(0), [])
+        os.utime(path, (LONG_AGO, LONG_AGO))
+        write(f"{PREF}/.bert~site.test.whitelist.tmp", "another's")
+        os.utime(f"{PREF}/.bert~site.test.whitelist.tmp", (LONG_AGO, LONG_AGO))
+        self.found("list-leftovers", path, "not finished")
+        path = f"{PREF}/ann~site.test.blacklist"
+        write(path, "a@b\n" + "x" * 254 + "\n")
+        self.assertEqual(self.doctor(0), [])
+        write(path, "a@b\n" + "x" * 255 + "\n")
+        self.found("list-lines", path, "line 2 is longer", repaired=False)
+
+    def test_partners(self):
+        for name in ("primaryaddr", "secondaryaddr"):
+            path = f"{PREF}/ann~site.test.{name}"
+            write(path, "bert@site.test\ngone@site.test\n")
+            self.found("partners", path, "no mailbox gone@site.test")
+            self.assertEqual(content(path), b"bert@site.test\n")
+            write(path, "../x@site.test\r\nBert@Site.Test\n")
+            self.found("partners", path, "no mailbox ../x@site.test")
+
+    def test_flags(self):
+        for name in ("quota_warning_flag", "quota_exceeded_flag"):
+            path = f"{os.path.dirname(TOP)}/{name}"
+            for good in ("", "5", "-3"):
+                write(path, good)
+                self.assertEqual(self.doctor(0), [])
+            for bad in ("full", "5x", "1\n2\n", "99999999999"):
+                write(path, bad)
+                self.found("flags", path, "holds no number")
+                self.assertEqual(content(path), b"")
+            os.unlink(path)
+            os.mkdir(path)
+            self.found("flags", path, "is no file", repaired=False)
+            os.rmdir(path)
+
+
+class RunTest(DoctorCase):
+    def test_all(self):
+        write(mail(BERT) + "/Inbox/.ts_folder_size", "1 1\n")
+        write(TOP + "/.maildirsize", "1 1\n")
+        done = tsmail("--json", "doctor", "--all")
+        self.assertEqual(done.code, 1, done)
+        self.assertEqual([row["address"] for row in done.objects], [ANN, BERT])
+        self.assertEqual(tsmail("doctor", "--all", "--repair").lines[-1],
+                         "2 findings in 2 mailboxes, 2 repaired")
+        self.assertEqual(self.succeed("doctor", "--all").lines,
+                         ["0 findings in 2 mailboxes, 0 repaired"])
+        self.fail_with(64, "doctor")
+        self.fail_with(64, "doctor", ANN, "--all")
+        self.fail_with(67, "doctor", "carl@site.test")
+
+    def test_everything_at_once_is_mended_in_one_run(self):
+        shutil.rmtree(TOP + "/Work/tmp")
+        left_in_tmp("a:2,S", b"12345")
+        put("Inbox/new/b", b"1")
+        put("Inbox/.ts_cache", "mtime=5,size=7")
+        write(TOP + "/Inbox/.ts_folder_size", "-1 -1\n")
+        write(TOP + "/.maildirsize.dirty", "")
+        os.chmod(TOP, 0o755)
+        before = self.bodies()
+        rows = self.doctor(0, "--repair")
+        self.assertGreaterEqual({row["check"] for row in rows},
+                                {"root-permissions", "folder-parts", "leftovers", "untagged", "cache"})
+        self.assertEqual(self.doctor(0), [])
+        self.assertEqual(self.bodies(), before)
+        self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
+        self.assertFalse(is_marked(ANN))
+
+    def test_a_check_that_cannot_be_made(self):
+        write(mail(BERT) + "/.maildirsize", "1 1\n")
+        own_by_nobody("/var/spool/home")
+        os.chmod(TOP + "/Work/2024", 0)
+        done = tsmail("--json", "doctor", "--all", **as_nobody())
+        os.chmod(TOP + "/Work/2024", 0o700)
+        self.assertEqual(done.code, 73, done)
+        self.assertRegex(done.err, 'the check "sizes" could not be made: .*Permission denied')
+        self.assertEqual([row["address"] for row in done.objects], [BERT])
+
+    def test_a_message_goes_back_under_the_folders_lock(self):
+        path = left_in_tmp("a,#F#S#5#E", b"12345")
+        with Lock(TOP + "/Inbox"):
+            process = self.begin("doctor", ANN, "--repair")
+            time.sleep(0.4)
+            self.assertIsNone(process.poll())
+            self.assertTrue(os.path.exists(path))
+        self.end(process)
+        wait_until(lambda: not os.path.exists(path))
+        self.assertEqual(mailbox_record(ANN), (125, 3))
+
+    def test_a_message_that_is_just_being_counted_is_no_finding(self):
+        size_file = TOP + "/Inbox/.ts_folder_size"
+        with Lock(TOP + "/Inbox", fcntl.LOCK_SH):  # as a delivery has it
+            put("Inbox/new/b,#F#S#5#E", b"12345")
+            process = self.begin("doctor", ANN)
+            time.sleep(0.4)
+            self.assertIsNone(process.poll())
+            for path in (size_file, TOP + "/.maildirsize"):
+                with open(path, "a", encoding="ascii") as file:
+                    file.write("5 1\n")
+        self.end(process)
+
+    def test_beside_deliveries_nothing_is_found(self):
+        agents = [toolkit.subprocess.Popen(
+            ["bash", "-c", f'for i in $(seq 30); do "$0" -q deliver {ANN} "$1" || exit 1; done',
+             toolkit.TSMAIL, sample]) for sample in toolkit.SAMPLES[:3]]
+        while any(agent.poll() is None for agent in agents):
+            self.assertEqual(tsmail("--json", "doctor", ANN, "--repair").code, 0)
+        self.assertEqual([agent.wait() for agent in agents], [0] * 3)
+        self.assertEqual(self.doctor(0), [])
+        self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,143 @@
+"""--json: the fields of every verb are those that the manual lists, and nothing else."""
+
+import json
+import os
+import re
+import unittest
+
+from tools.toolkit import HOME, SOURCE, SpoolCase, mail, messages, run, tsmail
+
+ANN = "ann@site.test"
+
+
+def documented():
+    """{verb: set of fields} by docs/man/tsmail.md; a verb without fields shows nothing."""
+    with open(os.path.join(SOURCE, "docs/man/tsmail.md"), encoding="utf-8") as file:
+        sections = re.split(r"^## (.*)\n", file.read(), flags=re.M)
+    fields = {}
+    for verb, text in zip(sections[1::2], sections[2::2]):
+        rows = []
+        for table in re.findall(r"^\| field \|.*\n\|[-|]+\|\n((?:\|.*\n)+)", text, flags=re.M):
+            rows += re.findall(r"^\| ([^|]*) \|", table, flags=re.M)
+        fields[verb] = {name for row in rows for name in re.findall(r"`(\w+)`", row)}
+    return fields
+
+
+def leaves(grammar, name=""):
+    for verb in grammar["verbs"]:
+        full = f"{name} {verb['name']}".strip()
+        if verb["verbs"]:
+            yield from leaves(verb, full)
+        else:
+            yield full
+
+
+class FieldsTest(SpoolCase):
+    """What is run for each verb: (words, what comes before). Together they show every field."""
+
+    def prepared(self):
+        self.succeed("create", ANN, "Work")
+        self.succeed("deliver", ANN, stdin=b"Subject: x\n\nx\n")
+        with open("/tmp/broken.toml", "w", encoding="utf-8") as file:
+            file.write("timezone = \n")
+        with open("/tmp/entries", "w", encoding="utf-8") as file:
+            file.write("x@site.test\n")
+        os.makedirs("/tmp/program", exist_ok=True)
+        with open("/bin/sendmail", "w", encoding="utf-8") as file:
+            file.write("#!/bin/sh\ncat >/dev/null\n")
+        os.chmod("/bin/sendmail", 0o755)
+
+    def runs(self):
+        message = os.path.basename(messages(ANN)[0])
+        return {
+            "paths": [["paths", ANN], ["paths", ANN, "--kind", "inbox"]],
+            "create": [["create", ANN]],
+            "folders": [["folders", ANN]],
+            "deliver": [["deliver", ANN]],
+            "size": [["size", ANN]],
+            "recount": [["recount", ANN]],
+            "tag": [["tag", ANN]],
+            "messages": [["messages", ANN, "Inbox"]],
+            "usage": [["usage"], ["usage", "--verify"]],
+            "pref show": [["pref", "show", ANN]],
+            "pref get": [["pref", "get", ANN, "npage"]],
+            "pref set": [["pref", "set", ANN, "npage=50"]],
+            "pref reset": [["pref", "reset", ANN, "npage"]],
+            "list add": [["list", "add", ANN, "whitelist", "a@site.test", "b@site.test"]],
+            "list show": [["list", "show", ANN, "whitelist"]],
+            "list find": [["list", "find", ANN, "whitelist", "a@site.test"]],
+            "list match": [["list", "match", ANN, "whitelist", "a@site.test"]],
+            "list replace": [["list", "replace", ANN, "whitelist", "2", "c@site.test"]],
+            "list import": [["list", "import", ANN, "whitelist", "/tmp/entries"]],
+            "list export": [["list", "export", ANN, "whitelist"]],
+            "list remove": [["list", "remove", ANN, "whitelist", "a@site.test"]],
+            "quota set": [["quota", "set", ANN, "warning"]],
+            "quota show": [["quota", "show", ANN]],
+            "quota clear": [["quota", "clear", ANN, "warning"]],
+            "quota notify": [["quota", "notify", ANN, "--subject", "x"]],
+            "quota reset": [["quota", "reset", ANN]],
+            "doctor": [["doctor", ANN]],  # the mailbox was marked by the verb before
+            "quota archive": [["quota", "archive"]],
+            "check-name": [["check-name", "x"]],
+            "config check": [["config", "check", "/tmp/broken.toml"]],
+            "message rm": [["message", "rm", ANN, "Inbox", message]],
+            "rm": [["rm", ANN, "Work"]],
+            "sweep": [["sweep", ANN]],
+            "mailbox remove": [["mailbox", "remove", ANN, "--yes"]],
+        }
+
+    # What is run answers that there is something wrong.
+    CODES = {"config check": 65, "doctor": 1}
+
+    # These show preferences, whose names are the fields.
+    PREFERENCES = {"pref show", "pref get"}
+
+    def test_every_verb_shows_its_fields(self):
+        self.prepared()
+        fields, runs = documented(), self.runs()
+        grammar = json.loads(tsmail("--help", "--json").out)
+        self.assertEqual(set(runs), set(leaves(grammar)), "each verb is run here")
+        for verb, rows in runs.items():
+            shown = set()
+            for words in rows:
+                done = tsmail("--json", *words, stdin=b"Subject: x\n\nx\n")
+                self.assertEqual(done.code, self.CODES.get(verb, 0), (verb, done))
+                for row in done.objects:
+                    self.assertIsInstance(row, dict)
+                    shown.update(row)
+            if verb in self.PREFERENCES:
+                self.assertIn("npage", shown)
+            else:
+                self.assertEqual(shown, fields[verb], verb)
+
+    def test_the_grammar_is_shown_for_programs(self):
+        one = json.loads(tsmail("list", "add", "--help", "--json").out)
+        self.assertEqual(one["name"], "add")
+        self.assertEqual([a["names"] for a in one["arguments"]], [["ADDRESS"], ["LIST"], ["ENTRY"]])
+        self.assertEqual([a["many"] for a in one["arguments"]], [False, False, True])
+        scope = one["options"][1]
+        self.assertEqual((scope["names"], scope["value"], scope["required"], scope["words"]),
+                         (["--scope"], True, False, ["user", "home", "system"]))
+
+    def test_sizes_in_tables_are_in_binary_units(self):
+        self.succeed("create", ANN)
+        self.succeed("deliver", ANN, stdin=b"x" * 1536)
+        self.assertIn("1.5 KiB", self.succeed("folders", ANN).out)
+        self.assertIn("1.5 KiB", self.succeed("quota", "show", ANN).out)
+        self.assertEqual(json.loads(self.succeed("--json", "quota", "show", ANN).out)["bytes"], 1536)
+
+
+class VerboseTest(SpoolCase):
+    def test_who_works_is_said_to_those_who_ask(self):
+        if os.geteuid() != 0:
+            self.skipTest("only root takes the owner's identity")
+        self.succeed("create", ANN)
+        run(["chown", "-R", "1000:1000", f"{HOME}/site.test/ann~site.test"])
+        self.assertEqual(self.succeed("folders", ANN).err, "")
+        self.assertRegex(self.succeed("-v", "folders", ANN).err,
+                         rf"^tsmail: working as the owner of {re.escape(mail(ANN))}, user 1000\n$")
+        self.assertEqual(self.succeed("-v", "-q", "folders", ANN).err, "")
+
+
+if __name__ == "__main__":
+    unittest.main()

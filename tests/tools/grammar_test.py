@@ -1,0 +1,139 @@
+"""The command line: help, hints, exit codes, colour, standard streams."""
+
+import os
+import pty
+import re
+import subprocess
+import unittest
+
+from tools.toolkit import TSMAIL, SOURCE, SpoolCase, environment, run, tsmail
+
+VERBS = ["paths", "create", "folders", "deliver", "pref", "list", "quota", "config"]
+
+
+class GrammarTest(SpoolCase):
+    def test_help_names_every_verb(self):
+        help_text = self.succeed("--help").out
+        for verb in VERBS:
+            self.assertRegex(help_text, rf"(?m)^  {verb} ")
+            self.assertIn("Usage: tsmail " + verb, self.succeed(verb, "--help").out)
+
+    def test_version(self):
+        self.assertRegex(self.succeed("--version").out, r"^tsmail \d+\.\d+\.\d+\n$")
+
+    def test_usage_errors(self):
+        rows = [
+            ([], "a verb is missing: paths, create"),
+            (["config"], "a verb is missing: check"),
+            (["foldrs", "a@site.test"], 'there is no verb "foldrs"; did you mean "folders"\\?'),
+            (["dleiver"], 'did you mean "deliver"'),
+            (["xyzzyxyzzy"], "the verbs are paths, "),
+            (["config", "chekc"], 'did you mean "check"'),
+            (["--jsno", "paths", "a@site.test"], 'jsno; did you mean "--json"\\?'),
+            (["paths", "a@site.test", "--tpye=user"], 'did you mean "--type"\\?'),
+            (["paths", "a@site.test", "--xyzzyxyzzy"], "xyzzyxyzzy\n"),
+            (["paths"], "ADDRESS"),
+            (["paths", "a@site.test", "b@site.test"], "b@site.test"),
+            (["paths", "a@site.test", "--type"], "type"),
+            (["paths", "a@site.test", "--type", "usr"], 'no mailbox type "usr"; allowed: none \\(0\\)'),
+            (["paths", "a@site.test", "--kind", "3"], 'no file kind "3"; allowed: whitelist \\(0\\)'),
+            (["paths", "a@site.test", "--kind", "-1"], "file kind|kind"),
+            (["evil\x1b[31m"], r'no verb "evil\\x1b\[31m"'),
+            (["paths", "a@site.test", "b\x1b[31m"], r"b\\x1b\[31m"),
+        ]
+        for words, saying in rows:
+            with self.subTest(words=words):
+                done = self.fail_with(64, *words, saying=saying)
+                self.assertIn("tsmail", done.err)
+                self.assertNotIn("\x1b", done.err)
+                self.assertEqual(done.out, "")
+
+    def test_options_of_all_verbs_stand_anywhere(self):
+        first = self.succeed("--json", "paths", "a@site.test").out
+        last = self.succeed("paths", "a@site.test", "--json").out
+        self.assertEqual(first, last)
+        self.assertTrue(first.startswith("{"))
+
+    def test_quiet_says_nothing(self):
+        self.assertEqual(self.succeed("-q", "paths", "a@site.test").out, "")
+
+    def test_words_in_brackets_are_one_word(self):
+        self.succeed("create", "a@site.test", "[b,c]", "[d]")
+        self.assertEqual({"[b,c]", "[d]"} - set(os.listdir("/var/spool/home/site.test/a~site.test/mail")),
+                         set())
+
+    def test_verb_names_are_plain_words_behind_a_verb(self):
+        self.succeed("create", "a@site.test", "paths", "create", "folders")
+
+    def test_no_arguments_at_all(self):
+        done = run(["bash", "-c", 'exec -a "" "$0"', TSMAIL])
+        self.assertEqual(done.code, 64, done)
+
+
+class StreamsTest(SpoolCase):
+    def test_results_that_cannot_be_written(self):
+        with open("/dev/full", "wb") as full:
+            done = tsmail("paths", "a@site.test", stdout=full.fileno())
+        self.assertEqual(done.code, 74, done)
+        self.assertIn("standard output: No space left", done.err)
+
+    def test_a_reader_that_went_away(self):
+        reader, writer = os.pipe()
+        os.close(reader)
+        done = tsmail("paths", "a@site.test", stdout=writer)
+        os.close(writer)
+        self.assertEqual(done.code, 74, done)
+
+    def test_closed_streams_do_no_harm(self):
+        self.succeed("create", "a@site.test")
+        for closed in ("0<&-", "1>&-", "2>&-", "0<&- 1>&- 2>&-"):
+            done = run(["bash", "-c", f'"$0" deliver a@site.test {closed}', TSMAIL], stdin=b"x")
+            self.assertEqual(done.code, 66 if "0<" in closed else 0, (closed, done))
+        done = run(["bash", "-c", '"$0" paths a@site.test 1>&-', TSMAIL])
+        self.assertEqual(done.code, 74, done)
+
+    def on_terminal(self, **changes):
+        master, terminal = pty.openpty()
+        with subprocess.Popen([TSMAIL, "paths", "a@site.test"], stdout=terminal,
+                              env=environment(**changes)) as process:
+            os.close(terminal)
+            shown = b""
+            try:
+                while piece := os.read(master, 65536):
+                    shown += piece
+            except OSError:
+                pass  # the terminal's end
+            os.close(master)
+            self.assertEqual(process.wait(), 0)
+        return shown
+
+    def test_colour_only_on_a_terminal_that_wants_it(self):
+        rows = [({"TERM": "xterm"}, True), ({"TERM": "xterm", "NO_COLOR": "1"}, False),
+                ({"TERM": "xterm", "NO_COLOR": ""}, True), ({"TERM": "dumb"}, False)]
+        for changes, colour in rows:
+            with self.subTest(changes):
+                self.assertEqual(b"\x1b[" in self.on_terminal(**changes), colour)
+        done = tsmail("paths", "a@site.test", env=environment(TERM="xterm"))
+        self.assertNotIn("\x1b", done.out)
+
+
+class SourcesTest(unittest.TestCase):
+    def test_only_installed_headers_are_used(self):
+        own = re.compile(r'^#include "(?!tools/)', re.M)
+        library = re.compile(r"^#include <tessaly/(?!(MailUserId|mailstore|userpref|maillist|support|"
+                             r"Exception)\.h>)", re.M)
+        seen = 0
+        for directory, _, files in os.walk(os.path.join(SOURCE, "tools")):
+            for name in files:
+                if not name.endswith((".cpp", ".h")):
+                    continue
+                with open(os.path.join(directory, name), encoding="utf-8") as file:
+                    text = file.read()
+                seen += 1
+                self.assertIsNone(own.search(text), name)
+                self.assertIsNone(library.search(text), name)
+        self.assertGreater(seen, 10)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,78 @@
+"""As root on a mailbox of somebody else: whatever a verb makes belongs to the mailbox's owner, and
+only to that one."""
+
+import os
+import stat
+import sys
+import unittest
+
+from toolkit import HOME, NOBODY, SpoolCase, as_nobody, mail, tsmail
+
+ANN = "ann@site.test"
+
+
+class OwnerTest(SpoolCase):
+    def setUp(self):
+        super().setUp()
+        os.makedirs(f"{HOME}/site.test")
+        for path in (HOME, f"{HOME}/site.test"):
+            os.chown(path, NOBODY, NOBODY)
+        self.succeed("create", ANN, "Work", **as_nobody())
+        os.umask(0)
+        self.addCleanup(os.umask, 0o022)
+
+    def assert_owned(self, what):
+        for directory, _, names in os.walk(HOME):
+            for name in [".", *names]:
+                path = os.path.join(directory, name)
+                status = os.lstat(path)
+                self.assertEqual((status.st_uid, status.st_gid), (NOBODY, NOBODY), (what, path))
+                if stat.S_ISREG(status.st_mode):
+                    self.assertEqual(status.st_mode & 0o7077, 0, (what, path))
+        for root in (f"{HOME}/site.test/ann~site.test", mail(ANN), f"{mail(ANN)}/../pref"):
+            self.assertEqual(os.stat(root).st_mode & 0o777, 0o700, (what, root))
+
+    def put_untagged(self):
+        path = f"{mail(ANN)}/Inbox/cur/untagged:2,S"
+        with open(path, "wb") as file:
+            file.write(b"x")
+        os.chown(path, NOBODY, NOBODY)
+        os.chmod(path, 0o600)
+
+    def test_every_verb_that_changes_something(self):
+        self.put_untagged()
+        with open("/tmp/entries", "wb") as file:
+            file.write(b"*@spam.test\n*@more.test\n")
+        for words in (
+                ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("create", ANN, "Another"),
+                ("tag", ANN), ("recount", ANN), ("recount", "--all"),
+                ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),
+                ("list", "add", ANN, "whitelist", "bob@site.test"),
+                ("list", "import", ANN, "blacklist", "/tmp/entries"),
+                ("list", "replace", ANN, "blacklist", "1", "*@other.test"),
+                ("list", "remove", ANN, "whitelist", "bob@site.test"),
+                ("quota", "set", ANN, "warning"), ("quota", "set", ANN, "exceeded", "3"),
+                ("quota", "reset", ANN), ("quota", "clear", ANN, "exceeded"),
+                ("doctor", ANN, "--repair"),
+                ("message", "rm", ANN, "Inbox", "untagged,#F#S#1#E:2,S"),
+                ("rm", ANN, "Work"), ("sweep", ANN), ("rm", ANN, "Tag", "--now")):
+            with self.subTest(words):
+                done = tsmail(*words, stdin=b"Subject: x\n\ntext\n")
+                self.assertEqual(done.code, 0, done)
+                self.assert_owned(words)
+
+    def test_the_owner_may_go_on(self):
+        self.succeed("deliver", ANN, stdin=b"x")
+        self.succeed("pref", "set", ANN, "npage=30")
+        self.succeed("list", "add", ANN, "whitelist", "bob@site.test")
+        self.succeed("deliver", ANN, stdin=b"y", **as_nobody())
+        self.succeed("pref", "set", ANN, "npage=31", **as_nobody())
+        self.succeed("list", "add", ANN, "whitelist", "eve@site.test", **as_nobody())
+        self.succeed("recount", ANN, **as_nobody())
+
+
+if __name__ == "__main__":
+    if os.geteuid() != 0:
+        print("skipped: only root can be somebody else", file=sys.stderr)
+        sys.exit(77)
+    unittest.main()

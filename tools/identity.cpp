@@ -1,0 +1,59 @@
+#include "tools/identity.h"
+
+#include <fmt/format.h>
+#include <grp.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "tools/exit.h"
+#include "tools/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+std::vector<gid_t> supplementary_groups() {
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(::getgroups(0, nullptr), 0)));
+    const int n = ::getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(n, 0)));
+    return groups;
+}
+
+}  // namespace
+
+AsOwner::AsOwner(const Session& session, const TSMailUserId& id) : group_(::getegid()) {
+    const std::string path = id.mailpath();
+    struct stat st;
+    if (::geteuid() != 0 || ::stat(path.c_str(), &st) != 0 || st.st_uid == 0) return;
+    groups_ = supplementary_groups();
+    if (take(st.st_uid, st.st_gid) && ::euidaccess(path.c_str(), R_OK | X_OK) == 0) {
+        session.detail(
+            fmt::format("working as the owner of {}, user {}", printable(path), st.st_uid));
+        return;
+    }
+    const std::string reason = error_text(errno);
+    give_back();
+    session.warn("working as root, not as the owner of " + printable(path) + ": " + reason);
+}
+
+// The user last: without root's rights the groups could not be set any more.
+bool AsOwner::take(uid_t user, gid_t group) {
+    taken_ = true;
+    return ::setgroups(1, &group) == 0 && ::setegid(group) == 0 && ::seteuid(user) == 0;
+}
+
+AsOwner::~AsOwner() {
+    if (taken_) give_back();
+}
+
+// To go on with somebody else's rights would be worse than to stop.
+void AsOwner::give_back() noexcept {
+    const bool back = ::seteuid(0) == 0 && ::setegid(group_) == 0 &&
+                      ::setgroups(groups_.size(), groups_.data()) == 0;
+    if (!back) std::abort();
+    taken_ = false;
+}
+
+}  // namespace Tessaly::tool

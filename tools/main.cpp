@@ -1,0 +1,74 @@
+// tsmail - the administrator's command: start, one verb, exit code.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <new>
+
+#include "tools/exit.h"
+#include "tools/grammar.h"
+#include "tools/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+constexpr mode_t kPrivate = 077;
+
+// A program started without its three streams must not get a mail file as one of them. What takes
+// the place of a missing one answers with an error: no input is not the same as empty input.
+void fill_standard_streams() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+        if (::fcntl(stream, F_GETFD) >= 0) continue;
+        // The lowest free number is this one.
+        [[maybe_unused]] const int fd =
+            ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    }
+}
+
+// A reader that went away and a file size limit are errors of the call like any other.
+void take_errors_instead_of_signals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+int run_verb(int argc, const char* const* argv, Session& session) {
+    int code = kExitOk;
+    if (read_command_line(argc, argv, session)) {
+        if (session.quiet) session.out.silence();
+        code = session.verb();
+    }
+    if (session.out.finish()) return code;
+    session.error("standard output: " + error_text(errno));
+    return code == kExitOk ? kExitIo : code;
+}
+
+int run(int argc, const char* const* argv) {
+    Session session{::umask(kPrivate), Output(STDOUT_FILENO)};
+    try {
+        return run_verb(argc, argv, session);
+    } catch (const Failure& failure) {
+        session.out.finish();
+        session.error(failure.what());
+        return failure.code();
+    } catch (const std::bad_alloc&) {
+        session.error("out of memory");
+        return kExitTryAgain;
+    } catch (const std::exception& e) {
+        session.error(std::string("internal error: ") + printable(e.what()));
+        return kExitSoftware;
+    }
+}
+
+}  // namespace
+
+}  // namespace Tessaly::tool
+
+int main(int argc, char** argv) {
+    Tessaly::tool::fill_standard_streams();
+    Tessaly::tool::take_errors_instead_of_signals();
+    return Tessaly::tool::run(argc, argv);
+}
