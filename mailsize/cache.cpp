@@ -34,14 +34,12 @@ class FileCursor {
     }
     void advance() { ++position_; }
     bool failed() const { return failed_; }
-    bool at_end() const { return at_end_; }
 
   private:
     bool fill() {
         const ssize_t n =
             base::retry([&] { return ::pread(fd_, buffer_, sizeof buffer_, offset_); });
         failed_ = failed_ || n < 0;
-        at_end_ = n <= 0;
         position_ = 0;
         filled_ = n > 0 ? static_cast<std::size_t>(n) : 0;
         offset_ += static_cast<off_t>(filled_);
@@ -50,27 +48,24 @@ class FileCursor {
 
     int fd_;
     bool failed_ = false;
-    bool at_end_ = false;
     off_t offset_ = 0;
     std::size_t position_ = 0;
     std::size_t filled_ = 0;
     char buffer_[128];
 };
 
-// Looks until two looks in a row find the same, if what was found may be a part: a number that only
-// the end of the file ends. Nobody is locked out, so a look may fall between two writers and see
-// the length of one text and the bytes of the other. A file that never comes to rest holds nothing.
-template <class Look>
-auto settled(Look look) -> decltype(look()) {
+// Looks until two looks in a row find the same, or one fails; a file that never comes to rest holds
+// nothing. Nobody is locked out, and a read beside writers may see the bytes of one text up to the
+// length of another, or two texts one over the other.
+template <class Look, class Found>
+Found settled(Found found, Look look) {
     constexpr int kLooks = 100;
-    auto found = look();
-    for (int i = 0; found.may_be_cut; ++i) {
-        const auto again = look();
-        if (again == found) break;
-        if (i == kLooks) return {};
+    for (int i = 0; i < kLooks && !found.failed; ++i) {
+        const Found again = look();
+        if (again == found) return found;
         found = again;
     }
-    return found;
+    return {};
 }
 
 // Steps over exactly this text.
@@ -86,7 +81,7 @@ struct OneLine {
     long mtime = 0;
     unsigned long size = 0;
     bool complete = false;
-    bool may_be_cut = false;
+    bool failed = false;
     bool operator==(const OneLine&) const = default;
 };
 
@@ -95,9 +90,8 @@ OneLine look_for_one_line(int fd) {
     Number mtime, size;
     if (skip(in, kMtime)) mtime = scan_number(in);
     if (mtime.found && skip(in, ",") && skip(in, kSize)) size = scan_number(in);
-    if (!size.found || in.failed()) return {};
     return {static_cast<long>(mtime.as_signed()), static_cast<unsigned long>(size.as_unsigned()),
-            true, in.at_end()};
+            size.found, in.failed()};
 }
 
 base::Fd open_file(const char* path, int flags) {
@@ -125,7 +119,8 @@ void take_field(std::string_view line, std::string_view name, Fields fields, lon
 
 struct FoundFields {
     ScanCache cache;
-    bool may_be_cut = false;
+    bool read_once = false;
+    bool failed = false;
     bool operator==(const FoundFields&) const = default;
 };
 
@@ -139,9 +134,10 @@ FoundFields look_for_fields(int fd, Fields fields) {
         const std::string_view line = piece.substr(0, piece.find('\0'));
         take_field(line, kMtime, fields, mtime);
         take_field(line, kSize, fields, size);
-        found.may_be_cut = is_digit(line.empty() ? 0 : line.back());
     }
-    return reader.failed() ? FoundFields{} : found;
+    found.read_once = reader.read_once();
+    found.failed = reader.failed();
+    return found;
 }
 
 }  // namespace
@@ -149,7 +145,10 @@ FoundFields look_for_fields(int fd, Fields fields) {
 ScanCache read_scan_cache(const char* folder, Fields fields) {
     const base::Fd file = open_cache_of(folder, O_RDONLY);
     if (!file) return {};
-    return settled([&] { return look_for_fields(file.get(), fields); }).cache;
+    const auto look = [&] { return look_for_fields(file.get(), fields); };
+    FoundFields found = look();
+    if (!found.read_once) found = settled(found, look);  // lines within one read are whole
+    return found.failed ? ScanCache{} : found.cache;
 }
 
 void write_scan_cache(const char* folder, long mtime, long long size) {
@@ -187,7 +186,8 @@ int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long siz
 int tsl_read_maildir_cache_file(const char* path, long* mtime, unsigned long* size) {
     const base::Fd file = open_file(path, O_RDONLY);
     if (!file) return 0;
-    const OneLine cache = settled([&] { return look_for_one_line(file.get()); });
+    const auto look = [&] { return look_for_one_line(file.get()); };
+    const OneLine cache = settled(look(), look);
     if (!cache.complete) return 0;
     if (mtime != nullptr) *mtime = cache.mtime;
     if (size != nullptr) *size = cache.size;

@@ -38,6 +38,7 @@ void PieceReader::fill() {
     const std::size_t room = sizeof buffer_ - filled_;
     const ssize_t n =
         base::retry([&] { return ::pread(fd_, buffer_ + filled_, room, file_offset_); });
+    ++reads_;
     failed_ = n < 0;
     at_end_ = n == 0;
     if (n <= 0) return;

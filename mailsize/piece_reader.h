@@ -22,6 +22,8 @@ class PieceReader {
     std::string_view next();
     // Whether the reading ended by an error.
     bool failed() const { return failed_; }
+    // Whether all pieces so far were read at once.
+    bool read_once() const { return reads_ == 1; }
     // Where the last piece begins in the file.
     off_t piece_offset() const { return piece_offset_; }
 
@@ -34,6 +36,7 @@ class PieceReader {
     std::size_t limit_;
     bool at_end_ = false;
     bool failed_ = false;
+    int reads_ = 0;
     off_t file_offset_ = 0;   // of what is not read yet
     off_t piece_offset_ = 0;  // of the last piece
     std::size_t position_ = 0;

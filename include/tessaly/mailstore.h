@@ -275,7 +275,8 @@ int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long siz
 
 /* Reads a scan cache of that form (the two-line form that the mailbox scan writes is not one), with
  * numbers as scanf's "%ld" and "%lu" take them. 1 and both outputs set (each may be NULL), else 0
- * and both untouched. No lock. */
+ * and both untouched. No lock: the file is read until two readings agree, so that the numbers are
+ * those of one writer; 0 if 100 readings differ. */
 int tsl_read_maildir_cache_file(const char* path, long* mtime, unsigned long* size);
 
 /* Writes the date of the last scan for unread messages (seconds since the epoch) as the one line of

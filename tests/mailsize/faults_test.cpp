@@ -4,8 +4,10 @@
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 #include "testing/files.h"
 
@@ -226,6 +228,35 @@ TEST(Other, AReadErrorIsNotTheEnd) {
               "0 77 77, descriptors +0\n");
     EXPECT_EQ(run("pread64:error=EIO:when=2", "get-date", "/tmp/.ts_unread_scan_date").output,
               "-1 77 77, descriptors +0\n");
+}
+
+// Another text takes the file's place between two reads: the answer is one of the two.
+TEST(Other, ACacheReplacedBetweenReadsIsNotMixed) {
+    for (const char* when : {"1", "2", "3", "4"}) {
+        files::write("/tmp/cache", "mtime=1,size=2");
+        std::thread writer([] {
+            std::this_thread::sleep_for(std::chrono::milliseconds(150));
+            tsl_write_maildir_cache_file("/tmp/cache", 2147483647, 2147483647);
+        });
+        const std::string inject = std::string("pread64:delay_enter=300000:when=") + when;
+        const std::string seen = run(inject, "read-cache-numbers", "/tmp/cache").output;
+        writer.join();
+        EXPECT_TRUE(seen == "1 1 2, descriptors +0\n" ||
+                    seen == "1 2147483647 2147483647, descriptors +0\n")
+            << when << ": " << seen;
+    }
+}
+
+// An error ends the reading, also while two readings are compared.
+TEST(Other, AnErrorAtAnyReadOfACacheIsAnswered) {
+    files::write("/tmp/cache", "mtime=1,size=2");
+    for (const char* when : {"1", "2", "3", "4"}) {
+        const Outcome r =
+            run(std::string("pread64:error=EIO:when=") + when, "read-cache", "/tmp/cache");
+        EXPECT_EQ(r.output, "0 77 77, descriptors +0\n") << when;
+        EXPECT_EQ(r.fired, 1) << when;
+    }
+    EXPECT_EQ(run("pread64:error=EIO:when=5", "read-cache", "/tmp/cache").fired, 0);
 }
 
 using Names = std::vector<std::string>;

@@ -50,6 +50,15 @@ const Operation kOperations[] = {
          return tsl_write_maildir_cache_file(c.path, c.size, static_cast<unsigned long>(c.count));
      }},
     {"read-cache", [](Call& c) { return tsl_read_maildir_cache_file(c.path, nullptr, nullptr); }},
+    {"read-cache-numbers",
+     [](Call& c) {
+         long mtime = 0;
+         unsigned long size = 0;
+         const int result = tsl_read_maildir_cache_file(c.path, &mtime, &size);
+         c.total_size = static_cast<unsigned long long>(mtime);
+         c.total_count = size;
+         return result;
+     }},
     {"get-date",
      [](Call& c) { return tsl_get_mail_unread_scandate(parent_of(c.path).c_str(), nullptr); }},
 };
