@@ -142,12 +142,13 @@ class MblazeTest(ReaderCase):
 
 class PythonTest(ReaderCase):
     def test_marks_moves_and_removals(self):
-        """In a process of its own, as any other reader."""
+        """In a process of its own, as any other reader. It works on messages that Python writes byte
+        for byte as it read them: of another length the size in the name would be wrong."""
         script = f"""
 import mailbox
 inbox = mailbox.Maildir({self.inbox()!r}, create=False)
 work = mailbox.Maildir({mail(ADDRESS) + '/Work'!r}, create=False)
-keys = sorted(inbox.keys())
+keys = [key for key in sorted(inbox.keys()) if inbox.get_bytes(key) == bytes(inbox[key])]
 for key in keys[:3]:
     message = inbox[key]
     message.set_subdir("cur")
