@@ -3,6 +3,7 @@
 #include <tessaly/mailstore.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "base/text.h"
 #include "mailsize/number.h"
@@ -16,51 +17,54 @@ using std::string_view;
 constexpr string_view kGroup = ",#F";
 constexpr string_view kGroupEnd = "#E";
 constexpr string_view kSize = "#S";
-constexpr string_view kWrittenSize = "#S#";
 
-// What strtoll makes of the text behind a "#S", where the library writes one more '#'.
-long long size_at(string_view text) {
-    if (text.starts_with('#')) text.remove_prefix(1);
-    TextCursor cursor(text);
-    return scan_number(cursor).as_signed();
+// Behind the name's first ",#F"; nullptr if there is none.
+const char* behind_group(const char* name) {
+    for (const char* comma = std::strchr(name, ','); comma != nullptr;
+         comma = std::strchr(comma + 1, ',')) {
+        if (comma[1] == '#' && comma[2] == 'F') return comma + kGroup.size();
+    }
+    return nullptr;
 }
 
 // The size in what stands behind ",#F" if that is as the library writes it, "#S#1234#E" and no
-// other
-// '#'; else -1.
-long long size_as_written(string_view text) {
-    constexpr std::size_t kMostDigits = 18;  // which cannot overflow
-    if (!text.starts_with(kWrittenSize)) return -1;
-    text.remove_prefix(kWrittenSize.size());
-    long long size = 0;
-    std::size_t digits = 0;
-    while (digits < text.size() && text[digits] >= '0' && text[digits] <= '9') {
-        if (digits == kMostDigits) return -1;
-        size = 10 * size + (text[digits++] - '0');
+// other '#'; else -1.
+long long size_as_written(const char* text) {
+    constexpr std::ptrdiff_t kMostDigits = 18;  // which cannot overflow
+    if (text[0] != '#' || text[1] != 'S' || text[2] != '#') return -1;
+    const char* const digits = text + 3;
+    const char* at = digits;
+    unsigned long long size = 0;
+    for (unsigned digit; (digit = static_cast<unsigned char>(*at) - unsigned{'0'}) <= 9; ++at) {
+        size = 10 * size + digit;
     }
-    text.remove_prefix(digits);
-    if (digits == 0 || !text.starts_with(kGroupEnd)) return -1;
-    text.remove_prefix(kGroupEnd.size());
-    return text.find('#') == string_view::npos ? size : -1;
+    if (at == digits || at - digits > kMostDigits) return -1;
+    if (at[0] != '#' || at[1] != 'E' || std::strchr(at + 2, '#') != nullptr) return -1;
+    return static_cast<long long>(size);
 }
 
-}  // namespace
-
-long long size_in_name(string_view name) {
-    const auto group = name.find(kGroup);
-    if (group == string_view::npos) return -1;
-    const long long written = size_as_written(name.substr(group + kGroup.size()));
-    if (written >= 0) return written;
+// The size in what stands behind ",#F" in any form.
+long long size_behind_group(const char* text) {
     const char* size = nullptr;
     bool complete = false;
-    const char* const end = name.data() + name.size();
-    for (const char* at = name.data() + group + kGroup.size(); at < end - 1; ++at) {
+    for (const char* at = text; *at != '\0'; ++at) {
         if (*at != '#') continue;
         if (at[1] == 'S') size = at + 2;
         if (at[1] == 'E') complete = true;
     }
     if (size == nullptr || !complete) return -1;
-    return size_at(string_view(size, static_cast<std::size_t>(end - size)));
+    // As strtoll reads it; the library writes one more '#'.
+    TextCursor cursor(*size == '#' ? size + 1 : size);
+    return scan_number(cursor).as_signed();
+}
+
+}  // namespace
+
+long long size_in_name(const char* name) {
+    const char* const text = behind_group(name);
+    if (text == nullptr) return -1;
+    const long long written = size_as_written(text);
+    return written >= 0 ? written : size_behind_group(text);
 }
 
 bool is_tagged(string_view name) {

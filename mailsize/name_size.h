@@ -9,7 +9,7 @@ namespace Tessaly::mailsize {
 
 // The size that a name carries, -1 if it carries none. Of several "#S" behind the ",#F" the last
 // counts; the "#E" may stand anywhere behind it.
-long long size_in_name(std::string_view name);
+long long size_in_name(const char* name);
 
 // Whether the name holds a group ",#F" ... "#E", with or without a size in it.
 bool is_tagged(std::string_view name);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <string_view>
 
 #include "mailsize/folder_path.h"
@@ -17,8 +18,8 @@ using std::string_view;
 
 // The message's size by its name or else by its file; less than 1 if neither tells.
 long long size_of_message(const char* path) {
-    const string_view name = string_view(path).substr(string_view(path).rfind('/') + 1);
-    const long long size = size_in_name(name);
+    const char* const slash = std::strrchr(path, '/');
+    const long long size = size_in_name(slash == nullptr ? path : slash + 1);
     struct stat st;
     if (size >= 1 || ::stat(path, &st) != 0) return size;
     return st.st_size;
