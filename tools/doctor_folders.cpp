@@ -151,7 +151,7 @@ void rescue(const TSMailUserId& id, const string& folder, const string& name, co
         const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
         const string path = id.mailfolder(folder);
         const string from = in(path + "/tmp", name), to = in(in(path, place), name);
-        if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0) {
+        if (!rename_new(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str())) {
             throw system_failure(printable(from));
         }
     }

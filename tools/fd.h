@@ -1,10 +1,12 @@
-// Fd - the one owner of a file descriptor; retry - a system call again after an interruption.
+// Fd - the one owner of a file descriptor; retry - a system call again after an interruption;
+// rename_new - a rename that replaces nothing.
 #ifndef TSMAIL_TOOLS_FD_H
 #define TSMAIL_TOOLS_FD_H
 
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <utility>
 
 namespace Tessaly::tool {
@@ -16,6 +18,12 @@ auto retry(Call&& call) {
         auto result = call();
         if (result != -1 || errno != EINTR) return result;
     }
+}
+
+// False with errno if it cannot be: EEXIST if the name is taken; EINVAL, ENOSYS or EOPNOTSUPP if
+// the file system cannot promise that it replaces nothing.
+inline bool rename_new(int from_dir, const char* from, int to_dir, const char* to) {
+    return retry([&] { return ::renameat2(from_dir, from, to_dir, to, RENAME_NOREPLACE); }) == 0;
 }
 
 class Fd {

@@ -88,7 +88,7 @@ bool SpoolFile::give_name(int fresh, const string& name) {
 
 // A move that replaces nothing; where there is none, a second name before the first one goes.
 bool SpoolFile::move_name(int fresh, const string& name) {
-    bool moved = ::renameat2(tmp_, name_.c_str(), fresh, name.c_str(), RENAME_NOREPLACE) == 0;
+    bool moved = rename_new(tmp_, name_.c_str(), fresh, name.c_str());
     if (!moved && is_one_of(errno, EINVAL, ENOSYS, EOPNOTSUPP)) {
         moved = ::linkat(tmp_, name_.c_str(), fresh, name.c_str(), 0) == 0;
         if (moved) ::unlinkat(tmp_, name_.c_str(), 0);
