@@ -196,11 +196,7 @@ std::vector<Finding> look_at_names(const Patient& patient) {
     std::vector<Finding> findings;
     for (const string& folder : folders_of_patient(patient)) {
         const string path = patient.id.mailfolder(folder);
-        int error = 0;
-        const std::vector<MessageRow> rows = messages_of(path, error);
-        if (error != 0) throw system_failure(printable(path), error);
-        const auto untagged = static_cast<std::uint64_t>(std::count_if(
-            rows.begin(), rows.end(), [](const MessageRow& row) { return !row.has_size_field; }));
+        const std::uint64_t untagged = untagged_in(path);
         if (untagged == 0) continue;
         findings.push_back({path, counted(untagged, "message") + " without a size in the name",
                             "puts the size into the name", [id = patient.id, folder] {
@@ -208,6 +204,39 @@ std::vector<Finding> look_at_names(const Patient& patient) {
                                 throw Failure(kExitCannotCreate,
                                               printable(folder) + ": some could not be tagged");
                             }});
+    }
+    return findings;
+}
+
+// ---- names with wrong sizes
+
+void correct_and_recount(const TSMailUserId& id, const string& folder) {
+    const std::vector<NotRenamed> left = correct_sizes(id, folder);
+    recount(id);
+    if (left.empty()) return;
+    throw system_failure(printable(left.front().path), left.front().error);
+}
+
+std::vector<Finding> look_at_size_fields(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& folder : folders_of_patient(patient)) {
+        const string path = patient.id.mailfolder(folder);
+        std::uint64_t mendable = 0;
+        for (const WrongSize& message : wrong_sizes_in(path)) {
+            if (!message.right_path.empty()) {
+                ++mendable;
+                continue;
+            }
+            findings.push_back(
+                {message.path,
+                 fmt::format("the name says {}, the file has {}", counted(message.named, "byte"),
+                             counted(message.actual, "byte")),
+                 ""});
+        }
+        if (mendable == 0) continue;
+        findings.push_back({path, counted(mendable, "message") + " with a wrong size in the name",
+                            "puts the right size into the name and recounts",
+                            [id = patient.id, folder] { correct_and_recount(id, folder); }});
     }
     return findings;
 }
@@ -299,6 +328,7 @@ constexpr Check kFolderChecks[] = {
     {"leftovers", "what a delivery or a mail reader left in tmp is seen by nobody",
      look_at_leftovers},
     {"untagged", "the size of such a message has to be asked for at each count", look_at_names},
+    {"size-fields", "such a message counts with a size that is not its own", look_at_size_fields},
 };
 
 constexpr Check kSizeChecks[] = {

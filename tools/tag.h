@@ -1,4 +1,4 @@
-// Giving messages a size field in their names.
+// The size fields in messages' names: giving one, and the right one.
 #ifndef TSMAIL_TOOLS_TAG_H
 #define TSMAIL_TOOLS_TAG_H
 
@@ -6,8 +6,12 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace Tessaly::tool {
+
+// How many messages of a folder have no size field. A Failure if the folder cannot be read.
+std::uint64_t untagged_in(const std::string& path);
 
 struct Tagged {
     std::uint64_t tagged = 0;
@@ -18,6 +22,28 @@ struct Tagged {
 // folder's exclusive lock is held: a recount beside it would meet messages twice, or not at all. A
 // Failure if there is no such folder or it cannot be read.
 Tagged tag_folder(const TSMailUserId& id, const std::string& folder);
+
+// A message whose name says another size than its file has: somebody wrote it anew under its name.
+struct WrongSize {
+    std::string path;
+    std::uint64_t named;
+    std::uint64_t actual;
+    // The path with the size that the file has, and all else in the name as it is. "" if the field
+    // is not written as the library writes it, or the name would be too long.
+    std::string right_path;
+};
+
+// The messages of a folder of which that is so, by their paths. A Failure if one cannot be looked
+// at.
+std::vector<WrongSize> wrong_sizes_in(const std::string& path);
+
+// Renames those that have a right path. Locks as above; sizes change, so the records have to be
+// counted anew. What could not be renamed, and why.
+struct NotRenamed {
+    std::string path;
+    int error;
+};
+std::vector<NotRenamed> correct_sizes(const TSMailUserId& id, const std::string& folder);
 
 }  // namespace Tessaly::tool
 

@@ -2,6 +2,7 @@
 
 import fcntl
 import os
+import re
 import shutil
 import time
 import unittest
@@ -9,12 +10,13 @@ import unittest
 from tools import toolkit
 from tools.toolkit import (Lock, SpoolCase, as_nobody, content, folder_record, held_by_folders,
                            is_marked, mail, mailbox_record, messages, mode, own_by_nobody, snapshot,
-                           tsmail, wait_until, write)
+                           traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOP = mail(ANN)
 PREF = os.path.dirname(TOP) + "/pref"
 LONG_AGO = time.time() - 37 * 3600
+DELIVERED = re.compile(r"#Q#.*,#F")  # a name that the tool gave
 
 
 def put(place, data=b"x", age=0.0):
@@ -26,6 +28,20 @@ def put(place, data=b"x", age=0.0):
 
 def left_in_tmp(name, data, hours=37.0):
     return put("Inbox/tmp/" + name, data, hours * 3600)
+
+
+def entries(folder, of):
+    return {sub: sorted(of(entry) for entry in os.scandir(f"{TOP}/{folder}/{sub}")
+                        if not DELIVERED.search(entry.name)) for sub in ("new", "cur")}
+
+
+def names_in(folder):
+    """The names of the messages that were not delivered by the tool."""
+    return entries(folder, lambda entry: entry.name)
+
+
+def inodes_in(folder):
+    return entries(folder, lambda entry: entry.inode())
 
 
 class DoctorCase(SpoolCase):
@@ -154,6 +170,91 @@ class FindingsTest(DoctorCase):
         self.found("untagged", TOP + "/Inbox", "^2 messages without a size")
         self.assertTrue(all("#S#" in path for path in messages(ANN)))
 
+    def test_sizes_in_names_that_are_wrong(self):
+        put("Inbox/new/a,#F#S#4#E", b"12345")
+        put("Inbox/new/b,#F#S#5#E", b"12345")
+        put("Inbox/cur/c,S=6,W=7,#F#S#6#E,U3:2,FS", b"12345")
+        put("Inbox/cur/d,#F#S#5#E:2,FS", b"12345")
+        inodes = inodes_in("Inbox")
+        self.succeed("recount", ANN)
+        self.found("size-fields", TOP + "/Inbox", "^2 messages with a wrong size in the name$")
+        self.assertEqual(names_in("Inbox"), {
+            "new": ["a,#F#S#5#E", "b,#F#S#5#E"],
+            "cur": ["c,S=6,W=7,#F#S#5#E,U3:2,FS", "d,#F#S#5#E:2,FS"]})
+        self.assertEqual(inodes_in("Inbox"), inodes)  # who reads one goes on
+        self.assertEqual(folder_record(ANN), (120, 5))
+        self.assertEqual(mailbox_record(ANN), (140, 6))
+        before = snapshot("/var/spool")
+        self.succeed("recount", ANN)
+        self.assertEqual(snapshot("/var/spool"), before)
+
+    def test_sizes_in_names_of_what_is_no_message(self):
+        put("Inbox/tmp/a,#F#S#4#E", b"12345")
+        put("Inbox/cur/.b,#F#S#4#E", b"12345")
+        os.mkdir(TOP + "/Inbox/cur/c,#F#S#4#E")
+        os.symlink("/etc/passwd", TOP + "/Inbox/new/d,#F#S#4#E")
+        self.assertEqual(self.doctor(0), [])
+
+    def test_sizes_in_names_of_several_folders(self):
+        for folder in ("Inbox", "Work", "Work/2024"):
+            put(folder + "/new/a,#F#S#1#E", b"12345")
+        put("Work/new/b,#F#S#9#E", b"12345")
+        self.succeed("recount", ANN)
+        found = [("size-fields", TOP + "/Inbox"), ("size-fields", TOP + "/Work"),
+                 ("size-fields", TOP + "/Work/2024")]
+        self.assertEqual([(row["check"], row["path"]) for row in self.doctor(1)], found)
+        rows = self.doctor(0, "--repair")
+        self.assertEqual([(row["check"], row["path"]) for row in rows], found)
+        self.assertEqual([row["what"].split()[0] for row in rows], ["1", "2", "1"])
+        self.assertEqual(self.doctor(0), [])
+        self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
+
+    def test_sizes_in_names_of_other_forms(self):
+        rows = (("a,#F#S##E", "a,#F#S#5#E"), ("a,#F#S#1#S#2#E:2,S", "a,#F#S#1#S#5#E:2,S"),
+                ("a,#F#Q#1#S#0007#E", "a,#F#Q#1#S#5#E"),
+                ("a,#F#S#99999999999999999999#E", "a,#F#S#5#E"),
+                ("x" * 246 + ",#F#S#4#E", "x" * 246 + ",#F#S#5#E"))
+        for name, right in rows:
+            put("Inbox/cur/" + name, b"12345")
+            self.succeed("recount", ANN)
+            self.found("size-fields", TOP + "/Inbox", "^1 message with a wrong size")
+            self.assertEqual(names_in("Inbox")["cur"], [right])
+            os.unlink(f"{TOP}/Inbox/cur/{right}")
+        self.succeed("recount", ANN)
+        put("Inbox/cur/a,#F#S#0005#E", b"12345")
+        self.succeed("recount", ANN)
+        self.assertEqual(self.doctor(0), [])
+
+    def test_sizes_in_names_that_take_a_person(self):
+        rows = (("a,#F#S7#E", 7), ("a,#F#S# 7#E", 7), ("a,#F#S#7.5#E", 7), ("a,#F#S#7#S#E", 0),
+                ("a,#F#S#1#S7#E", 7), ("a#S#1#E,#F#S7#E", 7), ("a,#F#E#S#7", 7),
+                ("x" * 246 + ",#F#S#7#E", 7))
+        for name, size in rows:
+            path = put("Inbox/cur/" + name, b"1234567890")
+            self.succeed("recount", ANN)
+            self.found("size-fields", path, f"^the name says {size} bytes, the file has 10 bytes$",
+                       repaired=False)
+            os.unlink(path)
+
+    def test_a_right_name_that_is_taken(self):
+        put("Inbox/cur/a,#F#S#5#E:2,", b"other")
+        put("Inbox/cur/a,#F#S#4#E:2,", b"12345")
+        put("Inbox/cur/b,#F#S#4#E:2,", b"12345")
+        self.succeed("recount", ANN)
+        before = self.bodies()
+        done = tsmail("--json", "doctor", ANN, "--repair")
+        self.assertEqual(done.code, 1, done)
+        self.assertRegex(done.err, "cur/a,#F#S#4#E:2,: File exists")
+        self.assertEqual([(row["check"], row["repaired"]) for row in done.objects],
+                         [("size-fields", False)])
+        self.assertEqual(names_in("Inbox")["cur"],
+                         ["a,#F#S#4#E:2,", "a,#F#S#5#E:2,", "b,#F#S#5#E:2,"])
+        self.assertEqual(content(TOP + "/Inbox/cur/a,#F#S#5#E:2,"), b"other")
+        self.assertEqual(self.bodies(), before)
+        self.assertEqual(folder_record(ANN), (114, 4))  # as the names say
+        [row] = self.doctor(1)
+        self.assertRegex(row["what"], "^1 message ")
+
     @unittest.skipIf(os.geteuid() != 0, "only root can be somebody else")
     def test_permissions(self):
         for path, bits, right, check in (
@@ -236,6 +337,7 @@ class RunTest(DoctorCase):
         shutil.rmtree(TOP + "/Work/tmp")
         left_in_tmp("a:2,S", b"12345")
         put("Inbox/new/b", b"1")
+        put("Inbox/cur/c,#F#S#9#E:2,S", b"123")
         put("Inbox/.ts_cache", "mtime=5,size=7")
         write(TOP + "/Inbox/.ts_folder_size", "-1 -1\n")
         write(TOP + "/.maildirsize.dirty", "")
@@ -243,7 +345,8 @@ class RunTest(DoctorCase):
         before = self.bodies()
         rows = self.doctor(0, "--repair")
         self.assertGreaterEqual({row["check"] for row in rows},
-                                {"root-permissions", "folder-parts", "leftovers", "untagged", "cache"})
+                                {"root-permissions", "folder-parts", "leftovers", "untagged", "size-fields",
+                                 "cache"})
         self.assertEqual(self.doctor(0), [])
         self.assertEqual(self.bodies(), before)
         self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
@@ -270,6 +373,20 @@ class RunTest(DoctorCase):
         wait_until(lambda: not os.path.exists(path))
         self.assertEqual(mailbox_record(ANN), (125, 3))
 
+    def test_a_name_is_corrected_under_the_folders_lock(self):
+        gone = put("Inbox/cur/a,#F#S#4#E:2,", b"12345")
+        put("Inbox/cur/b,#F#S#4#E:2,", b"12345")
+        self.succeed("recount", ANN)
+        with Lock(TOP + "/Inbox", fcntl.LOCK_SH):  # as a delivery has it
+            process = self.begin("doctor", ANN, "--repair")
+            time.sleep(0.4)
+            self.assertIsNone(process.poll())
+            os.unlink(gone)
+            self.assertEqual(names_in("Inbox")["cur"], ["b,#F#S#4#E:2,"])
+        self.end(process)
+        self.assertEqual(names_in("Inbox")["cur"], ["b,#F#S#5#E:2,"])
+        self.assertEqual(folder_record(ANN), (105, 2))
+
     def test_a_message_that_is_just_being_counted_is_no_finding(self):
         size_file = TOP + "/Inbox/.ts_folder_size"
         with Lock(TOP + "/Inbox", fcntl.LOCK_SH):  # as a delivery has it
@@ -291,6 +408,73 @@ class RunTest(DoctorCase):
         self.assertEqual([agent.wait() for agent in agents], [0] * 3)
         self.assertEqual(self.doctor(0), [])
         self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
+
+
+class SizeFieldFaultsTest(DoctorCase):
+    """Two messages with wrong sizes in their names, and calls that fail or are the last ones."""
+
+    NAMES = ["a,#F#S#4#E:2,", "b,#F#S#6#E:2,"]
+    RIGHT = ["a,#F#S#5#E:2,", "b,#F#S#5#E:2,"]
+    LOOK = "?lstat,?newfstatat,?statx"
+
+    def setUp(self):
+        super().setUp()
+        self.paths = [put("Inbox/cur/" + name, b"12345") for name in self.NAMES]
+        self.succeed("recount", ANN)
+
+    def traced(self, *options, repair=True):
+        words = [toolkit.TSMAIL, "--json", "doctor", ANN, *["--repair"] * repair]
+        return traced(options, words)[0]
+
+    def names(self):
+        return names_in("Inbox")["cur"]
+
+    def test_a_rename_that_fails(self):
+        done = self.traced("-e", "inject=renameat2:error=EIO:when=1")
+        self.assertEqual(done.code, 1, done)
+        self.assertIn("a,#F#S#4#E:2,: Input/output error", done.err)
+        self.assertEqual([(row["check"], row["repaired"]) for row in done.objects],
+                         [("size-fields", False)])
+        self.assertEqual(self.names(), [self.NAMES[0], self.RIGHT[1]])
+        self.assertEqual(folder_record(ANN), (109, 3))
+        self.assertEqual([row["what"].split()[0] for row in self.doctor(0, "--repair")], ["1"])
+        self.assertEqual(self.names(), self.RIGHT)
+
+    def test_a_file_system_whose_renames_may_replace(self):
+        done = self.traced("-e", "inject=renameat2:error=EINVAL")
+        self.assertEqual(done.code, 1, done)
+        self.assertEqual(self.names(), self.NAMES)
+
+    def test_what_a_reader_renamed_meanwhile_is_met_again(self):
+        done = self.traced("-e", "inject=renameat2:error=ENOENT:when=1")
+        self.assertEqual(done.code, 0, done)
+        self.assertEqual(self.names(), self.RIGHT)
+
+    def test_a_message_that_is_gone_when_it_is_looked_at_is_none(self):
+        done = self.traced("-P", self.paths[0], "-e", f"inject={self.LOOK}:error=ENOENT",
+                           repair=False)
+        self.assertEqual(done.code, 1, done)
+        self.assertEqual([row["what"].split()[0] for row in done.objects], ["1"])
+
+    def test_a_message_that_cannot_be_looked_at(self):
+        done = self.traced("-P", self.paths[0], "-e", f"inject={self.LOOK}:error=EIO",
+                           repair=False)
+        self.assertEqual(done.code, 74, done)
+        self.assertRegex(done.err, 'the check "size-fields" could not be made: .*a,#F#S#4#E:2,: Input')
+        self.assertEqual(done.objects, [])
+
+    def test_killed_at_each_rename(self):
+        before = self.bodies()
+        for number, left in ((1, self.NAMES), (2, [self.RIGHT[0], self.NAMES[1]])):
+            self.setUp()
+            done = self.traced("-e", f"inject=renameat2:signal=KILL:when={number}")
+            self.assertEqual(done.code, -9, done)
+            self.assertEqual(self.names(), left)
+            self.assertEqual(self.bodies(), before)
+            self.doctor(0, "--repair")
+            self.assertEqual(self.names(), self.RIGHT)
+            self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
+            self.assertEqual(self.doctor(0), [])
 
 
 if __name__ == "__main__":
