@@ -11,7 +11,7 @@ import time
 import unittest
 
 import neighbours
-from toolkit import SAMPLES, SpoolCase, content, environment, mail, messages, record
+from toolkit import SAMPLES, SpoolCase, content, environment, mail, messages, record, tsmail
 
 ADDRESS = "ann@site.test"
 FOLDERS = ["Inbox", "Work", "Trash"]
@@ -20,6 +20,11 @@ FOLDERS = ["Inbox", "Work", "Trash"]
 def flags_in(path):
     """The letters that the file's name carries, in its own order."""
     return re.search(r"(?::2,(\w*))?$", path).group(1) or ""
+
+
+def size_in(path):
+    """The size that the file's name carries."""
+    return int(re.search(r",#F#S#(\d+)#E", path).group(1))
 
 
 def count(folder):
@@ -164,6 +169,31 @@ print(len(inbox), len(work))
         self.assertEqual(done.stdout.decode(), f"{before - 2} 4\n")
         self.assertEqual(len(messages(ADDRESS)), before - 2)
         self.assertEqual(sorted(filter(None, map(flags_in, messages(ADDRESS)))), ["RS"] * 3)
+        self.assert_shown_as_it_is()
+
+    def test_what_it_writes_in_another_length_is_found_and_mended(self):
+        script = f"""
+import mailbox
+inbox = mailbox.Maildir({self.inbox()!r}, create=False)
+for key in inbox.keys():
+    inbox[key] = inbox[key]
+"""
+        names = messages(ADDRESS)
+        done = self.read("python3", "-c", script)
+        self.assertEqual((done.returncode, messages(ADDRESS)), (0, names), done.stdout)
+        wrong = [name for name in names if size_in(name) != os.path.getsize(name)]
+        self.assertTrue(0 < len(wrong) < len(names), wrong)
+        done = tsmail("--json", "doctor", ADDRESS, **neighbours.as_vmail())
+        self.assertEqual(done.code, 1, done)
+        self.assertEqual([(row["check"], row["path"], int(row["what"].split()[0]))
+                          for row in done.objects], [("size-fields", self.inbox(), len(wrong))])
+        texts = sorted(map(content, names))
+        self.run_tool("doctor", ADDRESS, "--repair")
+        after = messages(ADDRESS)
+        self.assertEqual(set(names) - set(after), set(wrong))
+        self.assertEqual([size_in(name) for name in after], list(map(os.path.getsize, after)))
+        self.assertEqual(sorted(map(content, after)), texts)
+        self.assertEqual(record(f"{self.inbox()}/.ts_folder_size"), count("Inbox"))
         self.assert_shown_as_it_is()
 
     def test_every_message_is_read_whole(self):
