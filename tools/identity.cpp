@@ -1,8 +1,8 @@
 #include "tools/identity.h"
 
 #include <fmt/format.h>
-#include <grp.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,6 +20,23 @@ std::vector<gid_t> supplementary_groups() {
     groups.resize(static_cast<std::size_t>(std::max(n, 0)));
     return groups;
 }
+
+// The kernel keeps an identity for each thread. The C library's functions change those of all, so
+// that these calls are made directly.
+#ifdef SYS_setgroups32
+constexpr long kSetGroups = SYS_setgroups32, kSetGroup = SYS_setresgid32,
+               kSetUser = SYS_setresuid32;
+#else
+constexpr long kSetGroups = SYS_setgroups, kSetGroup = SYS_setresgid, kSetUser = SYS_setresuid;
+#endif
+
+bool set_groups(const std::vector<gid_t>& groups) {
+    return ::syscall(kSetGroups, groups.size(), groups.data()) == 0;
+}
+
+bool set_effective_group(gid_t group) { return ::syscall(kSetGroup, -1, group, -1) == 0; }
+
+bool set_effective_user(uid_t user) { return ::syscall(kSetUser, -1, user, -1) == 0; }
 
 }  // namespace
 
@@ -41,7 +58,7 @@ AsOwner::AsOwner(const Session& session, const TSMailUserId& id) : group_(::gete
 // The user last: without root's rights the groups could not be set any more.
 bool AsOwner::take(uid_t user, gid_t group) {
     taken_ = true;
-    return ::setgroups(1, &group) == 0 && ::setegid(group) == 0 && ::seteuid(user) == 0;
+    return set_groups({group}) && set_effective_group(group) && set_effective_user(user);
 }
 
 AsOwner::~AsOwner() {
@@ -50,8 +67,7 @@ AsOwner::~AsOwner() {
 
 // To go on with somebody else's rights would be worse than to stop.
 void AsOwner::give_back() noexcept {
-    const bool back = ::seteuid(0) == 0 && ::setegid(group_) == 0 &&
-                      ::setgroups(groups_.size(), groups_.data()) == 0;
+    const bool back = set_effective_user(0) && set_effective_group(group_) && set_groups(groups_);
     if (!back) std::abort();
     taken_ = false;
 }

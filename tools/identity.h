@@ -11,10 +11,11 @@
 
 namespace Tessaly::tool {
 
-// While it lives the process has the effective user and group of the mailbox's owner, so that
-// nothing in it (a link, say) leads to what its owner may not touch, and new files belong to them.
-// Does nothing unless the process is root and the owner is not. If the owner's identity cannot be
-// taken, or would not reach the mailbox, the work goes on as root, with a warning that says why.
+// While it lives the calling thread, and no other, has the effective user and group of the
+// mailbox's owner, so that nothing in it (a link, say) leads to what its owner may not touch, and
+// new files belong to them. Does nothing unless the thread is root and the owner is not. If the
+// owner's identity cannot be taken, or would not reach the mailbox, the work goes on as root, with
+// a warning that says why.
 class AsOwner {
   public:
     AsOwner(const Session& session, const TSMailUserId& id);

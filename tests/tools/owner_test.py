@@ -61,6 +61,40 @@ class OwnerTest(SpoolCase):
                 self.assertEqual(done.code, 0, done)
                 self.assert_owned(words)
 
+    def test_mailboxes_of_many_owners_at_a_time(self):
+        """Each thread of a recount has the rights of the mailbox's owner, and no others."""
+        owners = {f"u{n}@site.test": 20000 + n for n in range(40)}
+        inboxes = {user: f"{mail(user)}/Inbox" for user in owners}
+        for user, owner in owners.items():
+            self.succeed("create", user)
+            home = os.path.dirname(mail(user))
+            for directory, names, files in os.walk(home):
+                for name in [".", *names, *files]:
+                    os.chown(os.path.join(directory, name), owner, owner)
+            with open(f"{inboxes[user]}/new/a", "wb") as file:
+                file.write(b"x" * 10)
+        # A folder of one user that is another's: closed, whoever works beside.
+        os.rename(f"{mail('u7@site.test')}/Drafts", f"{mail('u7@site.test')}/../Drafts")
+        os.symlink(inboxes["u8@site.test"], f"{mail('u7@site.test')}/Drafts")
+        os.chmod(inboxes["u8@site.test"], 0o700)
+        for jobs in ("1", "4", "16"):
+            for user in owners:
+                for record in (f"{mail(user)}/.maildirsize", f"{inboxes[user]}/.ts_folder_size"):
+                    if os.path.exists(record):
+                        os.unlink(record)
+            with self.subTest(jobs=jobs):
+                done = tsmail("recount", "--all", "--jobs", jobs)
+                self.assertEqual(done.code, 73, done)
+                self.assertEqual(len(done.err.splitlines()), 1, done.err)
+                self.assertRegex(done.err, "u7@site.test: .*/Drafts: Permission denied")
+                for user, owner in owners.items():
+                    if user == "u7@site.test":
+                        continue
+                    for record in (f"{mail(user)}/.maildirsize",
+                                   f"{inboxes[user]}/.ts_folder_size"):
+                        status = os.stat(record)
+                        self.assertEqual((status.st_uid, status.st_gid), (owner, owner), record)
+
     def test_the_owner_may_go_on(self):
         self.succeed("deliver", ANN, stdin=b"x")
         self.succeed("pref", "set", ANN, "npage=30")

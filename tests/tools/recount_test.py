@@ -150,6 +150,42 @@ class RecountTest(RecountCase):
         self.fail_with(64, "recount", ANN, "--all")
         self.fail_with(67, "recount", "dora@site.test")
 
+    def test_several_at_a_time(self):
+        """What is shown is the same, however many work; each mailbox is counted by itself."""
+        users = [f"u{n}@site.test" for n in range(30)]
+        for n, user in enumerate(users):
+            self.succeed("create", user)
+            write(f"{mail(user)}/Inbox/new/a", b"x" * n)
+
+        def spoil():
+            for user in users:
+                write(f"{mail(user)}/Inbox/.ts_folder_size", "7 7\n")
+                write(f"{mail(user)}/.maildirsize", "7 7\n")
+        shown = []
+        for jobs in ("1", "2", "7", "64"):
+            spoil()
+            with self.subTest(jobs=jobs):
+                shown.append(self.succeed("recount", "--all", "--jobs", jobs).lines)
+                self.assertEqual(shown[-1], shown[0])
+                for n, user in enumerate(users):
+                    self.assertEqual(mailbox_record(user), (n, 1))
+                    self.assertEqual(folder_record(user), (n, 1))
+        self.assertEqual(len(shown[0]), 2 * len(users) + 1)
+        for jobs in ("0", "65", "-1", "x", ""):
+            self.assertIn("--jobs", self.fail_with(64, "recount", "--all", f"--jobs={jobs}").err)
+
+    def test_one_that_is_locked_keeps_none_of_the_others(self):
+        for user in (BERT, "carl@site.test", "dora@site.test"):
+            self.succeed("create", user)
+            write(mail(user) + "/.maildirsize", "7 7\n")
+        with Lock(mail(ANN) + "/Inbox", fcntl.LOCK_SH):
+            process = self.begin("recount", "--all", "--jobs", "2")
+            wait_until(lambda: mailbox_record("dora@site.test") == (0, 0))
+            self.assertEqual(mailbox_record(BERT), (0, 0))
+            self.assertIsNone(process.poll())
+        self.end(process)
+        self.assert_true()
+
     def test_what_cannot_be_counted_does_not_keep_the_others(self):
         self.succeed("create", BERT)
         write(mail(BERT) + "/.maildirsize", "7 7\n")

@@ -6,13 +6,16 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <thread>
 #include <tuple>
 
 #include "tools/address.h"
 #include "tools/exit.h"
 #include "tools/folder.h"
 #include "tools/folder_list.h"
+#include "tools/grammar.h"
 #include "tools/identity.h"
+#include "tools/in_order.h"
 #include "tools/mailbox_lock.h"
 #include "tools/mailboxes.h"
 #include "tools/progress.h"
@@ -201,6 +204,7 @@ void declare_size(Verb& verb, SizeArguments& arguments) {
 struct RecountArguments {
     std::optional<string> address;
     bool all = false;
+    std::optional<string> jobs;
 };
 
 string total_text(const KeptTotal& total) {
@@ -258,48 +262,73 @@ void show_recount(Session& session, const TSMailUserId& id, const MailboxRecount
     session.out.line(change_text(address, result.mailbox) + mark);
 }
 
-int recount_one(Session& session, const TSMailUserId& id, bool alone, QuotaDaemon& daemon) {
+// What came of a recount.
+struct RecountEnd {
+    MailboxRecount result;
+    std::optional<Failure> failure;
+};
+
+RecountEnd recount_as_owner(const Session& session, const TSMailUserId& id, bool alone) {
     try {
         const AsOwner owner(session, id);
+        if (!alone) return {recount(id), std::nullopt};
         Progress progress(session, "recounting folders", 0);
-        const auto done = [&](std::size_t n, std::size_t of) {
-            if (alone) progress.advance(n, of);
-        };
-        const MailboxRecount result = recount(id, done);
-        show_recount(session, id, result, alone || session.verbosity > 0);
-        if (result.is_marked) {
-            session.warn(printable(id.address(true)) + " was marked again meanwhile");
-        }
-        const long long change = result.mailbox.after.bytes - result.mailbox.before.bytes;
-        if (change != 0) daemon.tell(id.mailpath(), change);
-        return kExitOk;
+        const auto done = [&](std::size_t n, std::size_t of) { progress.advance(n, of); };
+        return {recount(id, done), std::nullopt};
     } catch (const Failure& failure) {
-        if (!alone && !mailbox_exists(id)) return kExitOk;  // removed meanwhile
-        session.error(printable(id.address(true)) + ": " + failure.what());
-        return failure.code();
+        return {{}, failure};
     }
 }
 
+int end_recount(Session& session, const TSMailUserId& id, const RecountEnd& end, bool alone,
+                QuotaDaemon& daemon) {
+    const auto& [result, failure] = end;
+    if (failure) {
+        if (!alone && !mailbox_exists(id)) return kExitOk;  // removed meanwhile
+        session.error(printable(id.address(true)) + ": " + failure->what());
+        return failure->code();
+    }
+    show_recount(session, id, result, alone || session.verbosity > 0);
+    if (result.is_marked) {
+        session.warn(printable(id.address(true)) + " was marked again meanwhile");
+    }
+    const long long change = result.mailbox.after.bytes - result.mailbox.before.bytes;
+    if (change != 0) daemon.tell(id.mailpath(), change);
+    return kExitOk;
+}
+
+std::size_t jobs_of(const RecountArguments& arguments) {
+    constexpr long long kMostJobs = 64;
+    if (!arguments.jobs) return std::max(1U, std::thread::hardware_concurrency());
+    return static_cast<std::size_t>(whole_number("--jobs", *arguments.jobs, 1, kMostJobs));
+}
+
 int run_recount(Session& session, const RecountArguments& arguments) {
+    const std::size_t jobs = jobs_of(arguments);
     raise_open_file_limit();
     const auto mailboxes = chosen_mailboxes(arguments.address, arguments.all);
+    const bool alone = !arguments.all;
     QuotaDaemon daemon;
     Progress progress(session, "recounting mailboxes", mailboxes.size());
     int worst = kExitOk;
-    std::uint64_t done = 0;
-    for (const TSMailUserId& id : mailboxes) {
-        worst = std::max(worst, recount_one(session, id, !arguments.all, daemon));
-        if (arguments.all) progress.advance(++done);
-    }
-    if (arguments.all && !session.json) {
-        session.out.line(fmt::format("{} mailboxes recounted", done));
+    in_order(
+        mailboxes.size(), jobs,
+        [&](std::size_t n) { return recount_as_owner(session, mailboxes[n], alone); },
+        [&](std::size_t n, const RecountEnd& end) {
+            worst = std::max(worst, end_recount(session, mailboxes[n], end, alone, daemon));
+            if (!alone) progress.advance(n + 1);
+        });
+    if (!alone && !session.json) {
+        session.out.line(fmt::format("{} mailboxes recounted", mailboxes.size()));
     }
     return worst;
 }
 
 void declare_recount(Verb& verb, RecountArguments& arguments) {
     verb.text("ADDRESS", arguments.address, "The mailbox, as ann@site.test")
-        .flag("--all", arguments.all, "All mailboxes");
+        .flag("--all", arguments.all, "All mailboxes")
+        .text("--jobs", arguments.jobs,
+              "How many mailboxes at a time, up to 64 (default: one for each processor)");
 }
 
 // ---- tag
