@@ -197,11 +197,9 @@ bench::Program doveadm(long count, const string& homes, const string& empty) {
             {},           home_is(homes)};
 }
 
-constexpr long kMostByDovecot = 100;  // a second tree of messages, and seconds for each measurement
-
 // Its own tree: the sizes are in the names as it writes them.
 void add_doveadm(Item& item, long count) {
-    if (count > kMostByDovecot || bench::find_program("/usr/bin/doveadm").empty()) return;
+    if (bench::find_program("/usr/bin/doveadm").empty()) return;
     write_dovecot_conf();
     const string homes = bench::fresh_dir("recalc");
     const string empty = bench::fresh_dir("recalc_empty");
@@ -237,6 +235,8 @@ Item recount(long count) {
     item.operations = static_cast<double>(count);
     bench::add_program(item, "library", {{TSMAIL_TOOL, "-q", "recount", "--all"}, {}}, prepare,
                        check);
+    bench::add_program(item, "one job", {{TSMAIL_TOOL, "-q", "recount", "--all", "--jobs=1"}, {}},
+                       prepare, check);
     add_doveadm(item, count);
     return item;
 }

@@ -74,10 +74,9 @@ Item pref_read(long) {
             {{"limit",
               [] {
                   char text[8192];
-                  const int fd = ::open(kFile, O_RDONLY | O_CLOEXEC);
-                  ::flock(fd, LOCK_SH);
-                  bench::require(::read(fd, text, sizeof text) > 0, kFile);
-                  ::close(fd);
+                  std::FILE* stream = open_and_lock_file(kFile, "r");
+                  bench::require(::read(::fileno(stream), text, sizeof text) > 0, kFile);
+                  close_and_unlock_file(stream);
                   return 25LL;
               }},
              {"literal", literal_read},
