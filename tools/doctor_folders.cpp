@@ -196,14 +196,18 @@ std::vector<Finding> look_at_names(const Patient& patient) {
     std::vector<Finding> findings;
     for (const string& folder : folders_of_patient(patient)) {
         const string path = patient.id.mailfolder(folder);
-        const std::uint64_t untagged = untagged_in(path);
-        if (untagged == 0) continue;
-        findings.push_back({path, counted(untagged, "message") + " without a size in the name",
-                            "puts the size into the name", [id = patient.id, folder] {
-                                if (tag_folder(id, folder).left == 0) return;
-                                throw Failure(kExitCannotCreate,
-                                              printable(folder) + ": some could not be tagged");
-                            }});
+        const Untagged untagged = untagged_in(path);
+        for (const string& message : untagged.stuck) {
+            findings.push_back({message, "the name's size field holds no size", ""});
+        }
+        if (untagged.taggable == 0) continue;
+        findings.push_back(
+            {path, counted(untagged.taggable, "message") + " without a size in the name",
+             "puts the size into the name", [id = patient.id, folder] {
+                 tag_folder(id, folder);
+                 if (untagged_in(id.mailfolder(folder)).taggable == 0) return;
+                 throw Failure(kExitCannotCreate, printable(folder) + ": some could not be tagged");
+             }});
     }
     return findings;
 }

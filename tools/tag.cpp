@@ -32,6 +32,16 @@ std::vector<MessageRow> all_messages_of(const string& folder) {
     return rows;
 }
 
+string path_of(const string& folder, const MessageRow& message) {
+    return in(in(folder, message.is_new ? "new" : "cur"), message.name);
+}
+
+// Whether the name has a size field, with or without a size in it.
+bool has_field(string_view name) {
+    const auto begin = name.find(",#F");
+    return begin != string_view::npos && name.find("#E", begin) != string_view::npos;
+}
+
 // The size of a message's file; nothing if it is gone meanwhile.
 std::optional<std::uint64_t> size_of_file(const string& path) {
     struct stat st;
@@ -70,19 +80,27 @@ bool is_gone(const NotRenamed& message) { return message.error == ENOENT; }
 
 }  // namespace
 
-std::uint64_t untagged_in(const string& path) {
-    const std::vector<MessageRow> rows = all_messages_of(path);
-    return static_cast<std::uint64_t>(std::count_if(
-        rows.begin(), rows.end(), [](const MessageRow& row) { return !row.has_size_field; }));
+Untagged untagged_in(const string& path) {
+    Untagged untagged;
+    for (const MessageRow& row : all_messages_of(path)) {
+        if (row.has_size_field) continue;
+        if (has_field(row.name)) {
+            untagged.stuck.push_back(path_of(path, row));
+        } else {
+            ++untagged.taggable;
+        }
+    }
+    std::sort(untagged.stuck.begin(), untagged.stuck.end());
+    return untagged;
 }
 
 Tagged tag_folder(const TSMailUserId& id, const string& folder) {
     const string path = existing_folder(id, folder);
     const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
-    const std::uint64_t before = untagged_in(path);
+    const std::uint64_t before = untagged_in(path).all();
     if (before == 0) return {};
     for (const char* sub : {"cur", "new"}) tsl_get_dir_size(path.c_str(), sub, kTagFirst);
-    const std::uint64_t left = untagged_in(path);
+    const std::uint64_t left = untagged_in(path).all();
     // A message that somebody else brought meanwhile is none that was tagged.
     return {before - std::min(before, left), left};
 }
@@ -91,12 +109,12 @@ std::vector<WrongSize> wrong_sizes_in(const string& path) {
     std::vector<WrongSize> wrong;
     for (const MessageRow& row : all_messages_of(path)) {
         if (!row.has_size_field) continue;
-        const string directory = in(path, row.is_new ? "new" : "cur");
-        const string message = in(directory, row.name);
+        const string message = path_of(path, row);
         const auto size = size_of_file(message);
         if (!size || *size == row.bytes) continue;
         const string right = with_size(row.name, *size);
-        wrong.push_back({message, row.bytes, *size, right.empty() ? "" : in(directory, right)});
+        const string right_path = message.substr(0, message.rfind('/') + 1) + right;
+        wrong.push_back({message, row.bytes, *size, right.empty() ? "" : right_path});
     }
     std::sort(wrong.begin(), wrong.end(),
               [](const WrongSize& a, const WrongSize& b) { return a.path < b.path; });

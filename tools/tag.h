@@ -10,8 +10,16 @@
 
 namespace Tessaly::tool {
 
-// How many messages of a folder have no size field. A Failure if the folder cannot be read.
-std::uint64_t untagged_in(const std::string& path);
+// The messages of a folder whose names tell no size.
+struct Untagged {
+    std::uint64_t taggable = 0;
+    // The paths of those whose names have a field without a size in it, which tagging leaves alone.
+    std::vector<std::string> stuck;
+    std::uint64_t all() const { return taggable + stuck.size(); }
+};
+
+// A Failure if the folder cannot be read.
+Untagged untagged_in(const std::string& path);
 
 struct Tagged {
     std::uint64_t tagged = 0;

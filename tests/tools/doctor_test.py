@@ -170,6 +170,22 @@ class FindingsTest(DoctorCase):
         self.found("untagged", TOP + "/Inbox", "^2 messages without a size")
         self.assertTrue(all("#S#" in path for path in messages(ANN)))
 
+    def test_a_size_field_without_a_size(self):
+        """Tagging leaves it alone, so nobody is told that it would not."""
+        for name in ("a,#F#E", "b,#F#S#-5#E:2,S"):
+            path = put("Inbox/cur/" + name, b"123")
+            self.succeed("recount", ANN)
+            self.found("untagged", path, "holds no size$", repaired=False)
+            untagged = put("Inbox/new/c", b"123")
+            self.succeed("recount", ANN)
+            rows = self.doctor(1, "--repair")
+            self.assertEqual([(row["path"], row["repaired"]) for row in rows],
+                             [(path, False), (TOP + "/Inbox", True)])
+            self.assertFalse(os.path.exists(untagged))
+            shutil.rmtree(TOP + "/Inbox/new")
+            os.mkdir(TOP + "/Inbox/new")
+            os.unlink(path)
+
     def test_sizes_in_names_that_are_wrong(self):
         put("Inbox/new/a,#F#S#4#E", b"12345")
         put("Inbox/new/b,#F#S#5#E", b"12345")

@@ -221,6 +221,24 @@ class RecountTest(RecountCase):
             self.assertIn("Too many open files", done.err)
             self.assertEqual(mailbox_record(ANN), (7, 7))
 
+    def test_a_mailbox_that_takes_all_open_files_takes_them_from_nobody(self):
+        """One waits for its last folder, with all others locked; the next one has too few left."""
+        for user in (ANN, BERT):
+            self.succeed("create", user, *[f"F{n}" for n in range(60)])
+            write(f"{mail(user)}/.maildirsize", "7 7\n")
+        self.succeed("create", "carl@site.test")
+        write(mail("carl@site.test") + "/.maildirsize", "7 7\n")
+        limit = 'ulimit -n 100 && exec "$0" recount --all --jobs 2'
+        with Lock(mail(ANN) + "/Work", fcntl.LOCK_SH):
+            process = subprocess.Popen(["bash", "-c", limit, TSMAIL], env=environment(),
+                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            wait_until(lambda: mailbox_record("carl@site.test") == (0, 0))
+            self.assertEqual(mailbox_record(BERT), (7, 7))
+        out, err = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, err), (0, b""), out)
+        self.assertEqual([mailbox_record(user) for user in (ANN, BERT)], [(123, 3), (0, 0)])
+        self.assertIn(BERT.encode(), out)
+
 
 class MeanwhileTest(RecountCase):
     """What others do while a recount waits for a folder or works."""

@@ -297,6 +297,53 @@ int end_recount(Session& session, const TSMailUserId& id, const RecountEnd& end,
     return kExitOk;
 }
 
+// The recounts of one run of the program.
+class Recounts {
+  public:
+    Recounts(Session& session, std::vector<TSMailUserId> mailboxes, bool alone)
+        : session_(session),
+          mailboxes_(std::move(mailboxes)),
+          alone_(alone),
+          progress_(session, "recounting mailboxes", mailboxes_.size()) {}
+
+    // The worst of their exit codes.
+    int run(std::size_t jobs) {
+        std::vector<std::size_t> crowded;
+        const auto work = [this](std::size_t n) { return count(n); };
+        in_order(mailboxes_.size(), jobs, work, [&](std::size_t n, const RecountEnd& end) {
+            if (is_crowded(end)) {
+                crowded.push_back(n);
+            } else {
+                take(n, end);
+            }
+        });
+        for (const std::size_t n : crowded) take(n, count(n));
+        return worst_;
+    }
+
+  private:
+    // A mailbox of very many folders may take the file descriptors that another one needed at the
+    // same time. That one is counted again by itself, when all others are done.
+    bool is_crowded(const RecountEnd& end) const {
+        return !alone_ && end.failure && end.failure->error() == EMFILE;
+    }
+    RecountEnd count(std::size_t n) const {
+        return recount_as_owner(session_, mailboxes_[n], alone_);
+    }
+    void take(std::size_t n, const RecountEnd& end) {
+        worst_ = std::max(worst_, end_recount(session_, mailboxes_[n], end, alone_, daemon_));
+        if (!alone_) progress_.advance(++done_);
+    }
+
+    Session& session_;
+    const std::vector<TSMailUserId> mailboxes_;
+    const bool alone_;
+    QuotaDaemon daemon_;
+    Progress progress_;
+    std::uint64_t done_ = 0;
+    int worst_ = kExitOk;
+};
+
 std::size_t jobs_of(const RecountArguments& arguments) {
     constexpr long long kMostJobs = 64;
     if (!arguments.jobs) return std::max(1U, std::thread::hardware_concurrency());
@@ -307,18 +354,8 @@ int run_recount(Session& session, const RecountArguments& arguments) {
     const std::size_t jobs = jobs_of(arguments);
     raise_open_file_limit();
     const auto mailboxes = chosen_mailboxes(arguments.address, arguments.all);
-    const bool alone = !arguments.all;
-    QuotaDaemon daemon;
-    Progress progress(session, "recounting mailboxes", mailboxes.size());
-    int worst = kExitOk;
-    in_order(
-        mailboxes.size(), jobs,
-        [&](std::size_t n) { return recount_as_owner(session, mailboxes[n], alone); },
-        [&](std::size_t n, const RecountEnd& end) {
-            worst = std::max(worst, end_recount(session, mailboxes[n], end, alone, daemon));
-            if (!alone) progress.advance(n + 1);
-        });
-    if (!alone && !session.json) {
+    const int worst = Recounts(session, mailboxes, !arguments.all).run(jobs);
+    if (arguments.all && !session.json) {
         session.out.line(fmt::format("{} mailboxes recounted", mailboxes.size()));
     }
     return worst;
