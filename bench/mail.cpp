@@ -211,7 +211,10 @@ void add_doveadm(Item& item, long count) {
     bench::add_program(
         item, "doveadm", doveadm(count, homes, empty),
         [=] {
-            for (long i = 0; i < count; ++i) fs::remove(maildir(i) + "/maildirsize");
+            for (long i = 0; i < count; ++i) {
+                fs::remove(maildir(i) + "/maildirsize");
+                fs::remove(empty + "/u" + std::to_string(i) + "/Maildir/maildirsize");
+            }
         },
         [=] {
             long long sum = 0;

@@ -38,7 +38,8 @@ WHAT = {
     "pref_store": "preference file", "message_name": "name",
     "size_append": "processes that append to one file; counts are those of one record",
     "walk": "nested folders", "deliver": "bytes of a message, from start to exit of the program",
-    "recount": "mailboxes of 1,000 messages; time and counts are those of one mailbox",
+    "recount": "mailboxes of 1,000 messages; time and counts are those of one mailbox. The limit is one "
+               "thread's, the library works in one for each processor, with one job in a single one",
 }
 COLOURS = ["#2c6fb0", "#b05a2c", "#3a8f4d", "#8f3a8a", "#8f7a2c", "#555555"]
 
