@@ -61,7 +61,7 @@ rm -f build/bench/new/*
 if [ -n "$scale" ]; then
     say "Measuring a growing spool; this takes minutes"
     inside scale python3 -B bench/scale.py build/release/tools/tsmail build/bench/new/scale.md \
-        100 1000 10000
+        100 1000 10000 100000
     cat build/bench/new/scale.md
     exit
 fi

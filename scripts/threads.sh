@@ -6,6 +6,6 @@ set -euo pipefail
 . "$(dirname "$0")/lib.sh"
 
 ensure_packages build test
-build_preset tsan concurrency_threads
+build_preset tsan concurrency_threads tools_units tsmail_tool
 cd "$top"
-exec ctest --preset tsan -R '^concurrency_threads'
+exec ctest --preset tsan -R '^(concurrency_threads|tools_units\.InOrder|tools_recount\.RecountTest)'

@@ -230,8 +230,10 @@ class RecountTest(RecountCase):
         write(mail("carl@site.test") + "/.maildirsize", "7 7\n")
         limit = 'ulimit -n 100 && exec "$0" recount --all --jobs 2'
         with Lock(mail(ANN) + "/Work", fcntl.LOCK_SH):
-            process = subprocess.Popen(["bash", "-c", limit, TSMAIL], env=environment(),
-                                       stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+            with Lock(mail(BERT) + "/Bulk", fcntl.LOCK_SH):
+                process = subprocess.Popen(["bash", "-c", limit, TSMAIL], env=environment(),
+                                           stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                wait_until(lambda: self.is_waiting_for(process, mail(ANN) + "/Work"))
             wait_until(lambda: mailbox_record("carl@site.test") == (0, 0))
             self.assertEqual(mailbox_record(BERT), (7, 7))
         out, err = process.communicate(timeout=60)
