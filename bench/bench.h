@@ -93,6 +93,8 @@ struct FolderKind {
 std::string make_folder(const std::string& name, long messages, const FolderKind& kind);
 // The same in a directory that is there.
 void fill_folder(const std::string& folder, long messages, const FolderKind& kind);
+// The bytes that a size file's lines behind its first add up to.
+long long total_of(const std::string& path);
 
 // ---- Programs
 // ------------------------------------------------------------------------------------

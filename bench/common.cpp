@@ -66,4 +66,13 @@ void fill_folder(const std::string& folder, long messages, const FolderKind& kin
     }
 }
 
+long long total_of(const std::string& path) {
+    std::ifstream file(path);
+    std::string line;
+    std::getline(file, line);
+    long long sum = 0;
+    while (std::getline(file, line)) sum += std::strtoll(line.c_str(), nullptr, 10);
+    return sum;
+}
+
 }  // namespace bench

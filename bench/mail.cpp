@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "bench/bench.h"
+#include "bench/dovecot.h"
 
 namespace {
 
@@ -25,7 +26,6 @@ constexpr char kMailboxes[] = "/var/spool/home/site.test";
 constexpr char kMail[] = "/var/spool/home/site.test/ann~site.test/mail";
 constexpr char kInbox[] = "/var/spool/home/site.test/ann~site.test/mail/Inbox";
 constexpr char kMessage[] = "/var/spool/bench/message";
-constexpr char kDovecotConf[] = "/var/spool/bench/dovecot.conf";
 
 void make_message(long size) {
     string text = "From: ann@site.test\nTo: ann@site.test\nSubject: figures\n\n";
@@ -69,22 +69,6 @@ long long bare_delivery(const string& text) {
     return 0;
 }
 
-// Dovecot's own layout, as it would be set up for speed: no index files.
-void write_dovecot_conf() {
-    bench::write_file(kDovecotConf,
-                      "mail_location = maildir:~/Maildir:INDEX=MEMORY\n"
-                      "mail_plugins = quota\n"
-                      "plugin {\n  quota = maildir:User quota\n  quota_rule = *:storage=100G\n}\n"
-                      "postmaster_address = ann@site.test\n"
-                      "log_path = /tmp/dovecot.log\n"
-                      "stats_writer_socket_path =\n"
-                      "base_dir = /tmp/dovecot-run\n");
-}
-
-std::vector<string> home_is(const string& home) {
-    return {"HOME=" + home, string("USER=") + kUser, string("LOGNAME=") + kUser};
-}
-
 Item deliver(long size) {
     make_message(size);
     make_empty_folder(kInbox);
@@ -102,16 +86,15 @@ Item deliver(long size) {
     bench::add_program(item, "agent", {{TSMAIL_AGENT, kUser}, {}, kMessage}, prepare, check);
 
     const string home = bench::fresh_dir("lda");
-    write_dovecot_conf();
     const auto make_home = [=] { make_empty_folder(home + "/Maildir"); };
     const auto in_home = [=] { return delivered_in(home + "/Maildir"); };
     bench::add_program(item, "dovecot-lda",
-                       {{"/usr/lib/dovecot/dovecot-lda", "-c", kDovecotConf},
+                       {{"/usr/lib/dovecot/dovecot-lda", "-c", bench::dovecot_conf()},
                         {},
                         kMessage,
-                        {"/usr/sbin/dovecot", "--version"},
+                        bench::dovecot_version(),
                         {},
-                        home_is(home)},
+                        bench::home_is(home)},
                        make_home, in_home);
     bench::add_program(item, "mdeliver", {{"mdeliver", home + "/Maildir"}, {}, kMessage}, make_home,
                        in_home);
@@ -137,16 +120,6 @@ void make_records_wrong(long count) {
             bench::write_file(mailbox(i) + record, "0S, 0C\n1 1\n");
         }
     }
-}
-
-// The bytes that a size file's lines behind its first add up to.
-long long total_of(const string& path) {
-    std::ifstream file(path);
-    string line;
-    std::getline(file, line);
-    long long sum = 0;
-    while (std::getline(file, line)) sum += std::strtoll(line.c_str(), nullptr, 10);
-    return sum;
 }
 
 long entries_of(const string& path) {
@@ -185,44 +158,6 @@ long long bare_recount(long count, long long total) {
     return 0;
 }
 
-constexpr char kRecalcEach[] =
-    "i=0; while [ $i -lt $2 ]; do HOME=$1/u$i doveadm -c $3 quota recalc; i=$((i + 1)); done";
-
-bench::Program doveadm(long count, const string& homes, const string& empty) {
-    const auto words = [&](const string& dir) {
-        return std::vector<string>{"/usr/bin/sh",         "-c",        kRecalcEach, "sh", dir,
-                                   std::to_string(count), kDovecotConf};
-    };
-    return {words(homes), words(empty),  "/dev/null", {"/usr/sbin/dovecot", "--version"},
-            {},           home_is(homes)};
-}
-
-// Its own tree: the sizes are in the names as it writes them.
-void add_doveadm(Item& item, long count) {
-    if (bench::find_program("/usr/bin/doveadm").empty()) return;
-    write_dovecot_conf();
-    const string homes = bench::fresh_dir("recalc");
-    const string empty = bench::fresh_dir("recalc_empty");
-    const auto maildir = [=](long i) { return homes + "/u" + std::to_string(i) + "/Maildir"; };
-    for (long i = 0; i < count; ++i) {
-        bench::fill_folder(maildir(i), kMessagesEach, {.before_size = ",S=", .behind_size = ""});
-        bench::fill_folder(empty + "/u" + std::to_string(i) + "/Maildir", 0, {});
-    }
-    bench::add_program(
-        item, "doveadm", doveadm(count, homes, empty),
-        [=] {
-            for (long i = 0; i < count; ++i) {
-                fs::remove(maildir(i) + "/maildirsize");
-                fs::remove(empty + "/u" + std::to_string(i) + "/Maildir/maildirsize");
-            }
-        },
-        [=] {
-            long long sum = 0;
-            for (long i = 0; i < count; ++i) sum += total_of(maildir(i) + "/maildirsize");
-            return sum;
-        });
-}
-
 Item recount(long count) {
     make_mailboxes(count);
     long long each = 0;
@@ -230,7 +165,7 @@ Item recount(long count) {
     const auto prepare = [=] { make_records_wrong(count); };
     const auto check = [=] {
         long long sum = 0;
-        for (long i = 0; i < count; ++i) sum += total_of(mailbox(i) + "/.maildirsize");
+        for (long i = 0; i < count; ++i) sum += bench::total_of(mailbox(i) + "/.maildirsize");
         return sum;
     };
     Item item = {
@@ -240,7 +175,7 @@ Item recount(long count) {
                        check);
     bench::add_program(item, "one job", {{TSMAIL_TOOL, "-q", "recount", "--all", "--jobs=1"}, {}},
                        prepare, check);
-    add_doveadm(item, count);
+    bench::add_doveadm(item, count, kMessagesEach);
     return item;
 }
 

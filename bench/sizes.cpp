@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "bench/bench.h"
+#include "bench/dovecot.h"
 
 namespace {
 
@@ -128,6 +129,8 @@ Item sum_names(long messages) {
                   {"library", [=] { return tsl_get_dir_size(dir.c_str(), nullptr, 0); }}}};
     bench::add_program(item, "du", du(dir));
     if (messages <= 10000) bench::add_program(item, "Python mailbox", python_mailbox(folder));
+    // With less its start is all that can be measured; with more it takes seconds to make them.
+    if (messages >= 10000 && messages <= 100000) bench::add_doveadm(item, 1, messages);
     return item;
 }
 
