@@ -94,9 +94,11 @@ OneLine look_for_one_line(int fd) {
             size.found, in.failed()};
 }
 
+// Without waiting: a FIFO in the cache's place must hold nobody.
 base::Fd open_file(const char* path, int flags) {
     if (path == nullptr) return {};
-    return base::Fd(base::retry([&] { return ::open(path, flags | O_CLOEXEC | O_NOCTTY, 0666); }));
+    flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    return base::Fd(base::retry([&] { return ::open(path, flags, 0666); }));
 }
 
 // Appending: of two writers at once that both found the file empty the second writes behind the

@@ -1,6 +1,9 @@
 // The scan cache's one-line form.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <tessaly/mailstore.h>
+#include <unistd.h>
 
 #include <climits>
 
@@ -108,6 +111,30 @@ TEST_F(Cache, AFullDiskIsReported) {
 }
 
 // The disk takes a digit more of the text in each round, never all.
+TEST_F(Cache, AFifoInItsPlaceHoldsNobody) {
+    const std::string folder = "/var/spool/folder", cache = folder + "/.ts_cache";
+    files::make_maildir(folder);
+    files::write(folder + "/cur/1.2_3_4.h,#F#S#10#E", "");
+    ASSERT_EQ(::mkfifo(cache.c_str(), 0600), 0);
+    ::alarm(20);  // a caller that hangs is killed
+    const auto look = [&] {
+        long mtime = 77;
+        unsigned long size = 77;
+        EXPECT_EQ(tsl_read_maildir_cache_file(cache.c_str(), &mtime, &size), 0);
+        EXPECT_EQ(mtime, 77);
+        EXPECT_EQ(size, 77U);
+        EXPECT_EQ(tsl_get_mailbox_size(folder.c_str(), nullptr), 0);
+        EXPECT_EQ(tsl_get_mailbox_size_actual(folder.c_str(), nullptr, 0), 10);
+    };
+    EXPECT_EQ(tsl_write_maildir_cache_file(cache.c_str(), 1, 2), 0);
+    look();
+    const int both_ends = ::open(cache.c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(both_ends, 0);
+    look();
+    ::close(both_ends);
+    ::alarm(0);
+}
+
 TEST_F(Cache, IsNotCutWithinItsNumbers) {
     const std::string text = "mtime=4242424242,size=60";
     for (std::size_t room = 1; room < text.size(); ++room) {
