@@ -63,9 +63,9 @@ void TSMailUserId::quota_reset() const {
     constexpr int kLine = 324;  // part of the exception as callers know it
     if (type_ == MAILBOX_DIRECT) throw_not_implemented("quota_reset", kLine);
     const std::string path = base::concat({mailpath(), "/", mailsize::kDirtyMarker});
-    const base::Fd marker(base::retry([&] {
-        return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666);
-    }));
+    // Without waiting: a FIFO in the marker's place marks as well.
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    const base::Fd marker(base::retry([&] { return ::open(path.c_str(), kFlags, 0666); }));
 }
 
 }  // namespace Tessaly

@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <tessaly/maillist.h>
 #include <unistd.h>
 
@@ -288,6 +289,34 @@ TEST(Names, OfAHundredThousandLinesSortInAMoment) {
     ASSERT_EQ(sorted.names.size(), expected.size());
     EXPECT_TRUE(std::equal(sorted.names.begin(), sorted.names.end(), expected.begin(),
                            [](const std::string& a, const auto& b) { return a == b.first; }));
+}
+
+TEST(Fifo, InAListsPlaceHoldsNobody) {
+    make_dirs(kDirectory);
+    ASSERT_EQ(::mkfifo(kPath, 0600), 0);
+    ::alarm(20);  // a caller that hangs is killed
+    const auto look = [](int result) {
+        EXPECT_EQ(find("a"), 0);
+        EXPECT_EQ(match("a"), 0);
+        EXPECT_EQ(names(false).result, result);
+        EXPECT_EQ(names(true).result, result);
+        EXPECT_EQ(add("a"), -1);
+    };
+    look(0);  // nobody writes into it: it is empty
+    const int both_ends = ::open(kPath, O_RDWR | O_CLOEXEC);
+    ASSERT_GE(both_ends, 0);
+    look(-1);
+    ::close(both_ends);
+    ::alarm(0);
+}
+
+TEST(Fifo, InATemporaryFilesPlaceHoldsNobody) {
+    put("a\nb\n");
+    ASSERT_EQ(::mkfifo(kTemporary, 0600), 0);
+    ::alarm(20);
+    drop("a");
+    ::alarm(0);
+    EXPECT_EQ(content(), "b\n");
 }
 
 TEST(Null, IsAnsweredWithoutAnyEffect) {

@@ -1,7 +1,9 @@
 // Size record files: every rule that a caller can see, on real files.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <tessaly/MailUserId.h>
 #include <tessaly/mailstore.h>
+#include <unistd.h>
 
 #include <climits>
 
@@ -301,6 +303,14 @@ TEST_F(Records, MarkingByUser) {
 }
 
 // The one answer of these functions to a lack of memory that is not an answer.
+TEST_F(Records, MarkingByUserWaitsForNoFifo) {
+    ASSERT_EQ(::mkfifo(kMarker.c_str(), 0600), 0);
+    ::alarm(20);  // a caller that hangs is killed
+    EXPECT_EQ(tsl_reset_quota_flag_by_user(kUser), 0);
+    ::alarm(0);
+    EXPECT_TRUE(files::exists(kMarker));
+}
+
 TEST_F(Records, MarkingByUserLetsALackOfMemoryPass) {
     int n = 0;
     for (bool fired = true; fired; ++n) {
