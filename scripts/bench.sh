@@ -8,7 +8,7 @@
 # --rounds choose items by name, sizes and how often; DIR is where other mail programs are unpacked
 # (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, no time
 # judged, nothing written but below build/bench/. --scale measures how a spool of generated mailboxes
-# grows.
+# grows to 100,000 of them: ten minutes, 13 GiB and six million inodes, which are given back at the end.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
