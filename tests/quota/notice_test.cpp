@@ -40,9 +40,11 @@ const std::string kLargeBody(1 << 20, 'x');
 
 int send_large() { return tsl_send_quota_msg("a@b", "c@d", "s", kLargeBody.c_str()); }
 
-// What a program of its own would do with popen.
+// What a program of its own would do with popen. Without a buffer: one that could not be written,
+// as the program was done already, would be the close's answer in place of the program's status.
 int literal_send(const std::string& text) {
     std::FILE* program = ::popen("/bin/sendmail -Am -bm -t", "w");
+    std::setvbuf(program, nullptr, _IONBF, 0);
     std::fputs(text.c_str(), program);
     return ::pclose(program);
 }
