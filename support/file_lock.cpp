@@ -43,9 +43,10 @@ Fd off_standard(Fd fd) {
     return Fd(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
+// The lock is waited for, the opening is not: a FIFO in the file's place would hold whoever comes.
 Fd open_locked(const char* path, const LockMode& mode) {
-    Fd fd = off_standard(
-        Fd(retry([&] { return ::open(path, mode.open_flags | O_CLOEXEC | O_NOCTTY, 0666); })));
+    const int flags = mode.open_flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    Fd fd = off_standard(Fd(retry([&] { return ::open(path, flags, 0666); })));
     if (!fd) return {};
     if (retry([&] { return ::flock(fd.get(), mode.lock); }) != 0) return {};
     if (mode.empties && retry([&] { return ::ftruncate(fd.get(), 0); }) != 0) return {};

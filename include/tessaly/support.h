@@ -33,7 +33,8 @@ extern "C" {
  * exclusive lock; the first read starts at the beginning. A file is created with mode 0666 less
  * the umask. Any other mode fails with EINVAL.
  *
- * Waits for the lock without a limit; an interrupting signal does not end the wait. Returns a
+ * Waits for the lock without a limit; an interrupting signal does not end the wait. The opening
+ * itself waits for nobody (O_NONBLOCK): of a FIFO the other end need not be there. Returns a
  * stream that the caller closes with close_and_unlock_file or fclose (both release the lock), or
  * NULL with errno of the failed open, flock or truncation; a file that the call created stays. */
 FILE* open_and_lock_file(const char* path, const char* mode);
