@@ -21,7 +21,7 @@ while [ $# -gt 0 ]; do
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
-    --peers) peers=$2 && shift ;;
+    --peers) peers=$(realpath -m "$2") && shift ;;
     *) die "usage: bench.sh [--scale] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
     esac
     shift
@@ -37,19 +37,19 @@ out=build/bench
 [ -n "$quick$only" ] || out=bench/results
 
 # Peers that cannot be had are left out, and the table says which were there.
-roots='' binds=()
+roots='' shown=()
 for package in dovecot-imapd mblaze; do
     [ "$(id -u)" = 0 ] || continue
     scripts/fetch-neighbour "$package" "$peers" || continue
     roots+=${roots:+:}$peers/$package
-    binds+=(--bwrap --ro-bind --bwrap "$peers/$package" --bwrap "$peers/$package")
+    shown+=(--ro "$peers/$package")
 done
 
 # inside NAME COMMAND... - in the sandbox; the log is build/bench/NAME.log.
 inside() {
     local log=build/bench/$1.log
     shift
-    scripts/sandbox --rw "$top/build/bench" --spool-dir "$top/$spool" "${binds[@]}" -- \
+    scripts/sandbox --rw "$top/build/bench" --spool-dir "$top/$spool" "${shown[@]}" -- \
         python3 -B bench/inside.py "$top" "$roots" "$@" >"$log" 2>&1 ||
         { tail -n 20 "$log" >&2; die "failed; the log is $log"; }
 }

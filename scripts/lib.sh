@@ -6,6 +6,9 @@ die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
+# What is built is for every user of the sandbox, whatever the caller's mask.
+umask 022
+
 # Runs a command as root: directly, or through sudo.
 as_root() {
     if [ "$(id -u)" = 0 ]; then
@@ -49,4 +52,5 @@ build_preset() {
         tail -n 60 "$log" >&2
         die "the $preset build failed"
     }
+    "$top/scripts/sandbox" --prepare --rw "$top/build/$preset"
 }

@@ -39,7 +39,7 @@ def outside(source, build, cache, packages, file, test_class):
                         "PYTHONDONTWRITEBYTECODE": "1"}.items():
         command += ["--bwrap", "--setenv", "--bwrap", name, "--bwrap", value]
     for root in roots:
-        command += ["--bwrap", "--ro-bind", "--bwrap", root, "--bwrap", root]
+        command += ["--ro", root]
     inside = [sys.executable, "-B", __file__, "--inside", ":".join(roots), file, test_class]
     os.execv(command[0], [*command, "--", *inside])
 

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# unpacked.sh SOURCE PYTHON - unpacks the packages of build/debs into an empty root, lays that over
+# unpacked.sh SOURCE BUILD PYTHON - unpacks the packages of build/debs into an empty root, lays that over
 # the sandbox's, and goes through the tutorial there: compiler, loader, man and shells find
 # everything where Debian has it.
 set -euo pipefail
-source=$1 python=$2
+source=$1 build=$2 python=$3
 root=$(mktemp -d "$source/build/package/root.XXXXXX")
 trap 'rm -rf "$root"' EXIT
 
@@ -15,7 +15,7 @@ done
 [ "$count" -ge 4 ] || { echo "only $count packages" >&2; exit 1; }
 
 # shellcheck disable=SC2016
-"$source/scripts/sandbox" --over "$root" -- bash -euc '
+"$source/scripts/sandbox" --over "$root" --rw "$build" -- bash -euc '
     root=$1 source=$2 python=$3
     [ "$(command -v tsmail)" = /usr/bin/tsmail ]
     ldd /usr/bin/tsmail | grep "libtsmail.so.1 => /lib/"
