@@ -26,12 +26,6 @@ bool wants_colour(int fd) {
            std::strcmp(term, "dumb") != 0 && ::isatty(fd) == 1;
 }
 
-// Columns a text takes on a terminal: what the padding to a larger width leaves over.
-std::size_t width_of(std::string_view text) {
-    const std::size_t enough = 2 * text.size();
-    return enough + text.size() - fmt::formatted_size("{:<{}}", text, enough);
-}
-
 }  // namespace
 
 Output::Output(int fd) : fd_(fd), colour_(wants_colour(fd)) {}

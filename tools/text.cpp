@@ -1,6 +1,7 @@
 #include "tools/text.h"
 
 #include <fmt/format.h>
+#include <utf8proc.h>
 
 #include <algorithm>
 #include <iterator>
@@ -9,56 +10,45 @@ namespace Tessaly::tool {
 
 namespace {
 
-using CodePoint = char32_t;
-
-struct Decoded {
-    std::size_t length;  // 0: no valid sequence here
-    CodePoint code_point;
+struct Character {
+    std::size_t length;  // in bytes; 1 for a byte that begins no valid sequence
+    utf8proc_int32_t code_point;
+    bool valid;
 };
 
-struct Range {
-    CodePoint first, last;
-};
-
-// Controls, and format characters that are invisible or reorder what stands around them.
-constexpr Range kHidden[] = {{0x00, 0x1F},     {0x7F, 0x9F},      {0xAD, 0xAD},
-                             {0x61C, 0x61C},   {0x180E, 0x180E},  {0x200B, 0x200F},
-                             {0x2028, 0x202E}, {0x2060, 0x206F},  {0xFEFF, 0xFEFF},
-                             {0xFFF9, 0xFFFB}, {0xE0000, 0xE0FFF}};
-
-bool is_hidden(CodePoint c) {
-    return std::any_of(std::begin(kHidden), std::end(kHidden),
-                       [c](const Range& r) { return r.first <= c && c <= r.last; });
+// What the text begins with.
+Character first_of(std::string_view text) {
+    utf8proc_int32_t code_point = -1;
+    const utf8proc_ssize_t length =
+        utf8proc_iterate(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
+                         static_cast<utf8proc_ssize_t>(text.size()), &code_point);
+    if (length <= 0) return {1, code_point, false};
+    return {static_cast<std::size_t>(length), code_point, true};
 }
 
-// By the first byte: how long the sequence is, and the smallest code point that needs that length.
-struct Form {
-    std::size_t length;
-    CodePoint smallest;
-    unsigned char mask, value;
-};
-constexpr Form kForms[] = {
-    {1, 0, 0x80, 0x00}, {2, 0x80, 0xE0, 0xC0}, {3, 0x800, 0xF0, 0xE0}, {4, 0x10000, 0xF8, 0xF0}};
-
-bool is_scalar(CodePoint c) { return c <= 0x10FFFF && (c < 0xD800 || c > 0xDFFF); }
-
-Decoded decode_as(const Form& form, std::string_view text) {
-    if (text.size() < form.length) return {0, 0};
-    CodePoint c = static_cast<unsigned char>(text[0]) & static_cast<unsigned char>(~form.mask);
-    for (std::size_t i = 1; i < form.length; ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        if ((byte & 0xC0U) != 0x80U) return {0, 0};
-        c = (c << 6) | (byte & 0x3FU);
-    }
-    return c >= form.smallest && is_scalar(c) ? Decoded{form.length, c} : Decoded{0, 0};
+// They choose between the letter's and the picture's form of the character in front of them.
+bool selects_form(utf8proc_int32_t code_point) {
+    return code_point == 0xFE0E || code_point == 0xFE0F;
 }
 
-Decoded decode(std::string_view text) {
-    const auto first = static_cast<unsigned char>(text[0]);
-    for (const Form& form : kForms) {
-        if ((first & form.mask) == form.value) return decode_as(form, text);
+// Controls, and what is invisible or reorders the text around it.
+bool is_hidden(utf8proc_int32_t code_point) {
+    const utf8proc_property_t& property = *utf8proc_get_property(code_point);
+    switch (property.category) {
+        case UTF8PROC_CATEGORY_CC:
+        case UTF8PROC_CATEGORY_CF:
+        case UTF8PROC_CATEGORY_ZL:
+        case UTF8PROC_CATEGORY_ZP:
+            return true;
+        default:
+            return property.ignorable && !selects_form(code_point);
     }
-    return {0, 0};
+}
+
+// Vowels and final consonants of decomposed Hangul stand within the syllable's first consonant.
+bool joins_syllable(utf8proc_int32_t code_point) {
+    const auto kind = utf8proc_get_property(code_point)->boundclass;
+    return kind == UTF8PROC_BOUNDCLASS_V || kind == UTF8PROC_BOUNDCLASS_T;
 }
 
 }  // namespace
@@ -66,19 +56,33 @@ Decoded decode(std::string_view text) {
 std::string printable(std::string_view text) {
     std::string shown;
     while (!text.empty()) {
-        const Decoded c = decode(text);
-        const std::size_t length = std::max<std::size_t>(c.length, 1);
-        if (c.length > 0 && !is_hidden(c.code_point)) {
-            shown.append(text.substr(0, length));
+        const Character c = first_of(text);
+        const std::string_view bytes = text.substr(0, c.length);
+        if (c.valid && !is_hidden(c.code_point)) {
+            shown.append(bytes);
         } else {
-            for (const char byte : text.substr(0, length)) {
+            for (const char byte : bytes) {
                 fmt::format_to(std::back_inserter(shown), "\\x{:02x}",
                                static_cast<unsigned char>(byte));
             }
         }
-        text.remove_prefix(length);
+        text.remove_prefix(c.length);
     }
     return shown;
+}
+
+std::size_t width_of(std::string_view text) {
+    std::size_t width = 0;
+    while (!text.empty()) {
+        const Character c = first_of(text);
+        if (!c.valid) {
+            ++width;
+        } else if (!joins_syllable(c.code_point)) {
+            width += static_cast<std::size_t>(utf8proc_charwidth(c.code_point));
+        }
+        text.remove_prefix(c.length);
+    }
+    return width;
 }
 
 std::string size_text(std::uint64_t bytes) {

@@ -2,6 +2,7 @@
 #ifndef TSMAIL_TOOLS_TEXT_H
 #define TSMAIL_TOOLS_TEXT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -12,6 +13,10 @@ namespace Tessaly::tool {
 // sequences, and characters that change the writing direction or cannot be seen. Names in a store
 // come from strangers; a terminal must not act on them.
 std::string printable(std::string_view text);
+
+// Columns the text takes on a terminal. A mark above or below a letter takes none, an ideograph
+// two.
+std::size_t width_of(std::string_view text);
 
 // A size in binary units: "0 B", "1023 B", "1.0 KiB", "12.3 MiB".
 std::string size_text(std::uint64_t bytes);

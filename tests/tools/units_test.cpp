@@ -28,6 +28,12 @@ TEST(Printable, EscapesWhatATerminalWouldActOn) {
         {"\xc2\x9b", "\\xc2\\x9b"},                                      // C1 control
         {"\xe2\x80\xae\xe2\x80\x8b", "\\xe2\\x80\\xae\\xe2\\x80\\x8b"},  // right-to-left, invisible
         {"\xef\xbb\xbf", "\\xef\\xbb\\xbf"},                             // byte order mark
+        {"\xe2\x80\xa8", "\\xe2\\x80\\xa8"},                             // line separator
+        {"\xc2\xad", "\\xc2\\xad"},                                      // soft hyphen
+        {"\xe3\x85\xa4", "\\xe3\\x85\\xa4"},                             // invisible letter
+        {"\xf3\xa0\x81\xa1", "\\xf3\\xa0\\x81\\xa1"},                    // invisible tag
+        {"\xe2\x9d\xa4\xef\xb8\x8f", "\xe2\x9d\xa4\xef\xb8\x8f"},        // heart as a picture
+        {"u\xcc\x88", "u\xcc\x88"},                                      // decomposed umlaut
         {"\xff\xfe", "\\xff\\xfe"},
         {"\xc3", "\\xc3"},  // cut
         {"\xe2\x82", "\\xe2\\x82"},
@@ -37,6 +43,25 @@ TEST(Printable, EscapesWhatATerminalWouldActOn) {
         {"\xc3(", "\\xc3("},
     };
     for (const auto& [text, shown] : rows) EXPECT_EQ(printable(text), shown);
+}
+
+TEST(WidthOf, ColumnsOfATerminal) {
+    const struct {
+        std::string text;
+        std::size_t columns;
+    } rows[] = {
+        {"", 0},
+        {"abc", 3},
+        {"\xc3\xbc", 1},
+        {"u\xcc\x88", 1},                             // the same umlaut, decomposed
+        {"\xe4\xbc\x9a\xe8\xad\xb0", 4},              // ideographs
+        {"\xed\x95\x9c", 2},                          // a syllable of Hangul
+        {"\xe1\x84\x92\xe1\x85\xa1\xe1\x86\xab", 2},  // the same one, decomposed
+        {"\xf0\x9f\x8d\xb0", 2},                      // a picture
+        {"\xe2\x82\xac", 1},
+        {"\xff", 1},
+    };
+    for (const auto& [text, columns] : rows) EXPECT_EQ(width_of(text), columns) << text;
 }
 
 TEST(SizeText, BinaryUnitsWithBoundaries) {
@@ -116,12 +141,14 @@ TEST(Table, AlignsByWidthOnTheScreen) {
     EXPECT_EQ(shown([](Output& out) {
                   Table table({{"name"}, {"size", Align::right}, {"end"}});
                   table.row({"gr\xc3\xbc\xc3\x9f\x65", "1", "x"});
+                  table.row({"gru\xcc\x88\xc3\x9f\x65", "3", "x"});     // decomposed
                   table.row({"\xe4\xbc\x9a\xe8\xad\xb0", "100", "y"});  // two columns each
                   table.row({"a\x1b", "12", ""});
                   table.print(out);
               }),
               "name   size  end\n"
               "gr\xc3\xbc\xc3\x9f\x65     1  x\n"
+              "gru\xcc\x88\xc3\x9f\x65     3  x\n"
               "\xe4\xbc\x9a\xe8\xad\xb0    100  y\n"
               "a\\x1b    12\n");
 }
