@@ -9,11 +9,14 @@ user-space instructions of one operation. Writes OUTPUT_DIR/results.md, and OUTP
 every item with several sizes. Targets that are missed are listed with what bench/reasons.toml says.
 """
 import json
-import math
 import pathlib
 import statistics
 import sys
 import tomllib
+
+import matplotlib
+matplotlib.use("svg")
+from matplotlib import pyplot, rcParams, ticker  # noqa: E402
 
 # item: the largest ratio of the library that is aimed at (by size where it depends on it).
 TARGETS = {
@@ -41,7 +44,8 @@ WHAT = {
     "recount": "mailboxes of 1,000 messages; time and counts are those of one mailbox. The limit is one "
                "thread's, the library works in one for each processor, with one job in a single one",
 }
-COLOURS = ["#2c6fb0", "#b05a2c", "#3a8f4d", "#8f3a8a", "#8f7a2c", "#555555"]
+# Plots are texts that change where what was measured changes.
+rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tsmail", "font.family": "sans-serif"})
 
 
 def rounds(results):
@@ -139,74 +143,32 @@ def missed(table, counts, reasons):
                 yield ""
 
 
-class Plot:
-    """Ratio (logarithmic) over size (logarithmic), a line a column, the limit at 1."""
+def medians(sizes):
+    """{size: {column: ratio}} but for the limit's own."""
+    return {size: {c: statistics.median(ratios(columns, c)) for c in order(columns) if c != "limit"}
+            for size, columns in sizes.items()}
 
-    WIDTH, HEIGHT, LEFT, RIGHT, TOP, BOTTOM = 640, 360, 60, 130, 40, 50
 
-    def __init__(self, item, sizes):
-        self.item = item
-        self.medians = {size: {c: statistics.median(ratios(columns, c))
-                               for c in columns if c != "limit"}
-                        for size, columns in sizes.items()}
-        values = [r for row in self.medians.values() for r in row.values()] + [1.0]
-        self.low, self.high = math.log(min(values) * 0.85), math.log(max(values) * 1.2)
-        self.first, self.last = math.log(min(sizes)), math.log(max(sizes))
-
-    def x(self, size):
-        share = (math.log(size) - self.first) / (self.last - self.first)
-        return self.LEFT + share * (self.WIDTH - self.LEFT - self.RIGHT)
-
-    def y(self, ratio):
-        share = (math.log(ratio) - self.low) / (self.high - self.low)
-        return self.HEIGHT - self.BOTTOM - share * (self.HEIGHT - self.TOP - self.BOTTOM)
-
-    def frame(self):
-        right = self.WIDTH - self.RIGHT
-        yield (f'<svg xmlns="http://www.w3.org/2000/svg" width="{self.WIDTH}" height="{self.HEIGHT}" '
-               'font-family="sans-serif" font-size="12">')
-        yield f'<rect width="{self.WIDTH}" height="{self.HEIGHT}" fill="white"/>'
-        yield (f'<text x="{self.LEFT}" y="22" font-size="14">{self.item}: time as a multiple of the '
-               'limit</text>')
-        yield (f'<line x1="{self.LEFT}" x2="{right}" y1="{self.y(1):.1f}" y2="{self.y(1):.1f}" '
-               'stroke="gray" stroke-dasharray="4"/>')
-        yield f'<text x="{right + 8}" y="{self.y(1) + 4:.1f}" fill="gray">limit</text>'
-        for size in self.medians:
-            yield (f'<text x="{self.x(size):.1f}" y="{self.HEIGHT - self.BOTTOM + 20}" '
-                   f'text-anchor="middle">{size:,}</text>')
-        yield (f'<text x="{(self.LEFT + right) / 2}" y="{self.HEIGHT - 8}" text-anchor="middle">'
-               f'{WHAT.get(self.item, "").split(";")[0]}</text>')
-
-    def curve(self, column, colour, label):
-        points = [(self.x(s), self.y(row[column]), row[column])
-                  for s, row in sorted(self.medians.items()) if column in row]
-        path = " ".join(f"{a:.1f},{b:.1f}" for a, b, _ in points)
-        yield f'<polyline points="{path}" fill="none" stroke="{colour}" stroke-width="2"/>'
-        for a, b, ratio in points:
-            yield f'<circle cx="{a:.1f}" cy="{b:.1f}" r="3" fill="{colour}"/>'
-            yield f'<text x="{a + 4:.1f}" y="{b - 6:.1f}" fill="{colour}">{ratio:.2f}</text>'
-        yield (f'<text x="{self.WIDTH - self.RIGHT + 8}" y="{label:.1f}" fill="{colour}">{column}'
-               '</text>')
-
-    def labels(self, columns):
-        """Where the columns' names stand: beside their last points, but not on each other."""
-        last = {c: [row[c] for _, row in sorted(self.medians.items()) if c in row][-1] for c in columns}
-        places, taken = {}, [self.y(1) + 4]
-        for column in sorted(columns, key=lambda c: self.y(last[c])):
-            place = self.y(last[column]) + 4
-            while any(abs(place - other) < 14 for other in taken):
-                place += 1
-            taken.append(place)
-            places[column] = place
-        return places
-
-    def text(self):
-        names = list(dict.fromkeys(c for row in self.medians.values() for c in order(row)))
-        places = self.labels(names)
-        parts = list(self.frame())
-        for column, colour in zip(names, COLOURS):
-            parts += self.curve(column, colour, places[column])
-        return "\n".join(parts) + "\n</svg>\n"
+def plot(item, rows, path):
+    """Ratio (logarithmic) over size (logarithmic), a line a column, the limit at 1. rows: medians()."""
+    figure, axes = pyplot.subplots(figsize=(6.4, 3.6), layout="constrained")
+    for column in dict.fromkeys(c for row in rows.values() for c in row):
+        points = [(size, row[column]) for size, row in sorted(rows.items()) if column in row]
+        [line] = axes.loglog(*zip(*points), marker="o", markersize=4, label=column)
+        for point in points:
+            axes.annotate(f"{point[1]:.2f}", point, xytext=(3, 4), textcoords="offset points",
+                          fontsize="x-small", color=line.get_color())
+    axes.axhline(1, color="gray", linestyle="--", label="limit")
+    axes.set_title(f"{item}: time as a multiple of the limit", fontsize="medium")
+    axes.set_xlabel(WHAT.get(item, "").split(";")[0])
+    axes.set_xticks(sorted(rows), [f"{size:,}" for size in sorted(rows)])
+    axes.margins(x=0.09, y=0.12)
+    axes.minorticks_off()
+    axes.yaxis.set_major_locator(ticker.LogLocator(subs=(1, 2, 5)))
+    axes.yaxis.set_major_formatter("{x:g}")
+    axes.legend(loc="upper left", bbox_to_anchor=(1, 1), frameon=False, fontsize="small")
+    figure.savefig(path, metadata={"Date": None})
+    pyplot.close(figure)
 
 
 HEAD = """# Measured
@@ -235,7 +197,7 @@ def main(measured, output, machine=""):
     for item, sizes in table.items():
         lines += table_of(item, sizes, counts)
         if len(sizes) > 1:
-            (out / f"{item}.svg").write_text(Plot(item, sizes).text(), encoding="utf-8")
+            plot(item, medians(sizes), out / f"{item}.svg")
             lines += [f"![{item}]({item}.svg)", ""]
     lines += ["## Missed", "", *(lists or ["Nothing.", ""])]
     text = "\n".join(lines)

@@ -73,5 +73,6 @@ inside times build/release/bench/bench "${choice[@]}" "${words[@]}" --out build/
 say "Counting system calls and instructions; the log is build/bench/counts.log"
 inside counts python3 -B bench/counts.py build/release/bench/bench build/bench/new/counts.json \
     "${choice[@]}"
-python3 -B bench/report.py build/bench/new "$out" \
+# The system's Python: the plotting library is a package of the system.
+/usr/bin/python3 -B bench/report.py build/bench/new "$out" \
     "load $load before, $(cut -d ' ' -f 1-3 /proc/loadavg) after, on $(nproc) processors"
