@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <charconv>
 
+#include "tools/manual.h"
 #include "tools/nearest.h"
 #include "tools/text.h"
 #include "tools/verbs.h"
@@ -49,6 +50,7 @@ const CLI::App* verb_named(const CLI::App& app, string_view name) {
 // What to say about a word where one of the verbs is expected.
 string unknown_verb(string_view word, const std::vector<string>& verbs) {
     const string text = fmt::format("there is no verb \"{}\"", printable(word));
+    if (verbs.empty()) return text;
     if (const string near = nearest(word, verbs); !near.empty()) {
         return text + fmt::format("; did you mean \"{}\"?", near);
     }
@@ -144,7 +146,10 @@ Json object_of(const CLI::App& app, const Choices& choices) {
             {"verbs", verbs}};
 }
 
-void declare(CLI::App& app, Session& session, Choices& choices) {
+constexpr char kHelp[] = "help";
+
+// `asked` is where the words behind "help" go.
+void declare(CLI::App& app, Session& session, Choices& choices, std::vector<string>& asked) {
     app.set_help_flag("-h,--help", "Say how it is used, and exit");
     app.set_version_flag("--version", "tsmail " TSMAIL_VERSION,
                          "Say which version it is, and exit");
@@ -159,15 +164,33 @@ void declare(CLI::App& app, Session& session, Choices& choices) {
     app.add_flag("-q,--quiet", session.quiet, "Say nothing but errors");
     app.add_flag("-v,--verbose", session.verbosity, "Say more about what is done");
     for (const auto add : kVerbFamilies) add({app, session, choices});
+    app.add_subcommand(kHelp, "Show the manual page of a verb")
+        ->add_option("VERB", asked, "The verb, as list add (default: the command itself)")
+        ->transform(unmarked);
 }
 
-void show_help(const CLI::App& app, const CLI::App* reached, Session& session,
-               const Choices& choices) {
+void show_help(const CLI::App& reached, Session& session, const Choices& choices) {
     if (session.json) {
-        session.out.object(object_of(*reached, choices));
+        session.out.object(object_of(reached, choices));
     } else {
-        session.out.line(app.help());
+        session.out.line(reached.get_formatter()->make_help(&reached, full_name(reached),
+                                                            CLI::AppFormatMode::Normal));
     }
+}
+
+// "tsmail help VERB": the verb's manual page if there is somebody to read it, else its help.
+void show_manual(const CLI::App& app, const std::vector<string>& asked, Session& session,
+                 const Choices& choices) {
+    const CLI::App* at = &app;
+    for (const string& word : asked) {
+        const CLI::App* next = verb_named(*at, word);
+        if (next == nullptr) throw Failure(kExitUsage, unknown_verb(word, verbs_of(*at)));
+        at = next;
+    }
+    string page = full_name(*at);
+    std::replace(page.begin(), page.end(), ' ', '-');
+    if (!session.json) become_manual(page, session.callers_umask);
+    show_help(*at, session, choices);
 }
 
 }  // namespace
@@ -251,17 +274,19 @@ long long whole_number(string_view what, string_view given, long long least, lon
 bool read_command_line(int argc, const char* const* argv, Session& session) {
     CLI::App app("Works on the mail store of a Tessaly mail appliance.", "tsmail");
     Choices choices;
-    declare(app, session, choices);
+    std::vector<string> asked;
+    declare(app, session, choices, asked);
     const std::vector<string> words(argv + std::min(argc, 1), argv + argc);
     std::vector<string> reversed;
     std::transform(words.rbegin(), words.rend(), std::back_inserter(reversed), marked);
     try {
         app.parse(reversed);
-        return true;
+        if (!app.got_subcommand(kHelp)) return true;
+        show_manual(app, asked, session, choices);
     } catch (const CLI::CallForVersion& version) {
         session.out.line(version.what());
     } catch (const CLI::CallForHelp&) {
-        show_help(app, follow(app, words).reached, session, choices);
+        show_help(*follow(app, words).reached, session, choices);
     } catch (const CLI::CallForAllHelp&) {
         session.out.line(app.help("", CLI::AppFormatMode::All));
     } catch (const CLI::ParseError& error) {

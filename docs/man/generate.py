@@ -2,8 +2,8 @@
 """generate.py SOURCE OUT [GRAMMAR] - makes the manual pages.
 
 Section 3 from the comments in include/tessaly, with what docs/man/functions.toml adds and the
-examples in examples/man; section 5 from docs/formats; section 1 from docs/man/tsmail.md and the
-grammar of the command (the output of "tsmail --help --json"), if that is given.
+examples in examples/man; section 5 from docs/formats; section 1, if the grammar of the command (the
+output of "tsmail --help --json") is given, as command.py says.
 
 SOURCE is the top of the sources; the pages go to OUT/man1, OUT/man3 and OUT/man5.
 """
@@ -16,6 +16,7 @@ import sys
 import tomllib
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
+import command  # noqa: E402
 import headers  # noqa: E402
 import mdoc  # noqa: E402
 
@@ -261,89 +262,9 @@ def format_pages(source, data, out, date):
 
 # ---- section 1 -------------------------------------------------------------------------------------
 
-def leaves(grammar, name=""):
-    """(full name, verb) of each verb that does something, in the order of the help."""
-    for verb in grammar["verbs"]:
-        full = f"{name} {verb['name']}".strip()
-        if verb["verbs"]:
-            yield from leaves(verb, full)
-        else:
-            yield full, verb
-
-
-def documented_verbs(text):
-    """{full name: Markdown} of tsmail.md's sections, and {"": what stands in front of them}."""
-    parts = re.split(r"^## (.*)\n", text, flags=re.M)
-    return {"": re.sub(r"\A# .*\n", "", parts[0]), **dict(zip(parts[1::2], parts[2::2]))}
-
-
-def one_argument(argument):
-    """An argument in a synopsis: .Op Fl -name Ar value."""
-    if argument["names"][0].startswith("-"):
-        flag = max(argument["names"], key=len)
-        text = f"Fl {flag[1:]}" + (" Ar " + value_name(argument) if argument["value"] else "")
-    else:
-        text = "Ar " + argument["names"][0] + (" ..." if argument["many"] else "")
-    return f".{text}" if argument["required"] else f".Op {text}"
-
-
-def value_name(argument):
-    return max(argument["names"], key=len).lstrip("-").rsplit("-", 1)[-1].upper()
-
-
-def argument_items(verb):
-    out = []
-    for argument in [*verb["arguments"], *verb["options"]]:
-        if "--help" in argument["names"]:
-            continue
-        if argument["names"][0].startswith("-"):
-            flags = " , ".join(f"Fl {name[1:]}" for name in argument["names"])
-            out.append(f".It {flags}" + (f" Ar {value_name(argument)}" if argument["value"] else ""))
-        else:
-            out.append(f".It Ar {argument['names'][0]}" + (" ..." if argument["many"] else ""))
-        out += mdoc.filled(mdoc.marked(argument["help"] + "."))
-        if "words" in argument:
-            out += mdoc.filled("One of " + ", ".join(argument["words"]) + ".")
-    return [".Bl -tag -width Ds -compact", *out, ".El"] if out else []
-
-
-def with_field_headings(text):
-    """A verb's text with a word in front of its first table of JSON fields."""
-    return re.sub(r"^(?=\| field \|)", "Fields with `--json`:\n\n", text, count=1, flags=re.M)
-
-
-def verb_section(name, verb, text):
-    options = [o for o in verb["options"] if "--help" not in o["names"]]
-    return [f".Ss {name}", f".Cm {name}",
-            *(one_argument(a) for a in [*options, *verb["arguments"]]), ".Pp",
-            *mdoc.filled(mdoc.marked(verb["help"] + ".")),
-            *argument_items(verb),
-            *([".Pp", *mdoc.converted(with_field_headings(text))] if text.strip() else [])]
-
-
-def exit_codes(source):
-    """The rows of the enumeration ExitCode: (number, what)."""
-    text = (source / "tools/exit.h").read_text(encoding="utf-8")
-    return re.findall(r"^    k\w+ = (\d+),\s*(?://\s*(.*))?$", text, re.M)
-
-
-def command_page(source, grammar, out, date):
-    texts = documented_verbs((source / "docs/man/tsmail.md").read_text(encoding="utf-8"))
-    common = [o for o in grammar["options"] if "--help" not in o["names"]]
-    body = [".Sh SYNOPSIS", ".Nm", ".Op Fl -json", ".Op Fl q", ".Op Fl v", ".Ar VERB", ".Op Ar ARGUMENT ...", ".Nm",
-            ".Fl -help | -version", ".Sh DESCRIPTION", *mdoc.converted(texts[""]), ".Ss Options of all verbs",
-            *argument_items({"arguments": [], "options": common}), ".Sh VERBS"]
-    for name, verb in leaves(grammar):
-        body += verb_section(name, verb, texts.get(name, ""))
-    body += mdoc.converted(texts["Environment and files"], ".Sh")
-    body += [".Sh EXIT STATUS", ".Bl -tag -width Ds -compact"]
-    for number, what in exit_codes(source):
-        body += [f".It {number}", *mdoc.filled(what or "done")]
-    body += [".El", *mdoc.converted(texts["Examples"], ".Sh"),
-             *see_also(["libtsmail 3", "tsmail-folders 5", "tsmail-size-records 5", "tsmail-quota 5", "tsmail-preferences 5",
-                        "tsmail-lists 5", "tsmail.toml 5"])]
-    (out / "tsmail.1").write_text(mdoc.page("tsmail", 1, grammar["help"][0].lower() + grammar["help"].rstrip(".")[1:], body, date),
-                                  encoding="utf-8")
+def command_pages(source, grammar, out, date):
+    for name, purpose, body in command.pages(source, grammar, see_also):
+        (out / f"{name}.1").write_text(mdoc.page(name, 1, purpose, body, date), encoding="utf-8")
 
 
 def main(source, out, grammar=None):
@@ -358,7 +279,7 @@ def main(source, out, grammar=None):
     format_pages(source, data, out / "man5", date)
     if grammar:
         tree = json.loads(pathlib.Path(grammar).read_text(encoding="utf-8"))
-        command_page(source, tree, out / "man1", date)
+        command_pages(source, tree, out / "man1", date)
 
 
 if __name__ == "__main__":

@@ -4,8 +4,10 @@ import json
 import os
 import pathlib
 import re
+import shutil
 import subprocess
 import sys
+import tempfile
 import tomllib
 import unittest
 
@@ -13,6 +15,7 @@ SOURCE = pathlib.Path(os.environ["TSMAIL_SOURCE"])
 BUILD = pathlib.Path(os.environ["TSMAIL_BUILD"])
 MAN = BUILD / "docs/man"
 sys.path.insert(0, str(SOURCE / "docs/man"))
+import command  # noqa: E402
 import generate  # noqa: E402
 
 
@@ -130,34 +133,98 @@ class FormatsTest(unittest.TestCase):
 
 
 class CommandTest(unittest.TestCase):
-    """tsmail(1) is about the verbs that there are."""
+    """Section 1 is about the verbs that there are."""
 
     @classmethod
     def setUpClass(cls):
         cls.grammar = json.loads(subprocess.run([BUILD / "tools/tsmail", "--help", "--json"], check=True,
                                                 stdout=subprocess.PIPE).stdout)
-        cls.page = text_of(MAN / "man1/tsmail.1")
+        cls.described = command.documented_verbs(text_of(SOURCE / "docs/man/tsmail.md"))
+        cls.schema = json.loads(text_of(SOURCE / "docs/schema/verbs.json"))
 
-    def test_every_verb_is_described(self):
-        described = generate.documented_verbs(text_of(SOURCE / "docs/man/tsmail.md"))
-        verbs = dict(generate.leaves(self.grammar))
+    def test_every_verb_has_a_page_that_says_all_of_it(self):
+        verbs = dict(command.leaves(self.grammar))
         for name, verb in verbs.items():
-            self.assertTrue(described.get(name, "").strip(), f"docs/man/tsmail.md says nothing about {name}")
-            self.assertIn(f"\n.Ss {name}\n", self.page)
-            for argument in [*verb["options"], *verb["arguments"]]:
-                self.assertIn(max(argument["names"], key=len).lstrip("-"), self.page)
-        self.assertEqual(set(described) - set(verbs), {"", "Environment and files", "Examples"})
+            self.assertTrue(self.described.get(name, "").strip(), f"docs/man/tsmail.md says nothing about {name}")
+            page = text_of(MAN / f"man1/{command.page_of(name)}.1")
+            for heading in ("SYNOPSIS", "DESCRIPTION", "JSON", "EXIT STATUS", "EXAMPLES"):
+                self.assertIn(f"\n.Sh {heading}\n", page, name)
+            for argument in command.without_help([*verb["options"], *verb["arguments"]]):
+                self.assertIn(max(argument["names"], key=len).lstrip("-"), page)
+            self.assertIn(f"\n.It Xr {command.page_of(name)} 1\n", text_of(MAN / "man1/tsmail.1"))
+        self.assertEqual(set(self.described) - set(verbs), {"", "Environment and files", "Examples"})
+
+    def test_there_is_no_other_page(self):
+        names = {command.page_of(name) for name, _ in command.every_verb(self.grammar)}
+        self.assertEqual({p.stem for p in (MAN / "man1").glob("*")}, {"tsmail", *names})
+
+    def test_groups_name_their_verbs(self):
+        page = text_of(MAN / "man1/tsmail-list.1")
+        self.assertEqual(re.findall(r"^\.It Xr (\S+) 1$", page, re.M),
+                         [command.page_of(n) for n, _ in command.leaves(self.grammar) if n.startswith("list ")])
+
+    def test_fields_are_those_of_the_schema(self):
+        for name, schema in self.schema["verbs"].items():
+            if schema is False or name.startswith("pref "):
+                continue
+            page, forms = text_of(MAN / f"man1/{command.page_of(name)}.1"), schema.get("oneOf", [schema])
+            wanted = [field for form in forms if "anyOf" not in form
+                      for field in command.resolved(form, self.schema["$defs"])["properties"]]
+            self.assertEqual([field for field in re.findall(r"^\.It Va (\w+) ", page, re.M) if wanted], wanted, name)
+
+    def test_examples_are_two_at_least(self):
+        for name, _ in command.leaves(self.grammar):
+            examples = command.parts_of(self.described[name])["Examples"]
+            self.assertGreaterEqual(len(re.findall(r"^    \$ .*tsmail", examples, re.M)), 2, name)
 
     def test_exit_codes_are_explained(self):
-        codes = generate.exit_codes(SOURCE)
+        codes = command.exit_codes(SOURCE)
         header = text_of(SOURCE / "tools/exit.h")
         self.assertEqual(len(codes), len(re.findall(r"^    k\w+ = \d+", header, re.M)))
         usage = subprocess.run([BUILD / "tools/tsmail", "--help"], check=True, stdout=subprocess.PIPE,
                                text=True).stdout
         for number, what in codes:
             self.assertTrue(what or number == "0", number)
-            self.assertIn(f"\n.It {number}\n", self.page)
+            self.assertIn(f"\n.It {number}\n", text_of(MAN / "man1/tsmail.1"))
             self.assertRegex(usage, rf"\b{number} ")
+
+    def test_own_exit_codes_go_over_the_general_ones(self):
+        codes = command.exit_codes(SOURCE)
+        verb = {"arguments": [{"names": ["ADDRESS"]}]}
+        shown = command.codes_of_verb(verb, "| 1 | no |\n| 67, 73 | - |\n| 75 | later |\n", codes)
+        self.assertEqual(list(shown), ["0", "1", "64", "65", "70", "74", "75"])
+        self.assertEqual((shown["1"], shown["75"]), ("no", "later"))
+        self.assertEqual(list(command.codes_of_verb({"arguments": []}, "", codes)), ["0", "64", "70", "74", "75"])
+
+
+class ExamplesTest(unittest.TestCase):
+    """The examples of every verb's page run as they stand there."""
+
+    PREPARED = """
+        tsmail -q create ann@site.test Work; tsmail -q create bert@site.test
+        printf 'Subject: x\\n\\nx\\n' >message.eml
+        tsmail -q deliver ann@site.test message.eml message.eml; tsmail -q deliver ann+Work@site.test message.eml
+        tsmail -q list add ann@site.test whitelist bert@site.test cleo@site.test
+        mkdir -p /var/spool/etc/mail; tsmail -q list add - blacklist spam@other.test --scope system
+        printf 'dora@site.test\\nemil@site.test\\n' >entries.txt; echo 'It is nearly full.' >notice.txt
+        echo 'timezone = 12' >new.toml
+    """
+
+    def test_they_run(self):
+        texts = command.documented_verbs(text_of(SOURCE / "docs/man/tsmail.md"))
+        program = pathlib.Path("/bin/sendmail")
+        program.write_text("#!/bin/sh\ncat >/dev/null\n", encoding="utf-8")
+        program.chmod(0o755)
+        for name, text in texts.items():
+            lines = re.findall(r"^    [$>] (.*)$", command.parts_of(text).get("Examples", ""), re.M)
+            with self.subTest(name), tempfile.TemporaryDirectory() as work:
+                for old in os.listdir("/var/spool"):
+                    shutil.rmtree(f"/var/spool/{old}")
+                env = {**os.environ, "PATH": f"{BUILD}/tools:{os.environ['PATH']}", "LC_ALL": "C.UTF-8"}
+                done = subprocess.run(["bash", "-euo", "pipefail", "-c", self.PREPARED + "\n" + "\n".join(lines)],
+                                      cwd=work, env=env, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                                      check=False, stdin=subprocess.DEVNULL)
+                self.assertEqual(done.returncode, 0, done.stdout)
 
 
 if __name__ == "__main__":

@@ -1,26 +1,29 @@
-"""--json: the fields of every verb are those that the manual lists, and nothing else."""
+"""--json: the fields of every verb are those of its schema, and nothing else."""
 
 import json
 import os
 import re
 import unittest
 
+from tools.schemas import check_shown
 from tools.toolkit import HOME, SOURCE, SpoolCase, mail, messages, run, tsmail
 
 ANN = "ann@site.test"
 
 
 def documented():
-    """{verb: set of fields} by docs/man/tsmail.md; a verb without fields shows nothing."""
-    with open(os.path.join(SOURCE, "docs/man/tsmail.md"), encoding="utf-8") as file:
-        sections = re.split(r"^## (.*)\n", file.read(), flags=re.M)
-    fields = {}
-    for verb, text in zip(sections[1::2], sections[2::2]):
-        rows = []
-        for table in re.findall(r"^\| field \|.*\n\|[-|]+\|\n((?:\|.*\n)+)", text, flags=re.M):
-            rows += re.findall(r"^\| ([^|]*) \|", table, flags=re.M)
-        fields[verb] = {name for row in rows for name in re.findall(r"`(\w+)`", row)}
-    return fields
+    """{verb: set of fields of its objects} by the schemas; a verb without fields shows nothing."""
+    with open(os.path.join(SOURCE, "docs/schema/verbs.json"), encoding="utf-8") as file:
+        data = json.load(file)
+
+    def fields(schema):
+        if schema is False:
+            return set()
+        inner = [data["$defs"][schema["$ref"].rsplit("/", 1)[1]]] if "$ref" in schema else []
+        inner += schema.get("oneOf", []) + schema.get("anyOf", [])
+        return set(schema.get("properties", {})).union(*map(fields, inner))
+
+    return {verb: fields(schema) for verb, schema in data["verbs"].items()}
 
 
 def leaves(grammar, name=""):
@@ -33,7 +36,7 @@ def leaves(grammar, name=""):
 
 
 class FieldsTest(SpoolCase):
-    """What is run for each verb: (words, what comes before). Together they show every field."""
+    """What is run for each verb: together these runs show every field."""
 
     def prepared(self):
         self.succeed("create", ANN, "Work")
@@ -84,6 +87,7 @@ class FieldsTest(SpoolCase):
             "rm": [["rm", ANN, "Work"]],
             "sweep": [["sweep", ANN]],
             "mailbox remove": [["mailbox", "remove", ANN, "--yes"]],
+            "help": [["help", "deliver"]],
         }
 
     # What is run answers that there is something wrong.
@@ -97,6 +101,7 @@ class FieldsTest(SpoolCase):
         fields, runs = documented(), self.runs()
         grammar = json.loads(tsmail("--help", "--json").out)
         self.assertEqual(set(runs), set(leaves(grammar)), "each verb is run here")
+        self.assertEqual(set(runs), set(fields), "each verb has a schema")
         for verb, rows in runs.items():
             shown = set()
             for words in rows:
@@ -109,6 +114,18 @@ class FieldsTest(SpoolCase):
                 self.assertIn("npage", shown)
             else:
                 self.assertEqual(shown, fields[verb], verb)
+
+    def test_what_differs_from_a_schema_is_found(self):
+        good = {"path": "/x", "folder": "Inbox", "size": 1}
+        words = ["deliver", ANN, "--json"]
+        check_shown(words, json.dumps(good) + "\n")
+        for change in ({"size": "1"}, {"size": -1}, {"size": None}, {"more": 1}):
+            with self.assertRaises(AssertionError):
+                check_shown(words, json.dumps({**good, **change}) + "\n")
+        with self.assertRaises(AssertionError):
+            check_shown(words, '{"path":"/x","folder":"Inbox"}\n')
+        with self.assertRaises(AssertionError):
+            check_shown(["--json", "pref", "set", ANN], "{}\n")
 
     def test_the_grammar_is_shown_for_programs(self):
         one = json.loads(tsmail("list", "add", "--help", "--json").out)

@@ -6,7 +6,7 @@ import re
 import subprocess
 import unittest
 
-from tools.toolkit import TSMAIL, SOURCE, SpoolCase, environment, run, tsmail
+from tools.toolkit import BUILD, SOURCE, TSMAIL, SpoolCase, environment, run, tsmail
 
 VERBS = ["paths", "create", "folders", "deliver", "pref", "list", "quota", "config"]
 
@@ -70,6 +70,53 @@ class GrammarTest(SpoolCase):
         self.assertEqual(done.code, 64, done)
 
 
+def on_terminal(case, *words, **changes):
+    """What a command shows whose standard output is a terminal."""
+    master, terminal = pty.openpty()
+    with subprocess.Popen([TSMAIL, *words], stdout=terminal, env=environment(**changes)) as process:
+        os.close(terminal)
+        shown = b""
+        try:
+            while piece := os.read(master, 65536):
+                shown += piece
+        except OSError:
+            pass  # the terminal's end
+        os.close(master)
+        case.assertEqual(process.wait(), 0)
+    return shown
+
+
+class HelpTest(SpoolCase):
+    MANUAL = {"MANPATH": os.path.join(BUILD, "docs/man"), "MANPAGER": "cat"}
+
+    def test_the_page_is_shown_on_a_terminal(self):
+        rows = [([], b"TSMAIL(1)"), (["deliver"], b"TSMAIL-DELIVER(1)"), (["list"], b"TSMAIL-LIST(1)"),
+                (["list", "add"], b"TSMAIL-LIST-ADD(1)")]
+        for words, heading in rows:
+            with self.subTest(words):
+                self.assertIn(heading, on_terminal(self, "help", *words, **self.MANUAL))
+
+    def test_without_a_page_or_man_it_is_the_help(self):
+        for changes in ({"MANPATH": "/tmp/none"}, {"PATH": "/tmp/none"}):
+            self.assertIn(b"Usage: tsmail list add ", on_terminal(self, "help", "list", "add", **changes))
+
+    def test_without_a_terminal_it_is_the_help(self):
+        for words in ([], ["deliver"], ["list"], ["list", "add"]):
+            with self.subTest(words):
+                done = self.succeed("help", *words, env=environment(**self.MANUAL))
+                self.assertEqual(done.out, self.succeed(*words, "--help").out)
+
+    def test_for_programs_it_is_the_grammar(self):
+        self.assertEqual(self.succeed("--json", "help", "list").out, self.succeed("list", "--help", "--json").out)
+        self.assertEqual(on_terminal(self, "--json", "help", "list", **self.MANUAL).rstrip(),
+                         self.succeed("list", "--help", "--json").out.encode().rstrip())
+
+    def test_a_verb_that_is_not_there(self):
+        self.fail_with(64, "help", "dleiver", saying='did you mean "deliver"')
+        self.fail_with(64, "help", "list", "xyzzyxyzzy", saying="the verbs are show, ")
+        self.fail_with(64, "help", "deliver", "more", saying='there is no verb "more"')
+
+
 class StreamsTest(SpoolCase):
     def test_results_that_cannot_be_written(self):
         with open("/dev/full", "wb") as full:
@@ -93,19 +140,7 @@ class StreamsTest(SpoolCase):
         self.assertEqual(done.code, 74, done)
 
     def on_terminal(self, **changes):
-        master, terminal = pty.openpty()
-        with subprocess.Popen([TSMAIL, "paths", "a@site.test"], stdout=terminal,
-                              env=environment(**changes)) as process:
-            os.close(terminal)
-            shown = b""
-            try:
-                while piece := os.read(master, 65536):
-                    shown += piece
-            except OSError:
-                pass  # the terminal's end
-            os.close(master)
-            self.assertEqual(process.wait(), 0)
-        return shown
+        return on_terminal(self, "paths", "a@site.test", **changes)
 
     def test_colour_only_on_a_terminal_that_wants_it(self):
         rows = [({"TERM": "xterm"}, True), ({"TERM": "xterm", "NO_COLOR": "1"}, False),

@@ -12,6 +12,8 @@ import subprocess
 import time
 import unittest
 
+from tools.schemas import check_shown
+
 BUILD = os.environ["TSMAIL_BUILD"]
 SOURCE = os.environ["TSMAIL_SOURCE"]
 TSMAIL = os.path.join(BUILD, "tools", "tsmail")
@@ -55,9 +57,17 @@ def run(words, stdin=b"", env=None, **options):
         options["input"] = stdin
     else:
         options["stdin"] = stdin
-    return Result(subprocess.run(words, env=env or environment(), timeout=120, check=False,
+    done = Result(subprocess.run(words, env=env or environment(), timeout=120, check=False,
                                  stdout=options.pop("stdout", subprocess.PIPE),
                                  stderr=subprocess.PIPE, **options))
+    check_schema(words, done.out)
+    return done
+
+
+def check_schema(words, shown):
+    """What a command with --json has shown is as its schema says."""
+    if TSMAIL in words:
+        check_shown(words[words.index(TSMAIL) + 1:], shown)
 
 
 def tsmail(*words, **options):
@@ -239,6 +249,7 @@ class SpoolCase(unittest.TestCase):
     def end(self, process, code=0):
         out, err = process.communicate(timeout=60)
         self.assertEqual(process.returncode, code, (out, err))
+        check_schema(process.args, out.decode())
         return out.decode(), err.decode()
 
     def assert_counted(self, address, folder="Inbox"):

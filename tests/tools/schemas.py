@@ -1,0 +1,82 @@
+"""Whether what the command shows with --json is what its schemas say, by a validator of others."""
+
+import functools
+import json
+import os
+import sys
+
+BUILD = os.environ["TSMAIL_BUILD"]
+DEBIAN = "/usr/lib/python3/dist-packages"  # where the validator lies, whichever Python runs the tests
+
+
+def strict(schema):
+    """The schema with objects that have its fields alone. Programs may meet more fields in later
+    versions; these tests may not."""
+    if isinstance(schema, list):
+        return [strict(part) for part in schema]
+    if not isinstance(schema, dict):
+        return schema
+    inner = {key: strict(part) for key, part in schema.items()}
+    describes_fields = isinstance(schema.get("type"), str) and "properties" in schema
+    return {**inner, "unevaluatedProperties": False} if "$schema" in schema or describes_fields else inner
+
+
+@functools.cache
+def jsonschema():
+    try:
+        import jsonschema as module
+    except ImportError:
+        sys.path.append(DEBIAN)
+        import jsonschema as module
+    return module
+
+
+@functools.cache
+def validator(verb):
+    path = os.path.join(BUILD, "docs/schema", verb.replace(" ", "-") + ".json")
+    with open(path, encoding="utf-8") as file:
+        schema = json.load(file)
+    judge = jsonschema().Draft202012Validator
+    judge.check_schema(schema)
+    return judge(strict(schema))
+
+
+@functools.cache
+def grammar():
+    with open(os.path.join(BUILD, "tools/grammar.json"), encoding="utf-8") as file:
+        return json.load(file)
+
+
+def takes_value(word, *verbs):
+    return any(option["value"] and word in option["names"] for verb in verbs for option in verb["options"])
+
+
+def verb_of(words):
+    """The full name of the verb in a command line; "" if there is none. What --help shows is that of "help"."""
+    if not {"-h", "--help"}.isdisjoint(words):
+        return "help"
+    at, names, rest = grammar(), [], iter(words)
+    for word in rest:
+        if word.startswith("-"):
+            if takes_value(word, at, grammar()):
+                next(rest, None)
+            continue
+        at = next((verb for verb in at["verbs"] if verb["name"] == word), None)
+        if at is None:
+            return ""
+        names.append(word)
+        if not at["verbs"]:
+            return " ".join(names)
+    return ""
+
+
+def check_shown(words, shown):
+    """An AssertionError if a line that these words of a command line made it show is not as promised."""
+    words = [os.fsdecode(word) for word in words]
+    if "--json" not in words or "--version" in words:
+        return
+    verb = verb_of(words)
+    for line in shown.splitlines(keepends=True):
+        if line.endswith("\n"):  # the last one of a process that was killed may be cut
+            errors = list(validator(verb).iter_errors(json.loads(line)))
+            assert not errors, f"tsmail {' '.join(words)}: {errors[0].message}: {line}"
