@@ -1,6 +1,9 @@
 #include "base/io.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "base/fd.h"
 
@@ -22,6 +25,15 @@ bool write_loop(std::string_view text, WriteSome write_some) {
     return true;
 }
 
+bool is_longer(int fd, std::size_t length) {
+    struct stat st;
+    return ::fstat(fd, &st) == 0 && st.st_size > static_cast<off_t>(length);
+}
+
+bool make_empty(int fd) {
+    return retry([=] { return ::ftruncate(fd, 0); }) == 0;
+}
+
 }  // namespace
 
 bool write_all(int fd, std::string_view text) {
@@ -34,6 +46,25 @@ bool pwrite_all(int fd, std::string_view text, off_t offset) {
     return write_loop(text, [fd, offset](std::string_view rest, std::size_t done) {
         return ::pwrite(fd, rest.data(), rest.size(), offset + static_cast<off_t>(done));
     });
+}
+
+bool replace_content(int fd, std::string_view text) {
+    // Another process may have written a longer text since the file was emptied, so that this text
+    // lies over its beginning. The one that writes last sees that and begins again. The limit is
+    // for a process that makes the file grow all the time.
+    constexpr int kAttempts = 100;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (!pwrite_all(fd, text, 0)) {
+            const int saved = errno;
+            make_empty(fd);
+            errno = saved;
+            return false;
+        }
+        if (!is_longer(fd, text.size())) return true;
+        if (!make_empty(fd)) return false;
+    }
+    errno = EBUSY;
+    return false;
 }
 
 ssize_t pread_full(int fd, char* buffer, std::size_t room, off_t offset) {

@@ -15,6 +15,11 @@ bool write_all(int fd, std::string_view text);
 // The same at an offset, for descriptors that are not in append mode.
 bool pwrite_all(int fd, std::string_view text, off_t offset);
 
+// Makes the text the whole content of a file that has just been emptied, without a lock. Of several
+// processes that do so at the same time the last one's text stays. False with errno if the text
+// could not be written whole; the file is empty then. The descriptor is not in append mode.
+bool replace_content(int fd, std::string_view text);
+
 // Reads up to `room` bytes from the offset on, until the room is full or the file ends. The count,
 // or -1 with errno. The descriptor's own offset does not move.
 ssize_t pread_full(int fd, char* buffer, std::size_t room, off_t offset);

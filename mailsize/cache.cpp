@@ -8,11 +8,11 @@
 #include <string_view>
 
 #include "base/fd.h"
+#include "base/io.h"
 #include "base/text.h"
 #include "mailsize/folder_path.h"
 #include "mailsize/number.h"
 #include "mailsize/piece_reader.h"
-#include "mailsize/write_whole.h"
 
 namespace Tessaly::mailsize {
 
@@ -101,9 +101,7 @@ base::Fd open_file(const char* path, int flags) {
     return base::Fd(base::retry([&] { return ::open(path, flags, 0666); }));
 }
 
-// Appending: of two writers at once that both found the file empty the second writes behind the
-// first, not over it.
-constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
+constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC;
 
 base::Fd open_cache_of(const char* folder, int flags) {
     FolderPath path(folder, kCacheFile);
@@ -159,7 +157,7 @@ void write_scan_cache(const char* folder, long mtime, long long size) {
     char buffer[64];  // two numbers of at most 20 characters and their names
     base::BoundedText text(buffer, sizeof buffer);
     text << kMtime << mtime << '\n' << kSize << size << '\n';
-    write_whole(file.get(), text.view(), 0);
+    base::replace_content(file.get(), text.view());
 }
 
 }  // namespace Tessaly::mailsize
@@ -173,6 +171,7 @@ int tsl_get_maildir_cache_file(const char* dir, char* buf, int bufsize) {
     base::BoundedText path(buf, static_cast<std::size_t>(bufsize));
     path << folder << (folder.ends_with('/') ? "" : "/") << kCacheFile;
     path.c_str();
+    buf[bufsize - 1] = '\0';
     return static_cast<int>(path.view().size());
 }
 
@@ -182,7 +181,7 @@ int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long siz
     char buffer[64];  // two numbers of at most 20 characters and their names
     base::BoundedText text(buffer, sizeof buffer);
     text << kMtime << mtime << ',' << kSize << size;
-    return write_whole(file.get(), text.view(), 0) ? 1 : 0;
+    return base::replace_content(file.get(), text.view()) ? 1 : 0;
 }
 
 int tsl_read_maildir_cache_file(const char* path, long* mtime, unsigned long* size) {

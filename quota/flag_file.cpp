@@ -1,7 +1,6 @@
 #include "quota/flag_file.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -9,6 +8,7 @@
 #include <cstdint>
 #include <limits>
 #include <string_view>
+#include <utility>
 
 #include "base/fd.h"
 #include "base/io.h"
@@ -41,12 +41,12 @@ class NumberScan {
     }
     int value() const {
         const std::int64_t number = negative_ ? -magnitude_ : magnitude_;
-        return static_cast<int>(std::min<std::int64_t>(number, std::numeric_limits<int>::max()));
+        return std::in_range<int>(number) ? static_cast<int>(number) : 0;
     }
 
   private:
-    // More than int holds on either side stays just beyond it: -kBeyond is INT_MIN.
-    static constexpr std::int64_t kBeyond = std::int64_t{std::numeric_limits<int>::max()} + 1;
+    // Beyond int with either sign.
+    static constexpr std::int64_t kBeyond = std::int64_t{std::numeric_limits<int>::max()} + 2;
 
     bool take_digit(int digit) {
         magnitude_ = std::min(magnitude_ * 10 + digit, kBeyond);
@@ -57,12 +57,6 @@ class NumberScan {
     bool negative_ = false;
     std::int64_t magnitude_ = 0;
 };
-
-// Whether the file holds more than `length` bytes.
-bool is_longer(int fd, std::size_t length) {
-    struct stat st;
-    return ::fstat(fd, &st) == 0 && st.st_size > static_cast<off_t>(length);
-}
 
 }  // namespace
 
@@ -97,14 +91,7 @@ void write_number(const std::string& path, int number) {
     const std::string_view text(digits, static_cast<std::size_t>(end - digits));
 
     const Fd fd = open_emptied(path);
-    if (!fd) return;
-    // Another setter may have written a longer number since the file was emptied, and ours now lies
-    // over its beginning. Whoever writes last sees that and begins anew. The end is for somebody
-    // who makes the file grow all the time.
-    for (int attempt = 0; attempt < 100; ++attempt) {
-        if (!base::pwrite_all(fd.get(), text, 0) || !is_longer(fd.get(), text.size())) return;
-        if (retry([&] { return ::ftruncate(fd.get(), 0); }) != 0) return;
-    }
+    if (fd) base::replace_content(fd.get(), text);
 }
 
 }  // namespace Tessaly::quota

@@ -13,8 +13,8 @@ bool make_empty(const std::string& path);
 
 void remove(const std::string& path);
 
-// The number at the beginning of the file by the rules of `stream >> int` in the classic locale: 0
-// without one and for a file that cannot be read, the limit for one beyond int.
+// The number at the beginning of the file by the rules of `stream >> int` in the classic locale. 0
+// if there is none, if it does not fit an int, and if the file cannot be read.
 int read_number(const std::string& path);
 
 // Makes the number all that is in the file. Of several at once the last one's stays whole.

@@ -68,6 +68,11 @@ TEST(Unlocked, TheCacheInOneLine) {
             return static_cast<unsigned long>(mtime) == size && is_one_of_them(mtime);
         });
     EXPECT_EQ(files::list(kFolder), (std::vector<std::string>{".ts_cache", "cur", "new", "tmp"}));
+    // The last writer's text is all that stays.
+    long mtime = 0;
+    ASSERT_EQ(tsl_read_maildir_cache_file(kCache.c_str(), &mtime, nullptr), 1);
+    const std::string number = std::to_string(mtime);
+    EXPECT_EQ(files::read(kCache), "mtime=" + number + ",size=" + number);
 }
 
 // Folders are scanned while their messages come and go.

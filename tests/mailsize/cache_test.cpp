@@ -42,6 +42,7 @@ TEST(CacheFile, PathIsComposedAndCut) {
         std::string buffer(size + 1, '#');
         EXPECT_EQ(tsl_get_maildir_cache_file(dir.c_str(), buffer.data(), bufsize), result) << dir;
         EXPECT_EQ(buffer.c_str(), path);
+        EXPECT_EQ(buffer[size - 1], '\0') << "the buffer's end is not the text's";
         EXPECT_EQ(buffer[size], '#') << "written beyond the buffer";
     }
 }

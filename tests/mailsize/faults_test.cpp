@@ -210,8 +210,9 @@ TEST(Other, AFailedWriteLeavesNoPart) {
     EXPECT_EQ(run("write:error=ENOSPC", "write", "/tmp/sizes", "5 5").output,
               "0 77 77, descriptors +0\n");
     EXPECT_EQ(files::read("/tmp/sizes"), "");
-    EXPECT_EQ(run("write:error=EIO", "write-cache", "/tmp/cache", "5 5").output,
+    EXPECT_EQ(run("pwrite64:error=EIO", "write-cache", "/tmp/cache", "5 5").output,
               "0 77 77, descriptors +0\n");
+    EXPECT_EQ(files::read("/tmp/cache"), "");
 }
 
 // The date or size before an error may be the beginning of a longer one.
@@ -367,7 +368,7 @@ TEST_F(ScanFaults, ACacheThatCannotBeReadSaysNothing) {
 TEST_F(ScanFaults, ACacheThatCannotBeWrittenIsEmpty) {
     const std::string cache = folder + "/.ts_cache";
     files::write(cache, "mtime=1\nsize=7\n");
-    EXPECT_EQ(run("write:error=ENOSPC", "scan-folder-of", cache).output,
+    EXPECT_EQ(run("pwrite64:error=ENOSPC", "scan-folder-of", cache).output,
               "15 77 77, descriptors +0\n");
     EXPECT_EQ(files::read(cache), "");
 }
