@@ -75,6 +75,11 @@ std::uint64_t key_of(const dirent64& entry) {
     return key != 0 ? key : 1;
 }
 
+// Adds, up to the largest number.
+void add_up(long long& sum, long long size) {
+    if (__builtin_add_overflow(sum, size, &sum)) sum = std::numeric_limits<long long>::max();
+}
+
 // One scan of up to three directories of a folder.
 class Scan {
   public:
@@ -88,13 +93,21 @@ class Scan {
     bool complete() const { return complete_; }
 
   private:
+    struct Directory {
+        base::Fd fd;
+        dev_t device = 0;  // known when the scan is careful
+        ino_t inode = 0;
+        long long size = 0;  // of its entries
+    };
+
     void add_all();
-    void add_entry(int dir, const dirent64& entry);
-    void add_size(long long size);
-    bool any_changed_since(const timespec& time) const;
+    void add_directory(Directory& dir);
+    void add_entry(Directory& dir, const dirent64& entry);
+    bool any_changed_since(const timespec& time);
+    const Directory* find_same(const Directory& dir) const;
 
     const int flags_;
-    base::Fd dirs_[3];
+    Directory dirs_[3];
     int used_ = 0;
     long long sum_ = 0;
     bool complete_ = true;
@@ -107,7 +120,7 @@ void Scan::add(const char* dir, string_view sub) {
     complete_ = complete_ && (fd || is_missing());
     if (!fd) return;
     if ((flags_ & kTagFirst) != 0) tag_entries(fd.get(), sub == kCur);
-    dirs_[used_++] = std::move(fd);
+    dirs_[used_++].fd = std::move(fd);
 }
 
 // A directory in which names change while it is read may show an entry twice: under its old and its
@@ -127,41 +140,64 @@ long long Scan::sum() {
 
 void Scan::add_all() {
     sum_ = 0;
-    for (const base::Fd& dir : dirs_) {
-        if (!dir) break;
-        base::DirReader reader(dir.get());
-        if (careful_ || (flags_ & kTagFirst) != 0) reader.rewind();
-        while (const dirent64* entry = reader.next_real()) add_entry(dir.get(), *entry);
-        complete_ = complete_ && !reader.failed();
+    for (int i = 0; i < used_; ++i) {
+        Directory& dir = dirs_[i];
+        dir.size = 0;
+        // A directory under a second name (a link) counts again.
+        const Directory* same = careful_ ? find_same(dir) : nullptr;
+        if (same != nullptr) {
+            dir.size = same->size;
+        } else {
+            add_directory(dir);
+        }
+        add_up(sum_, dir.size);
     }
 }
 
-void Scan::add_entry(int dir, const dirent64& entry) {
+void Scan::add_directory(Directory& dir) {
+    base::DirReader reader(dir.fd.get());
+    if (careful_ || (flags_ & kTagFirst) != 0) reader.rewind();
+    while (const dirent64* entry = reader.next_real()) add_entry(dir, *entry);
+    complete_ = complete_ && !reader.failed();
+}
+
+void Scan::add_entry(Directory& dir, const dirent64& entry) {
     const long long size = (flags_ & kStatOnly) != 0 ? -1 : size_in_name(entry.d_name);
     const std::uint64_t key = careful_ ? key_of(entry) : 0;
     const bool met = careful_ && counted_.contains(key);
     struct stat st;
     if (size < 0 || met) {
-        if (::fstatat(dir, entry.d_name, &st, 0) != 0) {
+        if (::fstatat(dir.fd.get(), entry.d_name, &st, 0) != 0) {
             complete_ = complete_ && is_missing();
             return;
         }
         // The same file again. Of several links to a file each is a message of its own.
         if (met && st.st_nlink == 1 && st.st_ino == entry.d_ino) return;
     }
-    add_size(size < 0 ? st.st_size : size);
+    add_up(dir.size, size < 0 ? st.st_size : size);
     if (careful_) counted_.insert(key);
 }
 
-void Scan::add_size(long long size) {
-    if (__builtin_add_overflow(sum_, size, &sum_)) sum_ = std::numeric_limits<long long>::max();
+// Looks at all directories, and notes which they are.
+bool Scan::any_changed_since(const timespec& time) {
+    bool changed = false;
+    for (Directory& dir : dirs_) {
+        struct stat st;
+        if (!dir.fd) break;
+        if (::fstat(dir.fd.get(), &st) != 0) return true;
+        dir.device = st.st_dev;
+        dir.inode = st.st_ino;
+        changed = changed || !is_before(st.st_ctim, time);
+    }
+    return changed;
 }
 
-bool Scan::any_changed_since(const timespec& time) const {
-    return std::any_of(dirs_, dirs_ + used_, [&time](const base::Fd& dir) {
-        struct stat st;
-        return ::fstat(dir.get(), &st) != 0 || !is_before(st.st_ctim, time);
+// An earlier one that is the same directory.
+const Scan::Directory* Scan::find_same(const Directory& dir) const {
+    const Directory* found = std::find_if(dirs_, &dir, [&dir](const Directory& other) {
+        return dir.inode != 0 && other.inode == dir.inode && other.device == dir.device;
     });
+    return found == &dir ? nullptr : found;
 }
 
 // The newest time at which a message came into the folder or left it. What happens in tmp does not

@@ -92,6 +92,26 @@ TEST_F(Scan, CountsLinksOfOneFileEach) {
     EXPECT_EQ(tsl_get_mailbox_size_actual(folder.c_str(), nullptr, 0), 50);
 }
 
+// A directory under two names counts twice, now and when it has come to rest.
+TEST_F(Scan, CountsALinkedDirectoryTwice) {
+    message("cur/a", 10);
+    message("cur/b,#F#S#200#E", 1);
+    ASSERT_EQ(::rmdir((folder + "/new").c_str()), 0);
+    ASSERT_EQ(::symlink("cur", (folder + "/new").c_str()), 0);
+    const auto size = [this](int flags) {
+        ::unlink(cache.c_str());
+        return tsl_get_mailbox_size_actual(folder.c_str(), nullptr, flags);
+    };
+    for (const int moment : {1, 2}) {
+        EXPECT_EQ(size(0), 2 * 210) << moment;
+        EXPECT_EQ(size(kStatOnly), 2 * 11) << moment;
+        ::usleep(100'000);  // longer than times lag behind
+    }
+    EXPECT_EQ(size(4), 2 * 210);
+    EXPECT_EQ(files::list(folder + "/cur"),
+              (std::vector<std::string>{"a,#F#S#10#E", "b,#F#S#200#E"}));
+}
+
 TEST_F(Scan, StopsAtTheLargestNumber) {
     message("cur/a,#F#S#9223372036854775807#E", 0);
     message("cur/b,#F#S#9223372036854775807#E", 0);
