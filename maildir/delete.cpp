@@ -27,16 +27,17 @@ Fd open_folder(const char* path) {
     return Fd(retry([=] { return ::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC); }));
 }
 
-// Removes the files of a sub-directory; what is a directory in it stays. A link in the place of the
-// sub-directory is followed: whose messages are elsewhere means those.
-void empty_sub_dir(int folder, const char* name) {
+// Removes the files of a sub-directory; a directory in it stays. A link in the place of the
+// sub-directory is followed. False if the sub-directory cannot be opened.
+bool empty_sub_dir(int folder, const char* name) {
     const Fd dir(retry([=] { return ::openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    if (!dir) return;
+    if (!dir) return false;
     Tessaly::base::DirReader reader(dir.get());
     while (const dirent64* entry = reader.next_real()) {
         if (entry->d_type == DT_DIR) continue;
         retry([&] { return ::unlinkat(dir.get(), entry->d_name, 0); });
     }
+    return true;
 }
 
 void remove_cache_file(int folder) {
@@ -57,7 +58,7 @@ int tsm_delete_maildir(const char* path) {
     if (S_ISDIR(st.st_mode)) {
         if (const Fd folder = open_folder(path)) {
             for (const char* name : kSubDirsInOrder) {
-                empty_sub_dir(folder.get(), name);
+                if (!empty_sub_dir(folder.get(), name)) continue;
                 retry([&] { return ::unlinkat(folder.get(), name, AT_REMOVEDIR); });
             }
         }

@@ -164,6 +164,7 @@ char* tsl_gen_mail_unique_name(size_t size, const char* queue_id, char* dst, siz
     BoundedText rest(dst + done, dst_len - done);
     rest << ",#F#S#" << size << "#E";
     rest.c_str();
+    dst[dst_len - 1] = '\0';
     return dst;
 }
 

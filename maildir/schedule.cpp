@@ -36,15 +36,14 @@ class CountedNames {
   public:
     // The beginning has been written to `text`.
     explicit CountedNames(BoundedText& text) : beginning_(text) {}
-    // The next name, or nullptr with ENAMETOOLONG if there is no room for it.
+    // The next name, or nullptr if there is no room for another one. The first name goes without
+    // its counter where the beginning fills the buffer.
     const char* next() {
         char digits[2 * sizeof counter_];
         const char* end = std::to_chars(digits, digits + sizeof digits, ++counter_, 16).ptr;
         BoundedText name = beginning_;
         name << string_view(digits, static_cast<size_t>(end - digits));
-        if (!name.cut()) return name.c_str();
-        errno = ENAMETOOLONG;
-        return nullptr;
+        return name.cut() && counter_ > 1 ? nullptr : name.c_str();
     }
 
   private:
@@ -59,13 +58,16 @@ int tsm_schedule_for_deletion(const char* path, const char* dir, const char* tag
     char buffer[PATH_MAX];
     BoundedText text(buffer, sizeof buffer);
     text << dir << '/' << kHidden << (tag == nullptr ? "" : tag) << '.' << Parts(path).base << '.';
+    if (text.cut()) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
     CountedNames names(text);
-    for (;;) {
-        const char* name = names.next();
-        if (name == nullptr) return -1;
+    while (const char* name = names.next()) {
         if (Tessaly::base::retry([=] { return ::rename(path, name); }) == 0) return 0;
         if (errno != ENOTEMPTY && errno != EEXIST) return -1;
     }
+    return -1;
 }
 
 int tsm_get_deleted_path(const char* path, char* out, int out_len) {

@@ -61,23 +61,37 @@ bool move_to(const Fd& dir) {
     return base::retry([&] { return ::fchdir(dir.get()); }) == 0;
 }
 
-// Puts the working directory back, whatever ends the walk.
+bool move_to(const char* path) {
+    return base::retry([=] { return ::chdir(path); }) == 0;
+}
+
+bool has_path() {
+    char path[PATH_MAX];
+    return get_working_directory(path);
+}
+
+// Puts the working directory back, whatever ends the walk. A process that may not search its
+// working directory cannot come back to it; it is left in the top of the walk, the only directory
+// that its caller knows.
 class WorkingDirectoryKeeper {
   public:
-    WorkingDirectoryKeeper() : before_(base::retry([] { return ::open(".", kToReach); })) {}
+    explicit WorkingDirectoryKeeper(const char* top)
+        : top_(top), before_(base::retry([] { return ::open(".", kToReach); })) {}
     WorkingDirectoryKeeper(const WorkingDirectoryKeeper&) = delete;
     WorkingDirectoryKeeper& operator=(const WorkingDirectoryKeeper&) = delete;
     ~WorkingDirectoryKeeper() {
-        if (before_) move_to(before_);
+        if (before_) {
+            move_to(before_);
+        } else if (moved_) {
+            move_to(top_);
+        }
     }
-    // Whether there is a working directory to come back to.
-    bool can_return() const {
-        char path[PATH_MAX];
-        return before_ && get_working_directory(path);
-    }
+    void set_moved() { moved_ = true; }
 
   private:
-    Fd before_;
+    const char* const top_;
+    const Fd before_;
+    bool moved_ = false;
 };
 
 // The entries of a directory that may be folders, in alphasort order.
@@ -140,7 +154,9 @@ class Walk {
     Walk(int depth, Visit visit, void* arg) : depth_(depth), visit_(visit), arg_(arg) {}
 
     unsigned run(const char* dir) {
+        WorkingDirectoryKeeper keeper(dir);
         enter(nullptr, dir);
+        if (!levels_.empty()) keeper.set_moved();
         while (!levels_.empty()) step();
         return sum_;
     }
@@ -318,7 +334,6 @@ bool Walk::drop_descriptors(size_t kept) {
 int tsl_visit_folders(const char* dir, int depth,
                       int (*visit)(const char* name, const struct stat* st, void* arg), void* arg) {
     if (dir == nullptr || visit == nullptr) return 0;
-    const Tessaly::maildir::WorkingDirectoryKeeper keeper;
-    if (!keeper.can_return()) return 0;
+    if (!Tessaly::maildir::has_path()) return 0;
     return static_cast<int>(Tessaly::maildir::Walk(depth, visit, arg).run(dir));
 }

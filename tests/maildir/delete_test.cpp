@@ -323,6 +323,24 @@ TEST_F(Maildir, DeleteGivesTheErrnoOfTheRest) {
     EXPECT_EQ(code, 0);
 }
 
+// A sub-directory that cannot be opened is passed over, empty as it is. Here the folder cannot be
+// listed either, so that the removal of the rest does not find it.
+TEST_F(Maildir, DeletePassesOverASubDirectoryThatCannotBeOpened) {
+    ASSERT_EQ(::chmod(dir_.path().c_str(), 0777), 0);
+    const int code = testing_processes::run_unprivileged([&] {
+        make_maildir(dir_ / "f");
+        ::chmod((dir_ / "f/cur").c_str(), 0);
+        ::chmod((dir_ / "f").c_str(), 0300);
+        if (tsm_delete_maildir((dir_ / "f").c_str()) != ENOTEMPTY) return 1;
+        ::chmod((dir_ / "f").c_str(), 0700);
+        if (list(dir_ / "f") != Names{"cur"}) return 2;
+        ::chmod((dir_ / "f").c_str(), 0300);
+        ::chmod((dir_ / "f/cur").c_str(), 0700);
+        return tsm_delete_maildir((dir_ / "f").c_str());
+    });
+    EXPECT_EQ(code, 0);
+}
+
 TEST_F(Maildir, CleanRemovesMessagesAndTheCache) {
     const std::string folder = make_folder("f");
     EXPECT_EQ(tsm_clean_maildir(folder.c_str()), 0);

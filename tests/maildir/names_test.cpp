@@ -149,6 +149,14 @@ TEST(UniqueName, IsCutToTheBuffer) {
     }
 }
 
+TEST(UniqueName, EndsTheTextAndTheBuffer) {
+    for (const size_t room : {1u, 20u, 300u, 4096u}) {
+        std::vector<char> buffer(room, '#');
+        tsl_gen_mail_unique_name(7, "queue", buffer.data(), room);
+        EXPECT_EQ(buffer[room - 1], '\0') << room;
+    }
+}
+
 TEST(UniqueName, HugeQueueIdentifier) {
     const std::string id(1 << 20, 'q');
     std::vector<char> buffer(id.size() + 300);

@@ -110,7 +110,7 @@ TEST(Schedule, Failures) {
     EXPECT_EQ(list(dir.path()), Names{"f"});
 }
 
-// The whole name with its counter has room in 4095 bytes or is refused.
+// Counters have room in 4095 bytes or are not tried.
 TEST(Schedule, LongPaths) {
     const TempDir dir;
     std::string target = dir.path();
@@ -124,7 +124,7 @@ TEST(Schedule, LongPaths) {
     }
     EXPECT_EQ(list(target), (Names{".deleted.x.f.1", ".deleted.x.f.2"}));
     write(dir / "g/f/file", "x");
-    EXPECT_EQ(schedule(dir / "g/f", target, "xx"), -1);
+    EXPECT_EQ(schedule(dir / "g/f", target, "xxx"), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
     // 1 to f are taken and "10" has no room
     for (int i = 3; i < 16; ++i) {
@@ -132,10 +132,42 @@ TEST(Schedule, LongPaths) {
         ASSERT_EQ(schedule(dir / "f", target, "x"), 0);
     }
     EXPECT_EQ(schedule(dir / "g/f", target, "x"), -1);
-    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(errno, ENOTEMPTY);
     EXPECT_TRUE(exists(dir / "g/f/file"));
     EXPECT_EQ(schedule(std::string(1 << 20, 'p'), dir.path(), "x"), -1);
     EXPECT_EQ(schedule(dir / "g", std::string(1 << 20, 'p'), "x"), -1);
+}
+
+// A path with this many bytes, of directories that exist.
+std::string long_directory(const std::string& top, size_t length) {
+    std::string path = top;
+    while (path.size() + 202 < length) path += "/" + std::string(199, 'd');
+    const size_t half = (length - path.size()) / 2;
+    path += "/" + std::string(half - 1, 'e');
+    path += "/" + std::string(length - path.size() - 1, 'e');
+    make_dirs(path);
+    return path;
+}
+
+// A name that fills the buffer before its counter is used without one.
+TEST(Schedule, ANameThatLeavesNoRoomForACounter) {
+    const TempDir dir;
+    const size_t around = std::string("/.deleted.x.f.").size();
+    const std::string target = long_directory(dir.path(), 4095 - around);
+    write(dir / "f/file", "first");
+    EXPECT_EQ(schedule(dir / "f", target, "x"), 0);
+    EXPECT_EQ(list(target), Names{".deleted.x.f."});
+    // It is the only name that there is.
+    write(dir / "f/file", "second");
+    EXPECT_EQ(schedule(dir / "f", target, "x"), -1);
+    EXPECT_EQ(errno, ENOTEMPTY);
+    EXPECT_TRUE(exists(dir / "f/file"));
+    EXPECT_EQ(list(target), Names{".deleted.x.f."});
+    // One byte more is too long.
+    write(dir / "ff/file", "third");
+    EXPECT_EQ(schedule(dir / "ff", target, "x"), -1);
+    EXPECT_EQ(errno, ENAMETOOLONG);
+    EXPECT_EQ(list(target), Names{".deleted.x.f."});
 }
 
 // Each of several processes finds a name of its own.

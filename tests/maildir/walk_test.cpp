@@ -482,15 +482,43 @@ TEST_F(Walk, TopThatCannotBeEntered) {
     }
 }
 
+// A daemon that was started in a directory of root's and has stepped down: it may not search its
+// working directory, but it has one. It cannot come back to it.
 TEST_F(Walk, WorkingDirectoryWithoutAWayBack) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    make_maildir(top_ / "mail/A");
+    make_maildir(top_ / "mail/A/x");
+    make_maildir(top_ / "mail/B");
+    make_dirs(top_ / "empty");
+    make_dirs(top_ / "mine/mail");
+    ASSERT_EQ(::chmod(top_.path().c_str(), 0755), 0);
+    ASSERT_EQ(::chmod((top_ / "mine").c_str(), 0700), 0);
+    move_to(top_ / "mine");
+    EXPECT_EQ(testing_processes::run_unprivileged([&] {
+                  if (walk("mail") != 0 || walk(top_ / "missing") != 0) return 1;
+                  if (walk(top_ / "empty") != 0 || working_directory() != top_ / "mine") return 2;
+                  if (names(top_ / "mail") != Names{"A", "A/x", "B"}) return 3;
+                  if (record_.visits[1].directory != top_ / "mail/A") return 4;
+                  return working_directory() == top_ / "mail" ? 0 : 5;
+              }),
+              0);
+}
+
+// The same with a visitor that throws.
+TEST_F(Walk, WithoutAWayBackAThrowLeavesTheTop) {
+    if (::geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
+    make_maildir(top_ / "mail/A/x");
     make_maildir(top_ / "mail/A");
     make_dirs(top_ / "mine");
     ASSERT_EQ(::chmod(top_.path().c_str(), 0755), 0);
-    testing_processes::Child child([&] {
-        if (::chdir((top_ / "mine").c_str()) != 0 || ::chmod(".", 0) != 0) return 1;
-        return testing_processes::run_unprivileged([&] { return walk(top_ / "mail"); });
-    });
-    EXPECT_EQ(child.wait(), 0);
+    ASSERT_EQ(::chmod((top_ / "mine").c_str(), 0700), 0);
+    move_to(top_ / "mine");
+    record_.also = [](const std::string& name) -> int { return name == "A/x" ? throw 42 : 0; };
+    EXPECT_EQ(testing_processes::run_unprivileged([&] {
+                  EXPECT_THROW(walk(top_ / "mail"), int);
+                  return working_directory() == top_ / "mail" ? 0 : 1;
+              }),
+              0);
 }
 
 // ---- The same, level by level with the working directory ---------------------------------------
