@@ -24,7 +24,7 @@ char* strip_line_end(char* text) {
         --length;
         if (length > 0 && text[length - 1] == '\r') --length;
     }
-    text[length] = '\0';
+    if (text[length] != '\0') text[length] = '\0';  // a text without a line end may be a literal
     return text;
 }
 

@@ -3,7 +3,6 @@
 #include <tessaly/MailUserId.h>
 #include <tessaly/maillist.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "base/guard.h"
@@ -36,12 +35,13 @@ void mail_list_get_file_name(const char* user, const char* list, char* buf, int 
 
 int mail_list_get_path(const char* user, const char* list, char* buf, int len, unsigned scope) {
     if (buf == nullptr) return -1;
-    const std::size_t size = len < 0 ? 0 : static_cast<std::size_t>(len);
-    std::memset(buf, 0, size);
-    return Tessaly::base::no_throw(-1, [&] {
-        const std::string path = Tessaly::maillist::list_path(user, list, scope);
-        if (path.empty()) return -1;
-        if (size > 0) std::memcpy(buf, path.c_str(), std::min(path.size(), size - 1));
-        return 0;
-    });
+    // Composed first: the user and the list may lie in buf.
+    const std::string path = Tessaly::base::no_throw(
+        std::string(), [=] { return Tessaly::maillist::list_path(user, list, scope); });
+    if (len > 0) {
+        const auto size = static_cast<std::size_t>(len);
+        const std::size_t length = path.copy(buf, size - 1);
+        std::memset(buf + length, 0, size - length);
+    }
+    return path.empty() ? -1 : 0;
 }

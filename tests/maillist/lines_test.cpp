@@ -104,6 +104,14 @@ TEST(StripLineEnd, RemovesEveryLineEndAtTheEnd) {
     }
 }
 
+TEST(StripLineEnd, WritesNothingWithoutALineEnd) {
+    // Literals lie where nobody may write.
+    for (const char* text : {"", "a", "a\r", "a\nb"}) {
+        char* const literal = const_cast<char*>(text);
+        EXPECT_EQ(strip_line_end(literal), literal);
+    }
+}
+
 TEST(StripLineEnd, EqualsTheLiteralOnRandomTexts) {
     std::mt19937 random(61);
     for (int round = 0; round < 20000; ++round) {

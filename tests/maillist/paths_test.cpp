@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstring>
 #include <string>
 
 namespace {
@@ -83,6 +84,18 @@ TEST(ListPath, IsCutToTheBufferWhichIsFilled) {
         EXPECT_EQ(buffer[room], '#') << len;
         EXPECT_EQ(mail_list_get_path(nullptr, "whitelist", buffer, len, MAIL_LIST_SYSTEM), 0);
         EXPECT_EQ(std::string(buffer, room), expected) << len;
+    }
+}
+
+TEST(ListPath, MayReplaceTheTextsThatItIsMadeOf) {
+    for (const unsigned scope : {MAIL_LIST_USER, MAIL_LIST_HOME, MAIL_LIST_SYSTEM}) {
+        const std::string expected = path_of("ann@site.test", "whitelist", scope);
+        char buffer[80] = "ann@site.test";
+        EXPECT_EQ(mail_list_get_path(buffer, "whitelist", buffer, sizeof buffer, scope), 0);
+        EXPECT_EQ(buffer, expected);
+        std::strcpy(buffer, "whitelist");
+        mail_list_get_file_name("ann@site.test", buffer, buffer, sizeof buffer, scope);
+        EXPECT_EQ(buffer, expected);
     }
 }
 

@@ -87,6 +87,13 @@ TEST(ModifyFrom, StripsTheCallersText) {
     }
 }
 
+TEST(ModifyFrom, TakesALiteral) {
+    put("a\n");
+    char* const literal = const_cast<char*>("x");
+    EXPECT_EQ(mail_list_modify_from(nullptr, kName, literal, 1, MAIL_LIST_SYSTEM), 0);
+    EXPECT_EQ(content(), "x\n");
+}
+
 TEST(DeleteThroughId, RemovesAndRenumbers) {
     const struct {
         std::string before;
