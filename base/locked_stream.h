@@ -20,6 +20,7 @@ class LockedStream {
 
     explicit operator bool() const { return stream_ != nullptr; }
     std::FILE* get() const { return stream_; }
+    // -1 for a stream of an executable's own open_and_lock_file that has none.
     int fd() const { return ::fileno(stream_); }
 
     bool close_and_unlock() {

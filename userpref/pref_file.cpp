@@ -4,6 +4,8 @@
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -119,13 +121,23 @@ class Text {
     char text_[kLongestText + kLineCapacity];  // the last line may ask for a whole one's room
 };
 
+// On the descriptor nothing is left in the stream's buffer that the close could lose. A stream that
+// an executable makes itself may have no descriptor.
+bool write_text(const LockedStream& stream, std::string_view text) {
+    if (stream.fd() >= 0) return base::write_all(stream.fd(), text);
+    std::FILE* const out = stream.get();
+    return std::fwrite(text.data(), 1, text.size(), out) == text.size() && std::fflush(out) == 0;
+}
+
 bool store(const user_pref& p, const std::string& path) {
     const Text text(p);
     LockedStream stream(path.c_str(), "w");
     if (!stream) return false;
-    // On the descriptor: nothing is left in the stream's buffer that the close could lose.
-    const bool written = base::write_all(stream.fd(), text.view());
-    return stream.close_and_unlock() && written;
+    const bool written = write_text(stream, text.view());
+    const int error = errno;
+    stream.close_and_unlock();  // its result has no meaning that is known
+    errno = error;
+    return written;
 }
 
 struct LineBuffer {
@@ -143,6 +155,16 @@ struct LineBuffer {
 void apply_stream(user_pref& p, FILE* stream) {
     for (LineBuffer line; line.read(stream);) apply(p, setting_of(line.text));
     clamp_page(p);
+}
+
+// Applies a locked file; false, p untouched, on a read error.
+bool apply_locked(user_pref& p, const LockedStream& stream) {
+    if (stream.fd() >= 0) return apply_file(p, stream.fd());
+    user_pref read = p;
+    apply_stream(read, stream.get());
+    if (std::ferror(stream.get()) != 0) return false;
+    p = read;
+    return true;
 }
 
 }  // namespace
@@ -176,7 +198,7 @@ int read_user_pref(user_pref* p, const char* user) {
         const std::string path = userpref::path_of(user);
         if (retry([&] { return ::access(path.c_str(), F_OK); }) != 0) return -1;
         const Tessaly::base::LockedStream stream(path.c_str(), "r");
-        return stream && userpref::apply_file(*p, stream.fd()) ? 0 : -1;
+        return stream && userpref::apply_locked(*p, stream) ? 0 : -1;
     });
 }
 

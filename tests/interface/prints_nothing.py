@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """prints_nothing.py LIBRARY... - no library asks for anything to print or log with, nor for a way to
-end its process. The one exception is perror, for a socket that cannot be had."""
+end its process. The one exception is perror, for a socket that cannot be had. fwrite is not among
+them: it writes preferences to a stream of the executable's own, and without stdout and stderr, which
+are among them, it cannot print."""
 import re
 import subprocess
 import sys
 
-OUTPUT = re.compile(r"^(_*(v?f?w?printf|v?dprintf|puts|putchar|putc|fputs?|fputc|fwrite|v?syslog|v?warnx?|"
+OUTPUT = re.compile(r"^(_*(v?f?w?printf|v?dprintf|puts|putchar|putc|fputs?|fputc|v?syslog|v?warnx?|"
                     r"v?errx?|error|psignal|assert_fail)(_chk|_unlocked)?|stdout|stderr|"
                     r"_ZSt\d(w?cout|w?cerr|w?clog)|w?(cout|cerr|clog)|exit|_exit|_Exit|quick_exit|abort)$")
 

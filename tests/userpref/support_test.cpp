@@ -14,6 +14,36 @@ namespace {
 Calls calls;
 int timezone_number = 42;
 
+// A preference file that is no file: its stream has no descriptor. Used while `memory` is set.
+std::string* memory = nullptr;
+bool memory_is_full = false;
+
+struct Cookie {
+    std::size_t read = 0;
+};
+ssize_t read_memory(void* cookie, char* buffer, size_t size) {
+    auto* place = static_cast<Cookie*>(cookie);
+    const std::size_t n = memory->copy(buffer, size, place->read);
+    place->read += n;
+    return static_cast<ssize_t>(n);
+}
+ssize_t write_memory(void*, const char* buffer, size_t size) {
+    if (memory_is_full) return 0;
+    memory->append(buffer, size);
+    return static_cast<ssize_t>(size);
+}
+int close_memory(void* cookie) {
+    delete static_cast<Cookie*>(cookie);
+    return 0;
+}
+FILE* open_memory(const char* mode) {
+    if (*mode == 'w') memory->clear();
+    return ::fopencookie(new Cookie, mode, {read_memory, write_memory, nullptr, close_memory});
+}
+
+// What close_and_unlock_file answers when it has done its work.
+int answer_of_close = 0;
+
 template <class Function>
 Function* real(const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
@@ -29,11 +59,13 @@ const Calls kStored = {"open w", "close"};
 
 FILE* open_and_lock_file(const char* path, const char* mode) {
     calls.push_back(std::string("open ") + mode);
+    if (memory != nullptr) return open_memory(mode);
     return real<FILE*(const char*, const char*)>("open_and_lock_file")(path, mode);
 }
 int close_and_unlock_file(FILE* stream) {
     calls.emplace_back("close");
-    return real<int(FILE*)>("close_and_unlock_file")(stream);
+    const int closed = real<int(FILE*)>("close_and_unlock_file")(stream);
+    return answer_of_close != 0 ? answer_of_close : closed;
 }
 char* trim_right(char* text) {
     calls.push_back(std::string("trim ") + text);
@@ -75,6 +107,46 @@ TEST(Support, WhatCannotBeReadIsClosed) {
     user_pref p = prefs::defaults();
     EXPECT_EQ(read_user_pref(&p, prefs::kUser), -1);
     EXPECT_EQ(taken(), kRead);
+}
+
+// A support library may answer anything: no meaning is known.
+TEST(Support, TheAnswerOfTheCloseIsNotLookedAt) {
+    user_pref p = prefs::defaults();
+    for (const int answer : {1, -1}) {
+        answer_of_close = answer;
+        p.theme = 7;
+        EXPECT_EQ(store_user_pref(prefs::kUser, &p), 0);
+        EXPECT_EQ(read_user_pref_all(prefs::kUser, &p), 0);
+        EXPECT_EQ(p.theme, 7);
+    }
+    answer_of_close = 0;
+    taken();
+}
+
+// An appliance's own streams may be of any kind.
+TEST(Support, AStreamWithoutADescriptorServes) {
+    std::string text = "stale";
+    memory = &text;
+    user_pref p = prefs::defaults();
+    p.theme = 7;
+    std::strcpy(p.uname, "Ann");
+    fs::write(prefs::kFile, "");  // the file exists, its content is elsewhere
+    EXPECT_EQ(store_user_pref(prefs::kUser, &p), 0);
+    EXPECT_EQ(taken(), kStored);
+    EXPECT_TRUE(text.starts_with("default_sort=1\nnpage=25\n"));
+    EXPECT_NE(text.find("\nuname=Ann\n"), std::string::npos);
+    EXPECT_TRUE(text.ends_with("\nnotification=0\n"));
+    user_pref read = {};
+    EXPECT_EQ(read_user_pref(&read, prefs::kUser), 0);
+    EXPECT_EQ(std::memcmp(&read, &p, sizeof p), 0);
+    text += "npage=500";
+    EXPECT_EQ(read_user_pref(&read, prefs::kUser), 0);
+    EXPECT_EQ(read.npage, 100);
+    memory_is_full = true;
+    EXPECT_EQ(store_user_pref(prefs::kUser, &p), -1);
+    memory = nullptr;
+    memory_is_full = false;
+    taken();
 }
 
 TEST(Support, TextsAreTrimmedByIt) {
