@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <new>
 
-#include "tools/exit.h"
-#include "tools/grammar.h"
-#include "tools/text.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/grammar.h"
+#include "tools/cli/text.h"
 
 namespace Tessaly::tool {
 

@@ -1,7 +1,7 @@
 """command.py - the pages of the command: tsmail(1), and one for each verb and each group of verbs.
 
 Made from the grammar ("tsmail --help --json"), docs/man/tsmail.md, docs/schema/verbs.json and the exit
-codes in tools/exit.h.
+codes in tools/cli/failure.h.
 """
 
 import json
@@ -127,7 +127,7 @@ def field_section(schema, defs):
 
 def exit_codes(source):
     """The rows of the enumeration ExitCode: (number, what)."""
-    text = (source / "tools/exit.h").read_text(encoding="utf-8")
+    text = (source / "tools/cli/failure.h").read_text(encoding="utf-8")
     return re.findall(r"^    k\w+ = (\d+),\s*(?://\s*(.*))?$", text, re.M)
 
 

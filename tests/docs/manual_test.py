@@ -179,7 +179,7 @@ class CommandTest(unittest.TestCase):
 
     def test_exit_codes_are_explained(self):
         codes = command.exit_codes(SOURCE)
-        header = text_of(SOURCE / "tools/exit.h")
+        header = text_of(SOURCE / "tools/cli/failure.h")
         self.assertEqual(len(codes), len(re.findall(r"^    k\w+ = \d+", header, re.M)))
         usage = subprocess.run([BUILD / "tools/tsmail", "--help"], check=True, stdout=subprocess.PIPE,
                                text=True).stdout

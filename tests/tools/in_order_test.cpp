@@ -1,5 +1,5 @@
 // Work that several threads do, and its results in their order.
-#include "tools/in_order.h"
+#include "tools/cli/in_order.h"
 
 #include <gtest/gtest.h>
 

@@ -7,10 +7,10 @@
 #include <vector>
 
 #include "testing/files.h"
-#include "tools/address.h"
-#include "tools/exit.h"
-#include "tools/output.h"
-#include "tools/text.h"
+#include "tools/cli/address.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/output.h"
+#include "tools/cli/text.h"
 
 using namespace Tessaly::tool;
 

@@ -6,8 +6,8 @@
 
 #include <cstring>
 
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/text.h"
+#include "tools/verbs/verbs.h"
 
 // A support library may lack them.
 #pragma weak cfg_get_file

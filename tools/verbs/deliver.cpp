@@ -6,13 +6,13 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "tools/address.h"
-#include "tools/delivery.h"
-#include "tools/identity.h"
-#include "tools/input.h"
-#include "tools/quota_daemon.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/input.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/delivery.h"
+#include "tools/work/quota_daemon.h"
 
 namespace Tessaly::tool {
 

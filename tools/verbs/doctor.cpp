@@ -4,14 +4,14 @@
 
 #include <algorithm>
 
-#include "tools/doctor.h"
-#include "tools/exit.h"
-#include "tools/identity.h"
-#include "tools/mailbox_lock.h"
-#include "tools/mailboxes.h"
-#include "tools/progress.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/text.h"
+#include "tools/doctor/checks.h"
+#include "tools/spool/identity.h"
+#include "tools/spool/mailboxes.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/mailbox_lock.h"
 
 namespace Tessaly::tool {
 

@@ -8,14 +8,14 @@
 #include <climits>
 #include <nlohmann/json.hpp>
 
-#include "tools/address.h"
-#include "tools/address_list.h"
-#include "tools/folder.h"
-#include "tools/identity.h"
-#include "tools/input.h"
-#include "tools/progress.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/input.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/address_list.h"
+#include "tools/work/folder.h"
 
 namespace Tessaly::tool {
 

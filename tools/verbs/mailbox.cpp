@@ -4,12 +4,12 @@
 
 #include <algorithm>
 
-#include "tools/address.h"
-#include "tools/folder.h"
-#include "tools/identity.h"
-#include "tools/scan.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
+#include "tools/work/scan.h"
 
 namespace Tessaly::tool {
 

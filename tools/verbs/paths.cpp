@@ -7,9 +7,9 @@
 #include <functional>
 #include <optional>
 
-#include "tools/address.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/text.h"
+#include "tools/verbs/verbs.h"
 
 namespace Tessaly::tool {
 

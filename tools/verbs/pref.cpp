@@ -4,13 +4,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include "tools/address.h"
-#include "tools/folder.h"
-#include "tools/identity.h"
-#include "tools/input.h"
-#include "tools/preferences.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/input.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
+#include "tools/work/preferences.h"
 
 namespace Tessaly::tool {
 

@@ -1,5 +1,5 @@
 // quota - flags, kept totals and notices of a mailbox; the share of the archive accounts.
-#include "tools/quota.h"
+#include "tools/work/quota.h"
 
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -7,11 +7,11 @@
 
 #include <charconv>
 
-#include "tools/address.h"
-#include "tools/folder.h"
-#include "tools/identity.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
 
 namespace Tessaly::tool {
 

@@ -6,16 +6,16 @@
 
 #include <algorithm>
 
-#include "tools/address.h"
-#include "tools/exit.h"
-#include "tools/fd.h"
-#include "tools/folder.h"
-#include "tools/identity.h"
-#include "tools/mailboxes.h"
-#include "tools/quota_daemon.h"
-#include "tools/removal.h"
-#include "tools/text.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/descriptors.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/spool/mailboxes.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
+#include "tools/work/quota_daemon.h"
+#include "tools/work/removal.h"
 
 namespace Tessaly::tool {
 

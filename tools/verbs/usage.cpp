@@ -9,14 +9,14 @@
 #include <cmath>
 #include <functional>
 
-#include "tools/address.h"
-#include "tools/identity.h"
-#include "tools/mailboxes.h"
-#include "tools/progress.h"
-#include "tools/size_file.h"
-#include "tools/text.h"
-#include "tools/usage.h"
-#include "tools/verbs.h"
+#include "tools/cli/address.h"
+#include "tools/cli/progress.h"
+#include "tools/cli/text.h"
+#include "tools/spool/identity.h"
+#include "tools/spool/mailboxes.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/size_file.h"
+#include "tools/work/usage.h"
 
 namespace Tessaly::tool {
 

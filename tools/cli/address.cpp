@@ -1,0 +1,154 @@
+#include "tools/cli/address.h"
+
+#include <climits>
+
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+using std::string_view;
+
+// Room for the hidden files beside a list or preference file: a dot, ".secondaryaddr", ".lock".
+constexpr std::size_t kLongestName = NAME_MAX - 32;
+constexpr std::size_t kLongestQueueId = 100;
+constexpr std::size_t kLongestList = 100;
+// Of tsl_is_valid_mailbox_name.
+constexpr unsigned kFolderPath = 1, kNoMaildirNames = 2;
+constexpr int kMalformed = 1, kReserved = 2;
+
+// What a mailbox type takes as its text, and whether the domain is a directory of the home's path.
+enum class Takes { nothing, address, address_with_domain, name, path };
+
+constexpr Takes kTakes[] = {
+    /* NONE */ Takes::nothing,
+    /* USER */ Takes::address_with_domain,
+    /* DEAD_LETTER */ Takes::nothing,
+    /* SYSTEM_ARCHIVE */ Takes::address,
+    /* QUARANTINE */ Takes::address,
+    /* SECURE_STORE */ Takes::address,
+    /* USER_UNTYPED */ Takes::address_with_domain,
+    /* EXTERNAL */ Takes::address_with_domain,
+    /* GIVEN_PATH */ Takes::path,
+    /* DIRECT */ Takes::path,
+    /* DEFERRED */ Takes::name,
+    /* GIVEN_PATH_2 */ Takes::path,
+    /* LOCAL */ Takes::address_with_domain,
+};
+
+constexpr char kMaildirNames[] = "\"new\", \"cur\" and \"tmp\" are parts of a folder";
+constexpr char kDots[] = "\".\" and \"..\" are no names";
+
+bool is_dots(string_view part) { return part == "." || part == ".."; }
+
+[[noreturn]] void refuse(string_view what, string_view text, string_view reason) {
+    throw Failure(kExitData,
+                  string(what) + " \"" + printable(text) + "\" is refused: " + string(reason));
+}
+
+// A reason against the text as one component of a path, or nullptr.
+const char* against_component(string_view text) {
+    if (text.find('/') != string_view::npos) return "it holds a '/'";
+    if (is_dots(text)) return kDots;
+    if (text.size() > kLongestName) return "it is too long";
+    return nullptr;
+}
+
+const char* against_address(const TSMailUserId& id, string_view text, bool domain_needed) {
+    if (text.find('/') != string_view::npos) return "it holds a '/'";
+    if (id.local(true).empty()) return "nothing stands before the domain";
+    if (domain_needed && id.domain().empty()) return "it has no domain";
+    for (const string& part : {id.tilde_name(), id.domain()}) {
+        if (const char* reason = against_component(part)) return reason;
+    }
+    return is_dots(id.tag()) ? kDots : nullptr;
+}
+
+const char* against(const TSMailUserId& id, string_view text, Takes takes) {
+    if (has_control_character(text)) return "it holds a control character";
+    switch (takes) {
+        case Takes::address:
+            return against_address(id, text, false);
+        case Takes::address_with_domain:
+            return against_address(id, text, true);
+        case Takes::name:
+            return text.empty() ? "it is empty" : against_component(text);
+        case Takes::path:
+            return text.empty() ? "it is empty" : nullptr;
+        case Takes::nothing:
+            break;
+    }
+    return nullptr;
+}
+
+// What is wrong with one component of a folder name that the library finds valid. It would make a
+// folder "Cur", but walks leave out such names in any letter case: its mail would never be found.
+const char* against_folder_component(string_view name) {
+    const string letters = folded(name);
+    if (letters == "new" || letters == "cur" || letters == "tmp") {
+        return kMaildirNames;
+    }
+    return name.size() > NAME_MAX ? "it is too long" : nullptr;
+}
+
+const char* against_folder_name(const string& name) {
+    if (has_control_character(name)) return "it holds a control character";
+    const int answer = tsl_is_valid_mailbox_name(name.c_str(), kFolderPath | kNoMaildirNames);
+    if (answer == kReserved) return kMaildirNames;
+    if (answer == kMalformed) {
+        return "a folder name is one or more names separated by '/', none of them empty or "
+               "beginning "
+               "with '.', without \\ ? * : \" < > |";
+    }
+    for (std::size_t begin = 0, end = 0; end != string::npos; begin = end + 1) {
+        end = name.find('/', begin);
+        const string_view component = string_view(name).substr(begin, end - begin);
+        if (const char* reason = against_folder_component(component)) return reason;
+    }
+    return name.size() > PATH_MAX / 2 ? "it is too long" : nullptr;
+}
+
+// What is wrong with a text as a name of its own, or nullptr.
+const char* against_name(string_view text) {
+    if (text.empty()) return "it is empty";
+    if (has_control_character(text)) return "it holds a control character";
+    return against_component(text);
+}
+
+}  // namespace
+
+TSMailUserId mailbox_of(string_view address, MailBoxType type) {
+    TSMailUserId id(type, string(address));
+    if (const char* reason = against(id, address, kTakes[type])) refuse("address", address, reason);
+    return id;
+}
+
+bool is_folder_name(const string& name) { return against_folder_name(name) == nullptr; }
+
+void check_folder_name(const string& name) {
+    if (const char* reason = against_folder_name(name)) refuse("folder name", name, reason);
+}
+
+void check_list_name(string_view list) {
+    if (const char* reason = against_name(list)) refuse("list name", list, reason);
+    if (list.starts_with('.')) refuse("list name", list, "it begins with '.'");
+    if (list.size() > kLongestList) refuse("list name", list, "it is too long");
+}
+
+void check_home_name(string_view user) {
+    if (const char* reason = against_name(user)) refuse("home", user, reason);
+}
+
+void check_queue_id(string_view queue_id) {
+    constexpr string_view kAllowed =
+        "0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz-_.+=@~";
+    if (queue_id.empty() || queue_id.size() > kLongestQueueId ||
+        queue_id.find_first_not_of(kAllowed) != string_view::npos) {
+        refuse("queue identifier", queue_id, "1 to 100 letters, digits and -_.+=@~ are allowed");
+    }
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,298 @@
+#include "tools/cli/grammar.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <charconv>
+
+#include "tools/cli/manual.h"
+#include "tools/cli/nearest.h"
+#include "tools/cli/text.h"
+#include "tools/verbs/verbs.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+using std::string_view;
+
+// The parser would take a positional word "[a,b]" for a list of two; the mark in front keeps it
+// (and words that begin with the mark) as it is.
+constexpr char kMark = '\x01';
+
+string marked(string_view word) {
+    const bool mark = !word.empty() && (word.front() == '[' || word.front() == kMark);
+    return mark ? kMark + string(word) : string(word);
+}
+
+string unmarked(string word) {
+    if (!word.empty() && word.front() == kMark) word.erase(0, 1);
+    return word;
+}
+
+std::vector<string> verbs_of(const CLI::App& app) {
+    std::vector<string> names;
+    for (const CLI::App* verb : app.get_subcommands(nullptr)) names.push_back(verb->get_name());
+    return names;
+}
+
+const CLI::App* verb_named(const CLI::App& app, string_view name) {
+    for (const CLI::App* verb : app.get_subcommands(nullptr)) {
+        if (verb->get_name() == name) return verb;
+    }
+    return nullptr;
+}
+
+// What to say about a word where one of the verbs is expected.
+string unknown_verb(string_view word, const std::vector<string>& verbs) {
+    const string text = fmt::format("there is no verb \"{}\"", printable(word));
+    if (verbs.empty()) return text;
+    if (const string near = nearest(word, verbs); !near.empty()) {
+        return text + fmt::format("; did you mean \"{}\"?", near);
+    }
+    return text + fmt::format("; the verbs are {}", fmt::join(verbs, ", "));
+}
+
+// Where the words lead, and what is wrong on the way: a verb that is missing or unknown.
+struct Walk {
+    const CLI::App* reached;
+    string problem;
+};
+
+Walk follow(const CLI::App& app, const std::vector<string>& words) {
+    const CLI::App* at = &app;
+    for (const string& word : words) {
+        if (at->get_subcommands(nullptr).empty()) return {at, ""};
+        if (word.starts_with('-')) continue;
+        const CLI::App* next = verb_named(*at, word);
+        if (next == nullptr) return {at, unknown_verb(word, verbs_of(*at))};
+        at = next;
+    }
+    const std::vector<string> verbs = verbs_of(*at);
+    if (verbs.empty()) return {at, ""};
+    return {at, fmt::format("a verb is missing: {}", fmt::join(verbs, ", "))};
+}
+
+// "tsmail list add" for that verb.
+string full_name(const CLI::App& verb) {
+    return verb.get_parent() == nullptr ? verb.get_name()
+                                        : full_name(*verb.get_parent()) + ' ' + verb.get_name();
+}
+
+void add_option_names(const CLI::App& app, std::vector<string>& names) {
+    for (const CLI::Option* option : app.get_options()) {
+        for (const string& name : option->get_lnames()) names.push_back("--" + name);
+    }
+}
+
+// For the first word that looks like an option and is none: the one that may be meant.
+string option_hint(const CLI::App& app, const CLI::App& reached, const std::vector<string>& words) {
+    std::vector<string> names;
+    add_option_names(app, names);
+    add_option_names(reached, names);
+    for (const string& word : words) {
+        const string name = word.substr(0, word.find('='));
+        if (!name.starts_with("--") || std::find(names.begin(), names.end(), name) != names.end()) {
+            continue;
+        }
+        const string near = nearest(name, names);
+        return near.empty() ? "" : fmt::format("; did you mean \"{}\"?", near);
+    }
+    return "";
+}
+
+[[noreturn]] void refuse(const CLI::App& app, const std::vector<string>& words,
+                         const CLI::ParseError& error) {
+    const auto [reached, problem] = follow(app, words);
+    const string text =
+        problem.empty() ? printable(error.what()) + option_hint(app, *reached, words) : problem;
+    throw Failure(kExitUsage, fmt::format("{}\nSee \"{} --help\".", text, full_name(*reached)));
+}
+
+// An argument as JSON: its names (those of an option begin with '-'), what it is for, and whether
+// it takes a value, must be there, may be given several times, is one of a few words.
+Json object_of(const CLI::Option& option, const Choices& choices) {
+    Json names = Json::array();
+    for (const string& name : option.get_snames()) names.push_back('-' + name);
+    for (const string& name : option.get_lnames()) names.push_back("--" + name);
+    if (option.get_positional()) names.push_back(option.get_single_name());
+    Json object = {{"names", names},
+                   {"help", option.get_description()},
+                   {"value", option.get_items_expected_max() > 0},
+                   {"required", option.get_required()},
+                   {"many", option.get_items_expected_max() > 1}};
+    const auto words = choices.find(&option);
+    if (words != choices.end()) object["words"] = words->second;
+    return object;
+}
+
+// A verb with all that belongs to it, for what is made from the grammar: completion, the manual.
+Json object_of(const CLI::App& app, const Choices& choices) {
+    Json options = Json::array(), arguments = Json::array(), verbs = Json::array();
+    for (const CLI::Option* option : app.get_options()) {
+        (option->get_positional() ? arguments : options).push_back(object_of(*option, choices));
+    }
+    for (const CLI::App* verb : app.get_subcommands(nullptr)) {
+        verbs.push_back(object_of(*verb, choices));
+    }
+    return {{"name", app.get_name()},
+            {"help", app.get_description()},
+            {"options", options},
+            {"arguments", arguments},
+            {"verbs", verbs}};
+}
+
+constexpr char kHelp[] = "help";
+
+// `asked` is where the words behind "help" go.
+void declare(CLI::App& app, Session& session, Choices& choices, std::vector<string>& asked) {
+    app.set_help_flag("-h,--help", "Say how it is used, and exit");
+    app.set_version_flag("--version", "tsmail " TSMAIL_VERSION,
+                         "Say which version it is, and exit");
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.footer(
+        "\"tsmail VERB --help\" says more, tsmail(1) all. Exit codes: 0 done, 1 the answer is no,\n"
+        "64 wrong usage, 65 bad address, name or content, 66 file to read missing, 67 no such\n"
+        "mailbox, 69 not available, 70 internal error, 73 cannot create, 74 input/output error,\n"
+        "75 temporary failure, try again.");
+    app.add_flag("--json", session.json, "Show results as JSON, one object a line");
+    app.add_flag("-q,--quiet", session.quiet, "Say nothing but errors");
+    app.add_flag("-v,--verbose", session.verbosity, "Say more about what is done");
+    for (const auto add : kVerbFamilies) add({app, session, choices});
+    app.add_subcommand(kHelp, "Show the manual page of a verb")
+        ->add_option("VERB", asked, "The verb, as list add (default: the command itself)")
+        ->transform(unmarked);
+}
+
+void show_help(const CLI::App& reached, Session& session, const Choices& choices) {
+    if (session.json) {
+        session.out.object(object_of(reached, choices));
+    } else {
+        session.out.line(reached.get_formatter()->make_help(&reached, full_name(reached),
+                                                            CLI::AppFormatMode::Normal));
+    }
+}
+
+// "tsmail help VERB": the verb's manual page if there is somebody to read it, else its help.
+void show_manual(const CLI::App& app, const std::vector<string>& asked, Session& session,
+                 const Choices& choices) {
+    const CLI::App* at = &app;
+    for (const string& word : asked) {
+        const CLI::App* next = verb_named(*at, word);
+        if (next == nullptr) throw Failure(kExitUsage, unknown_verb(word, verbs_of(*at)));
+        at = next;
+    }
+    string page = full_name(*at);
+    std::replace(page.begin(), page.end(), ' ', '-');
+    if (!session.json) become_manual(page, session.callers_umask);
+    show_help(*at, session, choices);
+}
+
+}  // namespace
+
+Verb& Verb::text(const string& name, string& value, const string& help) {
+    last_ = app_->add_option(name, value, help)->transform(unmarked);
+    return *this;
+}
+
+Verb& Verb::text(const string& name, std::optional<string>& value, const string& help) {
+    const auto take = [&value](const string& given) { value = given; };
+    last_ = app_->add_option_function<string>(name, take, help)->transform(unmarked);
+    return *this;
+}
+
+Verb& Verb::texts(const string& name, std::vector<string>& values, const string& help) {
+    last_ = app_->add_option(name, values, help)->transform(unmarked);
+    return *this;
+}
+
+Verb& Verb::flag(const string& name, bool& value, const string& help) {
+    last_ = app_->add_flag(name, value, help);
+    return *this;
+}
+
+Verb& Verb::one_of(std::span<const Word> words) {
+    std::vector<string> texts;
+    for (const Word& word : words) texts.emplace_back(word.word);
+    return one_of(std::move(texts));
+}
+
+Verb& Verb::one_of(std::vector<string> words) {
+    (*choices_)[last_] = std::move(words);
+    return *this;
+}
+
+Verb& Verb::required() {
+    last_->required();
+    return *this;
+}
+
+Verb& Verb::address(string& value) {
+    return text("ADDRESS", value, "The mailbox, as ann@site.test").required();
+}
+
+VerbGroup VerbGroup::group(const string& name, const string& help) const {
+    CLI::App* app = app_->add_subcommand(name, help);
+    app->require_subcommand(1);
+    return {*app, *session_, *choices_};
+}
+
+Verb VerbGroup::add(const string& name, const string& help, std::function<int()> work) const {
+    CLI::App* app = app_->add_subcommand(name, help);
+    app->callback([session = session_, work = std::move(work)] { session->verb = work; });
+    return {*app, *choices_};
+}
+
+const Word& word_of(std::span<const Word> words, string_view what, string_view given) {
+    int number = -1;
+    const auto parsed = std::from_chars(given.data(), given.data() + given.size(), number);
+    const bool is_number = parsed.ec == std::errc{} && parsed.ptr == given.data() + given.size();
+    const auto row = std::find_if(words.begin(), words.end(), [&](const Word& w) {
+        return is_number ? w.number == number : w.word == folded(given);
+    });
+    if (row != words.end()) return *row;
+    std::vector<string> allowed;
+    for (const Word& w : words) allowed.push_back(fmt::format("{} ({})", w.word, w.number));
+    throw Failure(kExitUsage, fmt::format("there is no {} \"{}\"; allowed: {}", what,
+                                          printable(given), fmt::join(allowed, ", ")));
+}
+
+long long whole_number(string_view what, string_view given, long long least, long long most) {
+    long long number = 0;
+    const auto parsed = std::from_chars(given.data(), given.data() + given.size(), number);
+    const bool whole = parsed.ec == std::errc{} && parsed.ptr == given.data() + given.size();
+    if (whole && number >= least && number <= most) return number;
+    throw Failure(kExitUsage, fmt::format("{} \"{}\": a whole number from {} to {} is wanted", what,
+                                          printable(given), least, most));
+}
+
+bool read_command_line(int argc, const char* const* argv, Session& session) {
+    CLI::App app("Works on the mail store of a Tessaly mail appliance.", "tsmail");
+    Choices choices;
+    std::vector<string> asked;
+    declare(app, session, choices, asked);
+    const std::vector<string> words(argv + std::min(argc, 1), argv + argc);
+    std::vector<string> reversed;
+    std::transform(words.rbegin(), words.rend(), std::back_inserter(reversed), marked);
+    try {
+        app.parse(reversed);
+        if (!app.got_subcommand(kHelp)) return true;
+        show_manual(app, asked, session, choices);
+    } catch (const CLI::CallForVersion& version) {
+        session.out.line(version.what());
+    } catch (const CLI::CallForHelp&) {
+        show_help(*follow(app, words).reached, session, choices);
+    } catch (const CLI::CallForAllHelp&) {
+        session.out.line(app.help("", CLI::AppFormatMode::All));
+    } catch (const CLI::ParseError& error) {
+        refuse(app, words, error);
+    }
+    return false;
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,61 @@
+// Input - a file to read, or standard input.
+#ifndef TSMAIL_TOOLS_CLI_INPUT_H
+#define TSMAIL_TOOLS_CLI_INPUT_H
+
+#include <cstdint>
+#include <string>
+
+#include "tools/cli/descriptors.h"
+
+namespace Tessaly::tool {
+
+// An open input and what to call it in messages.
+struct Input {
+    Fd owned;
+    int fd;
+    std::string name;
+};
+
+// Opens a file to read, as the caller of the program; "" is standard input. A Failure with code
+// kExitNoInput if it cannot.
+Input open_input(const std::string& file);
+
+// Reads up to `room` bytes; 0 at the end. A Failure, with code kExitNoInput for what cannot be read
+// at all, else kExitIo. EAGAIN is left to the caller: -1.
+ssize_t read_some(const Input& input, char* buffer, std::size_t room);
+
+// The size of the input if it is a file, else 0.
+std::uint64_t size_of(const Input& input);
+
+// The lines of an input, one after the other, without their ends ("\n" or "\r\n").
+class LineReader {
+  public:
+    explicit LineReader(const Input& input) : input_(input) {}
+
+    // Goes to the next line; false at the end. Failures are those of read_some.
+    bool next();
+    const std::string& line() const { return line_; }
+    // Whether the line is longer than what is kept of it.
+    bool cut() const { return cut_; }
+    std::uint64_t number() const { return number_; }
+    // How much of the input was read for the lines so far.
+    std::uint64_t bytes() const { return bytes_; }
+
+  private:
+    bool fill();
+    void take(std::size_t length);
+
+    const Input& input_;
+    std::string line_;
+    bool cut_ = false;
+    std::uint64_t number_ = 0, bytes_ = 0;
+    std::size_t position_ = 0, filled_ = 0;
+    char piece_[65536];
+};
+
+// All of standard input, at most a mebibyte.
+std::string read_standard_input();
+
+}  // namespace Tessaly::tool
+
+#endif

@@ -1,0 +1,72 @@
+// What a verb shows: lines and tables for people, JSON for programs.
+#ifndef TSMAIL_TOOLS_CLI_OUTPUT_H
+#define TSMAIL_TOOLS_CLI_OUTPUT_H
+
+#include <nlohmann/json_fwd.hpp>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Tessaly::tool {
+
+// Fields keep the order in which they are written.
+using Json = nlohmann::ordered_json;
+
+// Collects and writes to a descriptor in large pieces. A write error is kept for finish().
+class Output {
+  public:
+    // With colour if the descriptor is a terminal that wants it: NO_COLOR unset or empty, TERM not
+    // "dumb".
+    explicit Output(int fd);
+
+    bool colour() const { return colour_; }
+    // From here on nothing is shown.
+    void silence() { silent_ = true; }
+    // The text emphasised, if there is colour.
+    std::string strong(std::string_view text) const;
+
+    void line(std::string_view text);
+    // One object on one line; bytes that are no UTF-8 become U+FFFD.
+    void object(const Json& object);
+
+    // Writes what is left. False with errno if anything could not be written since the last call.
+    bool finish();
+
+  private:
+    void flush();
+
+    int fd_;
+    bool colour_;
+    bool silent_ = false;
+    int error_ = 0;
+    std::string pending_;
+};
+
+enum class Align { left, right };
+
+// Rows of texts in aligned columns; hostile bytes in cells are shown escaped.
+class Table {
+  public:
+    struct Column {
+        std::string heading;
+        Align align = Align::left;
+    };
+    explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+
+    void row(std::vector<std::string> cells);
+    // One line a row below a line of headings.
+    void print(Output& out) const;
+
+  private:
+    std::vector<std::size_t> widths() const;
+    std::string formatted(const std::vector<std::string>& cells,
+                          const std::vector<std::size_t>& widths) const;
+
+    std::vector<Column> columns_;
+    std::vector<std::vector<std::string>> rows_;
+};
+
+}  // namespace Tessaly::tool
+
+#endif

@@ -1,0 +1,32 @@
+#include "tools/cli/session.h"
+
+#include <unistd.h>
+
+#include <string>
+
+#include "tools/cli/descriptors.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+// Nobody can be told when this fails.
+void say(std::string_view prefix, std::string_view message) {
+    const std::string text = std::string(prefix).append(message).append("\n");
+    [[maybe_unused]] const auto written =
+        retry([&] { return ::write(STDERR_FILENO, text.data(), text.size()); });
+}
+
+}  // namespace
+
+void Session::warn(std::string_view message) const {
+    if (!quiet) say("tsmail: warning: ", message);
+}
+
+void Session::detail(std::string_view message) const {
+    if (verbosity > 0 && !quiet) say("tsmail: ", message);
+}
+
+void Session::error(std::string_view message) const { say("tsmail: ", message); }
+
+}  // namespace Tessaly::tool

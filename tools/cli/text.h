@@ -1,0 +1,32 @@
+// Texts as people are shown them.
+#ifndef TSMAIL_TOOLS_CLI_TEXT_H
+#define TSMAIL_TOOLS_CLI_TEXT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace Tessaly::tool {
+
+// The text with every byte that is no printable UTF-8 written as \xNN: control characters, invalid
+// sequences, and characters that change the writing direction or cannot be seen. Names in a store
+// come from strangers; a terminal must not act on them.
+std::string printable(std::string_view text);
+
+// Columns the text takes on a terminal. A mark above or below a letter takes none, an ideograph
+// two.
+std::size_t width_of(std::string_view text);
+
+// A size in binary units: "0 B", "1023 B", "1.0 KiB", "12.3 MiB".
+std::string size_text(std::uint64_t bytes);
+
+// Whether the text holds an ASCII control character, NUL included.
+bool has_control_character(std::string_view text);
+
+// The text as arguments are compared: lower case, '-' for '_'.
+std::string folded(std::string_view text);
+
+}  // namespace Tessaly::tool
+
+#endif

@@ -1,0 +1,349 @@
+// Checks of folders and of what is in them.
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <optional>
+
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/doctor/checks.h"
+#include "tools/spool/mailboxes.h"
+#include "tools/work/folder_list.h"
+#include "tools/work/folder_lock.h"
+#include "tools/work/mailbox_lock.h"
+#include "tools/work/recount.h"
+#include "tools/work/scan.h"
+#include "tools/work/tag.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+// All folders; a Failure if one cannot be read.
+std::vector<string> folders_of_patient(const Patient& patient) {
+    FolderList list = list_folders(patient.id);
+    if (list.unread.empty()) return std::move(list.names);
+    const auto& [path, error] = list.unread.front();
+    throw system_failure(printable(path), error);
+}
+
+string counted(std::uint64_t number, const char* thing) {
+    return fmt::format("{} {}{}", number, thing, number == 1 ? "" : "s");
+}
+
+// ---- permissions
+
+constexpr mode_t kOthers = 077, kOwner = 0700;
+
+void change_mode(const string& path, mode_t mode) {
+    if (::chmod(path.c_str(), mode) != 0) throw system_failure(printable(path));
+}
+
+void check_mode(const string& path, mode_t needed, mode_t forbidden,
+                std::vector<Finding>& findings) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return;
+    const mode_t mode = st.st_mode & 07777;
+    const mode_t right = (mode | needed) & ~forbidden;
+    if (mode == right) return;
+    findings.push_back({path, fmt::format("the mode is {:04o}", mode),
+                        fmt::format("sets the mode {:04o}", right),
+                        [=] { change_mode(path, right); }});
+}
+
+std::vector<Finding> look_at_root_modes(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& path : {patient.id.mailpath(), patient.id.prefpath()}) {
+        check_mode(path, kOwner, kOthers, findings);
+    }
+    return findings;
+}
+
+std::vector<Finding> look_at_folder_modes(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& name : folders_of_patient(patient)) {
+        const string path = patient.id.mailfolder(name);
+        for (const char* part : {"", "/cur", "/new", "/tmp"}) {
+            check_mode(path + part, kOwner, 0, findings);
+        }
+    }
+    return findings;
+}
+
+// ---- missing parts
+
+// Whether something in the directory says that it was meant to be a folder, or leads to one.
+bool is_meant_as_folder(const string& path, const Listing& listing) {
+    constexpr std::array<const char*, 4> kSigns = {"cur", "new", "tmp", ".ts_folder_size"};
+    return listing.is_folder || std::any_of(kSigns.begin(), kSigns.end(), [&](const char* sign) {
+               return ::access(in(path, sign).c_str(), F_OK) == 0;
+           });
+}
+
+string missing_parts(const string& path) {
+    string missing;
+    for (const char* part : {"cur", "new", "tmp"}) {
+        if (::access(in(path, part).c_str(), F_OK) == 0) continue;
+        missing += (missing.empty() ? "" : ", ") + string(part);
+    }
+    return missing;
+}
+
+// The listing of a directory that is none by a link; nothing if it is none.
+std::optional<Listing> listing_of(const string& path) {
+    const Fd fd(retry(
+        [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
+    if (!fd && is_no_directory(errno)) return std::nullopt;
+    if (!fd) throw system_failure(printable(path));
+    Listing listing = list_directory(fd.get());
+    if (listing.error != 0) throw system_failure(printable(path), listing.error);
+    return listing;
+}
+
+// Looks at a directory and all below it. Whether it is a folder, or leads to one.
+bool look_for_parts(const Patient& patient, const string& name, std::vector<Finding>& findings) {
+    const string path = patient.id.mailfolder(name);
+    const std::optional<Listing> listing = listing_of(path);
+    if (!listing) return false;
+    bool wanted = is_meant_as_folder(path, *listing);
+    const std::size_t place = findings.size();
+    for (const string& below : listing->below) {
+        wanted = look_for_parts(patient, in(name, below), findings) || wanted;
+    }
+    const string missing = missing_parts(path);
+    if (!wanted || missing.empty()) return wanted;
+    findings.insert(findings.begin() + static_cast<std::ptrdiff_t>(place),
+                    {path, "no " + missing, "makes what is missing",
+                     [=] { patient.maker.make_folder(patient.id, name); }});
+    return true;
+}
+
+std::vector<Finding> look_at_parts(const Patient& patient) {
+    std::vector<Finding> findings;
+    const std::optional<Listing> listing = listing_of(patient.id.mailpath());
+    if (!listing) return findings;
+    for (const string& name : listing->below) look_for_parts(patient, name, findings);
+    return findings;
+}
+
+// ---- leftovers in tmp
+
+// Where a file that was left in tmp belongs, or nullptr if it may be a part of a message: a message
+// with flags was in cur, and one that has the size which its name says is complete.
+const char* place_of(const string& name, const struct stat& st) {
+    const bool has_flags = name.find(":2,") != string::npos;
+    const long long size = get_maildir_msg_len_from_name(name.c_str());
+    if (size >= 0 && size != st.st_size) return nullptr;
+    if (has_flags) return "cur";
+    return size > 0 ? "new" : nullptr;
+}
+
+// Under the folder's lock, as messages must not move while they are counted; then counts.
+void rescue(const TSMailUserId& id, const string& folder, const string& name, const char* place) {
+    {
+        const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
+        const string path = id.mailfolder(folder);
+        const string from = in(path + "/tmp", name), to = in(in(path, place), name);
+        if (!rename_new(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str())) {
+            throw system_failure(printable(from));
+        }
+    }
+    recount(id);
+}
+
+Finding leftover(const TSMailUserId& id, const string& folder, const string& name,
+                 const struct stat& st) {
+    const auto hours = (std::time(nullptr) - st.st_mtime) / 3600;
+    const char* place = place_of(name, st);
+    Finding finding = {in(id.mailfolder(folder) + "/tmp", name), "", "", {}};
+    if (place == nullptr) {
+        finding.what = fmt::format("a file of {}, {} old, that may be a part of a message",
+                                   size_text(static_cast<std::uint64_t>(st.st_size)),
+                                   counted(static_cast<std::uint64_t>(hours), "hour"));
+        return finding;
+    }
+    finding.what = fmt::format("a complete message, {} old",
+                               counted(static_cast<std::uint64_t>(hours), "hour"));
+    finding.repair = fmt::format("moves it to {} and recounts", place);
+    finding.mend = [=] { rescue(id, folder, name, place); };
+    return finding;
+}
+
+std::vector<Finding> look_at_leftovers(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& folder : folders_of_patient(patient)) {
+        const string tmp = patient.id.mailfolder(folder) + "/tmp";
+        for (const string& name : names_in(tmp)) {
+            struct stat st;
+            if (::lstat(in(tmp, name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+            if (name.front() == '.' || std::time(nullptr) - st.st_mtime <= kLeftBehind) continue;
+            findings.push_back(leftover(patient.id, folder, name, st));
+        }
+    }
+    return findings;
+}
+
+// ---- names without sizes
+
+std::vector<Finding> look_at_names(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& folder : folders_of_patient(patient)) {
+        const string path = patient.id.mailfolder(folder);
+        const Untagged untagged = untagged_in(path);
+        for (const string& message : untagged.stuck) {
+            findings.push_back({message, "the name's size field holds no size", ""});
+        }
+        if (untagged.taggable == 0) continue;
+        findings.push_back(
+            {path, counted(untagged.taggable, "message") + " without a size in the name",
+             "puts the size into the name", [id = patient.id, folder] {
+                 tag_folder(id, folder);
+                 if (untagged_in(id.mailfolder(folder)).taggable == 0) return;
+                 throw Failure(kExitCannotCreate, printable(folder) + ": some could not be tagged");
+             }});
+    }
+    return findings;
+}
+
+// ---- names with wrong sizes
+
+void correct_and_recount(const TSMailUserId& id, const string& folder) {
+    const std::vector<NotRenamed> left = correct_sizes(id, folder);
+    recount(id);
+    if (left.empty()) return;
+    throw system_failure(printable(left.front().path), left.front().error);
+}
+
+std::vector<Finding> look_at_size_fields(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& folder : folders_of_patient(patient)) {
+        const string path = patient.id.mailfolder(folder);
+        std::uint64_t mendable = 0;
+        for (const WrongSize& message : wrong_sizes_in(path)) {
+            if (!message.right_path.empty()) {
+                ++mendable;
+                continue;
+            }
+            findings.push_back(
+                {message.path,
+                 fmt::format("the name says {}, the file has {}", counted(message.named, "byte"),
+                             counted(message.actual, "byte")),
+                 ""});
+        }
+        if (mendable == 0) continue;
+        findings.push_back({path, counted(mendable, "message") + " with a wrong size in the name",
+                            "puts the right size into the name and recounts",
+                            [id = patient.id, folder] { correct_and_recount(id, folder); }});
+    }
+    return findings;
+}
+
+// ---- size files, mark and caches
+
+void check_total(const TSMailUserId& id, const string& file, const KeptTotal& actual,
+                 std::vector<Finding>& findings) {
+    const KeptTotal kept = kept_total(file).value_or(KeptTotal());
+    if (kept == actual) return;
+    const string says =
+        kept.damaged
+            ? "is damaged"
+            : fmt::format("says {} in {}", counted(static_cast<std::uint64_t>(kept.bytes), "byte"),
+                          counted(static_cast<std::uint64_t>(kept.messages), "message"));
+    findings.push_back(
+        {file,
+         fmt::format("{}; there are {} in {}", says,
+                     counted(static_cast<std::uint64_t>(actual.bytes), "byte"),
+                     counted(static_cast<std::uint64_t>(actual.messages), "message")),
+         "recounts the mailbox", [id] { recount(id); }});
+}
+
+std::vector<Finding> look_at_totals_once(const Patient& patient) {
+    std::vector<Finding> findings;
+    KeptTotal sum;
+    for (const string& folder : folders_of_patient(patient)) {
+        const string path = patient.id.mailfolder(folder);
+        const FolderCount count = count_folder(AT_FDCWD, path.c_str());
+        if (count.error != 0) throw system_failure(printable(path), count.error);
+        const KeptTotal actual = total_of(count);
+        check_total(patient.id, folder_size_file(path), actual, findings);
+        add(sum, actual);
+    }
+    check_total(patient.id, mailbox_size_file(patient.id), sum, findings);
+    return findings;
+}
+
+// Of a mailbox in use a message may come between a count and the file that is to say so; what is
+// found is looked at again while nothing comes.
+std::vector<Finding> look_at_totals(const Patient& patient) {
+    std::vector<Finding> findings = look_at_totals_once(patient);
+    if (findings.empty()) return findings;
+    const LockedFolders locked = lock_folders(patient.id);
+    return look_at_totals_once(patient);
+}
+
+std::vector<Finding> look_at_mark(const Patient& patient) {
+    const string path = mailbox_size_file(patient.id) + ".dirty";
+    struct stat st;
+    if (::stat(path.c_str(), &st) != 0) return {};
+    const auto minutes = std::max<std::time_t>(0, std::time(nullptr) - st.st_mtime) / 60;
+    return {{path,
+             fmt::format("the mailbox has been waiting for a recount for {}",
+                         counted(static_cast<std::uint64_t>(minutes), "minute")),
+             "recounts the mailbox and removes the mark", [id = patient.id] { recount(id); }}};
+}
+
+long long scanned_size(const string& folder) {
+    long long size = 0;
+    for (const char* sub : {"cur", "new", "tmp"}) size += tsl_get_dir_size(folder.c_str(), sub, 0);
+    return size;
+}
+
+std::vector<Finding> look_at_caches(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& folder : folders_of_patient(patient)) {
+        const string path = patient.id.mailfolder(folder), cache = path + "/.ts_cache";
+        if (::access(cache.c_str(), F_OK) != 0) continue;
+        const long long cached = tsl_get_mailbox_size(path.c_str(), nullptr);
+        const long long actual = scanned_size(path);
+        if (cached == actual) continue;
+        findings.push_back({cache, fmt::format("says {} bytes; there are {}", cached, actual),
+                            "removes the cache; the next scan makes it anew", [cache] {
+                                if (::unlink(cache.c_str()) == 0 || errno == ENOENT) return;
+                                throw system_failure(printable(cache));
+                            }});
+    }
+    return findings;
+}
+
+constexpr Check kFolderChecks[] = {
+    {"root-permissions", "other users can look into the mailbox, or its owner cannot work in it",
+     look_at_root_modes},
+    {"folder-parts", "mail in a directory that is no complete folder is not found, or cannot come",
+     look_at_parts},
+    {"folder-permissions", "who has no access to a folder can neither read nor deliver mail",
+     look_at_folder_modes},
+    {"leftovers", "what a delivery or a mail reader left in tmp is seen by nobody",
+     look_at_leftovers},
+    {"untagged", "the size of such a message has to be asked for at each count", look_at_names},
+    {"size-fields", "such a message counts with a size that is not its own", look_at_size_fields},
+};
+
+constexpr Check kSizeChecks[] = {
+    {"cache", "programs that show the cached size show a wrong one", look_at_caches},
+    {"sizes", "quotas are judged by a size that is wrong", look_at_totals},
+    {"mark", "until the recount the mailbox's size counts as unknown", look_at_mark},
+};
+
+}  // namespace
+
+std::span<const Check> folder_checks() { return kFolderChecks; }
+std::span<const Check> size_checks() { return kSizeChecks; }
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,31 @@
+// The verb families. Each has a file of its own in verbs/, which reads arguments and prints
+// results; the work on the store lies in the units beside this header.
+#ifndef TSMAIL_TOOLS_VERBS_VERBS_H
+#define TSMAIL_TOOLS_VERBS_VERBS_H
+
+#include "tools/cli/grammar.h"
+
+namespace Tessaly::tool {
+
+void add_paths_verb(const VerbGroup& top);
+void add_mailbox_verbs(const VerbGroup& top);
+void add_deliver_verb(const VerbGroup& top);
+void add_size_verbs(const VerbGroup& top);
+void add_usage_verb(const VerbGroup& top);
+void add_doctor_verb(const VerbGroup& top);
+void add_pref_verbs(const VerbGroup& top);
+void add_list_verbs(const VerbGroup& top);
+void add_quota_verbs(const VerbGroup& top);
+void add_removal_verbs(const VerbGroup& top);
+void add_config_verbs(const VerbGroup& top);
+
+// In the order in which help lists them.
+constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
+    add_paths_verb,    add_mailbox_verbs, add_deliver_verb, add_size_verbs,
+    add_usage_verb,    add_pref_verbs,    add_list_verbs,   add_quota_verbs,
+    add_removal_verbs, add_doctor_verb,   add_config_verbs,
+};
+
+}  // namespace Tessaly::tool
+
+#endif

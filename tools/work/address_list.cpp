@@ -1,0 +1,153 @@
+#include "tools/work/address_list.h"
+
+#include <fcntl.h>
+#include <tessaly/maillist.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <utility>
+
+#include "tools/cli/descriptors.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+constexpr std::size_t kLineBuffer = 256;  // the library reads lines with its NUL in so many bytes
+constexpr std::size_t kLongestEntry = kLineBuffer - 2;
+
+string path_of(const string& user, const string& list, unsigned scope) {
+    char path[PATH_MAX];
+    if (mail_list_get_path(user.c_str(), list.c_str(), path, sizeof path, scope) != 0) {
+        throw std::bad_alloc();
+    }
+    return path;
+}
+
+// Without the line ends at its end.
+string stripped(const char* line) {
+    string text(line);
+    while (text.ends_with('\n')) {
+        text.pop_back();
+        if (text.ends_with('\r')) text.pop_back();
+    }
+    return text;
+}
+
+// The library says only that it failed. A directory that is missing must be made by somebody.
+Failure list_failure(const string& path, int error) {
+    if (error != ENOENT) return system_failure(printable(path), error);
+    return {kExitCannotCreate, printable(path) + ": there is no such directory"};
+}
+
+bool last_line_is_open(const string& path) {
+    const Fd fd(retry([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC); }));
+    const off_t end = fd ? ::lseek(fd.get(), 0, SEEK_END) : 0;
+    char last = '\n';
+    return end > 0 && retry([&] { return ::pread(fd.get(), &last, 1, end - 1); }) == 1 &&
+           last != '\n';
+}
+
+}  // namespace
+
+const char* against_entry(std::string_view entry) {
+    if (entry.empty()) return "it is empty";
+    if (entry.size() > kLongestEntry) return "it is longer than 254 bytes";
+    if (has_control_character(entry)) return "it holds a control character";
+    return nullptr;
+}
+
+AddressList::AddressList(string user, string list, unsigned scope)
+    : user_(std::move(user)),
+      list_(std::move(list)),
+      scope_(scope),
+      path_(path_of(user_, list_, scope_)) {}
+
+std::vector<string> AddressList::lines() const {
+    demand();
+    using Stream = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+    const Stream stream(std::fopen(path_.c_str(), "re"), std::fclose);
+    if (!stream) throw system_failure(printable(path_));
+    std::vector<string> lines;
+    char line[kLineBuffer];
+    while (std::fgets(line, sizeof line, stream.get()) != nullptr) lines.push_back(stripped(line));
+    if (std::ferror(stream.get()) != 0) throw system_failure(printable(path_));
+    return lines;
+}
+
+std::vector<string> AddressList::sorted() const {
+    demand();
+    mail_list_names names;
+    if (mail_list_get_names(user_.c_str(), list_.c_str(), &names, 1, scope_) != 0) {
+        throw system_failure(printable(path_));
+    }
+    const std::unique_ptr<mail_list_names, void (*)(mail_list_names*)> owner(&names,
+                                                                             mail_list_free_names);
+    return {names.names, names.names + names.count};
+}
+
+bool AddressList::contains(const string& entry) const {
+    return mail_list_find(user_.c_str(), list_.c_str(), entry.c_str(), scope_) == 1;
+}
+
+bool AddressList::matches(const string& address) const {
+    return mail_list_match(user_.c_str(), list_.c_str(), address.c_str(), scope_) == 1;
+}
+
+AddressList::Added AddressList::add(const string& entry) const {
+    constexpr int kFull = -2;
+    if (contains(entry)) return Added::present;
+    end_last_line(entry);
+    errno = 0;
+    const int answer = mail_list_add_to(user_.c_str(), list_.c_str(), entry.c_str(), scope_);
+    if (answer == kFull) return Added::full;
+    if (answer != 0) throw list_failure(path_, errno);
+    // Success is also the answer to a failed write.
+    if (!contains(entry)) throw Failure(kExitTryAgain, printable(path_) + " could not be written");
+    return Added::added;
+}
+
+bool AddressList::remove(const string& entry) const {
+    demand();
+    const bool was_there = contains(entry);
+    errno = 0;
+    rewritten(mail_list_delete_from(user_.c_str(), list_.c_str(), entry.c_str(), scope_));
+    return was_there;
+}
+
+void AddressList::replace(unsigned line, string entry) const {
+    const std::size_t count = lines().size();
+    if (line == 0 || line > count) {
+        throw Failure(kExitData, printable(path_) + " has " + std::to_string(count) +
+                                     " lines, no line " + std::to_string(line));
+    }
+    errno = 0;
+    rewritten(mail_list_modify_from(user_.c_str(), list_.c_str(), entry.data(), line, scope_));
+}
+
+void AddressList::demand() const {
+    if (::access(path_.c_str(), F_OK) == 0) return;
+    if (errno != ENOENT && errno != ENOTDIR) throw system_failure(printable(path_));
+    throw Failure(kExitNoInput, "there is no list " + printable(path_));
+}
+
+// A new entry would become part of a last line without an end. Any rewrite ends it: this one takes
+// out an entry that is not there.
+void AddressList::end_last_line(const string& entry) const {
+    if (!last_line_is_open(path_)) return;
+    errno = 0;
+    rewritten(mail_list_delete_from(user_.c_str(), list_.c_str(), entry.c_str(), scope_));
+}
+
+void AddressList::rewritten(int answer) const {
+    if (answer != 0) throw list_failure(path_, errno);
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,161 @@
+#include "tools/work/delivery.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string_view>
+
+#include "tools/cli/address.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/work/records.h"
+#include "tools/work/spool_file.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+constexpr std::size_t kPiece = 65536;
+constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+void write_all(int fd, std::string_view rest) {
+    while (!rest.empty()) {
+        const ssize_t n = retry([&] { return ::write(fd, rest.data(), rest.size()); });
+        if (n < 0) throw system_failure("writing below tmp");
+        rest.remove_prefix(static_cast<std::size_t>(n));
+    }
+}
+
+// The next piece of the input; 0 at its end.
+std::size_t read_piece(const Input& input, char* piece, const SignalHold& signals) {
+    for (;;) {
+        signals.wait_readable(input.fd);
+        const ssize_t n = read_some(input, piece, kPiece);
+        if (n >= 0) return static_cast<std::size_t>(n);
+    }
+}
+
+unsigned long long copy(const Input& input, int to, const SignalHold& signals) {
+    char piece[kPiece];
+    unsigned long long size = 0;
+    while (const std::size_t n = read_piece(input, piece, signals)) {
+        write_all(to, {piece, n});
+        size += n;
+    }
+    return size;
+}
+
+}  // namespace
+
+string choose_folder(const TSMailUserId& id, const std::optional<string>& option, bool may_make) {
+    const string inbox = system_folders().front();
+    const string wanted = option.value_or(is_folder_name(id.tag()) ? id.tag() : inbox);
+    const bool usable = may_make || tsl_is_mail_folder(id.mailfolder(wanted).c_str(), nullptr) != 0;
+    return usable ? wanted : inbox;
+}
+
+// A message on its way, in the folder where it was written.
+class Delivery::Draft {
+  public:
+    Draft(Place place, const string& queue_id)
+        : place_(std::move(place)), file_(place_.tmp.get(), queue_id) {}
+
+    const Place& place() const { return place_; }
+    SpoolFile& file() { return file_; }
+    unsigned long long size() const { return size_; }
+
+    void write(const Input& input, const SignalHold& signals) {
+        size_ = copy(input, file_.fd(), signals);
+        if (retry([&] { return ::fsync(file_.fd()); }) != 0) {
+            throw system_failure("writing below tmp");
+        }
+    }
+    // What was written, to read it again.
+    Input written() const {
+        if (::lseek(file_.fd(), 0, SEEK_SET) != 0) throw system_failure("reading below tmp");
+        return {Fd(), file_.fd(), "the message below tmp"};
+    }
+
+  private:
+    Place place_;
+    SpoolFile file_;
+    unsigned long long size_ = 0;
+};
+
+bool Delivery::find_place(Place& place) const {
+    const string path = id_.mailfolder(folder_);
+    place.folder.reset(retry([&] { return ::open(path.c_str(), kDirectory); }));
+    const int folder = place.folder.get();
+    // Without all three it is no folder, and nobody would find the message.
+    for (const char* part : {"cur", "new"}) {
+        if (folder < 0 || ::faccessat(folder, part, F_OK, 0) != 0) return false;
+    }
+    place.tmp.reset(retry([&] { return ::openat(folder, "tmp", kDirectory); }));
+    return static_cast<bool>(place.tmp);
+}
+
+Delivery::Place Delivery::open_place() {
+    constexpr int kAttempts = 10;  // what was just made may be taken away again
+    Place place;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (find_place(place)) return place;
+        if (errno != ENOENT) break;
+        demand_mailbox(id_);
+        if (!may_make_) folder_ = system_folders().front();
+        maker_.make_folder(id_, folder_);  // or finds that somebody else just did
+        errno = ENOENT;
+    }
+    throw system_failure(printable(id_.mailfolder(folder_)));
+}
+
+// False if the folder is not the one that was opened any more. One that was removed meanwhile has
+// another name now; nobody would find the message there.
+bool Delivery::lock_place(const Place& place, const SignalHold& signals, FolderLock& lock) const {
+    const auto pause = [&](int milliseconds) { signals.wait_milliseconds(milliseconds); };
+    if (lock.lock(id_, folder_, LockKind::shared, pause)) {
+        return identity_of(lock.fd()) == identity_of(place.folder.get());
+    }
+    if (errno == ENOENT) return false;
+    throw system_failure(printable(id_.mailfolder(folder_)));
+}
+
+Delivered Delivery::deliver(const Input& input, const string& queue_id, const SignalHold& signals) {
+    auto draft = std::make_unique<Draft>(open_place(), queue_id);
+    draft->write(input, signals);
+    FolderLock lock;
+    while (!lock_place(draft->place(), signals, lock)) {
+        lock.unlock();
+        auto next = std::make_unique<Draft>(open_place(), queue_id);
+        next->write(draft->written(), signals);
+        draft = std::move(next);
+    }
+    signals.check();
+    return appear(*draft, lock);
+}
+
+Delivered Delivery::appear(Draft& draft, const FolderLock& lock) {
+    Delivered delivered;
+    delivered.folder = folder_;
+    delivered.size = draft.size();
+    delivered.path = id_.mailfolder(folder_).append("/new/");
+    delivered.path.reserve(delivered.path.size() + NAME_MAX);
+    const Fd fresh(retry([&] { return ::openat(lock.fd(), "new", kDirectory); }));
+    if (!fresh) throw system_failure(printable(delivered.path));
+    delivered.path += draft.file().appear(fresh.get(), delivered.size);
+    settle(fresh.get(), delivered);
+    return delivered;
+}
+
+void Delivery::settle(int fresh, Delivered& delivered) const noexcept {
+    const auto size = static_cast<long long>(delivered.size);
+    Shortfall& shortfall = delivered.shortfall;
+    shortfall.not_synced = retry([&] { return ::fsync(fresh); }) != 0;
+    shortfall.folder_not_counted = !add_to_folder_record(id_.mailfolder(folder_), size, 1);
+    shortfall.mailbox_not_counted = !add_to_mailbox_record(id_, size, 1);
+    if (shortfall.folder_not_counted || shortfall.mailbox_not_counted) mark_for_recount(id_);
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,122 @@
+#include "tools/work/folder.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <tessaly/support.h>
+#include <unistd.h>
+
+#include <utility>
+
+#include "tools/cli/descriptors.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+constexpr mode_t kSharedMode = 0777;
+
+class Umask {
+  public:
+    explicit Umask(mode_t mask) : before_(::umask(mask)) {}
+    Umask(const Umask&) = delete;
+    Umask& operator=(const Umask&) = delete;
+    ~Umask() { ::umask(before_); }
+
+  private:
+    mode_t before_;
+};
+
+bool exists(const string& path) { return ::access(path.c_str(), F_OK) == 0; }
+
+bool is_complete(const string& folder) {
+    return exists(folder + "/cur") && exists(folder + "/new") && exists(folder + "/tmp");
+}
+
+// Writes a directory's entries to the disk. Directories that may not be opened are left to their
+// owner.
+void sync_directory(const string& path) {
+    const Fd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (fd && ::fsync(fd.get()) != 0 && errno != EINVAL) throw system_failure(printable(path));
+}
+
+string parent_of(const string& path) { return path.substr(0, path.rfind('/')); }
+
+// The directory, and those above it up to the spool, which may be as new as it is.
+void sync_upwards(string path) {
+    constexpr std::string_view kSpool = "/var/spool";
+    for (; path.size() >= kSpool.size(); path = parent_of(path)) sync_directory(path);
+}
+
+// One folder; its parent exists or is made.
+void make_level(const string& folder) {
+    if (tsl_mkdir_maildir(folder.c_str()) == 0) return;
+    throw system_failure("making the folder " + printable(folder));
+}
+
+}  // namespace
+
+bool mailbox_exists(const TSMailUserId& id) {
+    const string path = id.mailpath();
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
+    if (errno == ENOENT || errno == ENOTDIR) return false;
+    throw system_failure(printable(path));
+}
+
+void demand_mailbox(const TSMailUserId& id) {
+    if (mailbox_exists(id)) return;
+    throw Failure(kExitNoUser, "there is no mailbox " + printable(id.address(true)));
+}
+
+string existing_folder(const TSMailUserId& id, const string& name) {
+    string path = id.mailfolder(name);
+    if (tsl_is_mail_folder(path.c_str(), nullptr) != 0) return path;
+    throw Failure(kExitNoInput, "there is no folder \"" + printable(name) + '"');
+}
+
+// The library would make the directories above a home private too, and they hold other users'
+// homes.
+bool FolderMaker::make_roots(const TSMailUserId& id) const {
+    const Umask mask(umask_);
+    const string shared = id.fname(MUF_HOME_PARENT);
+    if (create_path(shared.c_str(), kSharedMode) != 0) throw system_failure(printable(shared));
+    const string address = id.address();
+    bool missing = false;
+    for (const auto& [path, make] :
+         {std::pair{id.mailpath(), &create_mail_dir}, std::pair{id.prefpath(), &create_pref_dir}}) {
+        if (exists(path)) continue;
+        missing = true;
+        if (make(address.c_str(), 1) != 0) throw system_failure("making " + printable(path));
+        sync_upwards(path);
+    }
+    return missing;
+}
+
+bool FolderMaker::make_folder(const TSMailUserId& id, const string& name) const {
+    const Umask mask(umask_);
+    bool missing = false;
+    for (std::size_t end = 0; end != string::npos;) {
+        end = name.find('/', end + 1);
+        const string path = id.mailfolder(name.substr(0, end));
+        if (is_complete(path)) continue;
+        missing = true;
+        make_level(path);
+        sync_upwards(path);
+    }
+    return missing;
+}
+
+void FolderMaker::make_mailbox(const TSMailUserId& id) const {
+    make_roots(id);
+    for (const string& name : system_folders()) make_folder(id, name);
+}
+
+std::vector<string> system_folders() {
+    return {tsl_sys_folders, tsl_sys_folders + tsl_sys_folders_count};
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,240 @@
+#include "tools/work/quota.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <sys/wait.h>
+#include <tessaly/support.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+
+#include "tools/cli/descriptors.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+constexpr char kSubmissionProgram[] = "/bin/sendmail";
+constexpr std::time_t kNoticeInterval = 86401;  // seconds
+constexpr std::size_t kLongestBody = 1 << 20;
+constexpr char kSpool[] = "/var/spool";
+constexpr int kArchiveTable = 670;
+constexpr std::ptrdiff_t kAccountName = 4, kAccountQuota = 640;  // bytes into a row
+constexpr std::uint64_t kGibibyte = std::uint64_t{1} << 30;
+constexpr std::int64_t kArchivePart = 5;
+// Exit codes that mail programs agree on.
+constexpr int kFirstAgreed = 64, kLastAgreed = 78;
+constexpr int kNotFoundByShell = 127, kShellsSignals = 128;
+
+struct FlagRow {
+    MailUserFileKind file;
+    int (*get)(const char* user);
+    void (*set)(const char* user, int value);
+};
+constexpr FlagRow kFlags[] = {
+    /* kWarningFlag */ {MUF_QUOTA_WARNING_FLAG, tsl_get_quota_warning, tsl_set_quota_warning},
+    /* kExceededFlag */ {MUF_QUOTA_EXCEEDED_FLAG, tsl_get_quota_exceeded, tsl_set_quota_exceeded},
+};
+
+std::optional<struct stat> status_of(const string& path) {
+    struct stat st;
+    if (::stat(path.c_str(), &st) == 0) return st;
+    if (errno == ENOENT) return std::nullopt;
+    throw system_failure(printable(path));
+}
+
+string dirty_marker(const TSMailUserId& id) { return id.mailpath() + "/.maildirsize.dirty"; }
+
+FlagState flag_state(const TSMailUserId& id, QuotaFlag flag) {
+    const FlagRow& row = kFlags[flag];
+    return {status_of(id.fname(row.file)).has_value(), row.get(id.address().c_str())};
+}
+
+std::optional<KeptTotals> kept_totals(const TSMailUserId& id) {
+    unsigned long long bytes = 0, messages = 0;
+    if (tsl_get_maildirsize(nullptr, id.mailpath().c_str(), &bytes, &messages) != 0) return {};
+    return KeptTotals{bytes, messages};
+}
+
+// Why a file that should have been written was not: the library does not say.
+Failure not_written(const string& path) {
+    const string directory = path.substr(0, path.rfind('/'));
+    const bool exists = ::euidaccess(path.c_str(), F_OK) == 0;
+    const int refused =
+        exists ? ::euidaccess(path.c_str(), W_OK) : ::euidaccess(directory.c_str(), W_OK | X_OK);
+    if (refused != 0) return system_failure(printable(path));
+    return {kExitIo, printable(path) + " could not be written"};
+}
+
+void check_header(std::string_view name, std::string_view text) {
+    if (!has_control_character(text)) return;
+    throw Failure(kExitData, string(name) + " \"" + printable(text) +
+                                 "\" is refused: a line break or other control character in it");
+}
+
+// A recipient that is one word without a meaning in headers is one recipient.
+void check_recipient(const string& address) {
+    if (address.find_first_of(" ,;:<>()[]\\\"") == string::npos) return;
+    throw Failure(kExitData, "no notice can be addressed to \"" + printable(address) +
+                                 "\": in a message's header it would not be one address");
+}
+
+void check_body(std::string_view body) {
+    if (body.find('\0') != std::string_view::npos) {
+        throw Failure(kExitData, "the notice's text is refused: a NUL byte in it");
+    }
+    for (std::size_t begin = 0, end = 0; end != std::string_view::npos; begin = end + 1) {
+        end = body.find('\n', begin);
+        const std::string_view line = body.substr(begin, end - begin);
+        if (line != "." && line != ".\r") continue;
+        throw Failure(kExitData, "the notice's text is refused: a line \".\" would end it");
+    }
+}
+
+string read_to_end(int fd, const string& name) {
+    string text;
+    char piece[8192];
+    for (;;) {
+        const ssize_t n = retry([&] { return ::read(fd, piece, sizeof piece); });
+        if (n < 0) throw Failure(kExitNoInput, printable(name) + ": " + error_text(errno));
+        if (n == 0) return text;
+        text.append(piece, static_cast<std::size_t>(n));
+        if (text.size() > kLongestBody) {
+            throw Failure(kExitData, printable(name) + " is too long for a notice");
+        }
+    }
+}
+
+// The signal that ended the program, told by the system or by the shell in between; 0: none.
+int signal_of(int status) {
+    if (WIFSIGNALED(status)) return WTERMSIG(status);
+    return std::max(WEXITSTATUS(status) - kShellsSignals, 0);
+}
+
+Failure submission_failure(int status) {
+    const string program = kSubmissionProgram;
+    if (status == -1) return {kExitIo, program + ": its answer was lost: " + error_text(errno)};
+    if (const int signal = signal_of(status)) {
+        return {kExitTryAgain, program + " was ended by signal " + std::to_string(signal)};
+    }
+    const int code = WEXITSTATUS(status);
+    if (code == kNotFoundByShell) return {kExitUnavailable, program + " could not be started"};
+    const bool agreed = code >= kFirstAgreed && code <= kLastAgreed;
+    return {agreed ? static_cast<ExitCode>(code) : kExitUnavailable,
+            program + " refused the notice with exit code " + std::to_string(code)};
+}
+
+ArchiveAccount account_of(const void* row, const std::optional<string>& exclude) {
+    const char* bytes = static_cast<const char*>(row);
+    std::uint16_t quota = 0;
+    std::memcpy(&quota, bytes + kAccountQuota, sizeof quota);
+    const char* name = bytes + kAccountName;
+    return {name, quota, !exclude || *exclude != name};
+}
+
+std::vector<ArchiveAccount> archive_accounts(const std::optional<string>& exclude) {
+    std::vector<ArchiveAccount> accounts;
+    for (const void* row = kqf_query_table_head(nCfg_query(kArchiveTable)); row != nullptr;
+         row = kqf_query_get_next(nCfg_query(kArchiveTable))) {
+        accounts.push_back(account_of(row, exclude));
+    }
+    return accounts;
+}
+
+}  // namespace
+
+QuotaState quota_state(const TSMailUserId& id) {
+    QuotaState state = {};
+    state.warning = flag_state(id, kWarningFlag);
+    state.exceeded = flag_state(id, kExceededFlag);
+    state.kept = kept_totals(id);
+    // After the totals: who finds them damaged marks them.
+    state.dirty = status_of(dirty_marker(id)).has_value();
+    const std::optional<struct stat> stamp = status_of(id.fname(MUF_ALERT_NOTIFICATION));
+    if (stamp) state.last_notice = stamp->st_mtim.tv_sec;
+    state.notice_due = !stamp || std::time(nullptr) - stamp->st_mtim.tv_sec >= kNoticeInterval;
+    return state;
+}
+
+void set_quota_flag(const TSMailUserId& id, QuotaFlag flag, int value) {
+    kFlags[flag].set(id.address().c_str(), value);
+    const FlagState state = flag_state(id, flag);
+    if (!state.set || state.value != value) throw not_written(id.fname(kFlags[flag].file));
+}
+
+void clear_quota_flag(const TSMailUserId& id, QuotaFlag flag) {
+    const MailUserFileKind file = kFlags[flag].file;
+    if (tsl_delete_user_file(file, id.address().c_str()) != 0) {
+        throw system_failure(printable(id.fname(file)));
+    }
+    if (flag_state(id, flag).set) {
+        throw Failure(kExitIo, printable(id.fname(file)) + " could not be removed");
+    }
+}
+
+void mark_totals_untrusted(const TSMailUserId& id) {
+    id.quota_reset();
+    if (!status_of(dirty_marker(id))) throw not_written(dirty_marker(id));
+}
+
+void check_notice(const Notice& notice) {
+    check_header("the subject", notice.subject);
+    if (notice.from) check_header("the sender", *notice.from);
+    check_header("the address", notice.to);
+    check_recipient(notice.to);
+    check_body(notice.body);
+}
+
+string read_notice_body(const string& file) {
+    const bool standard_input = file == "-";
+    const Fd opened(
+        standard_input ? -1 : retry([&] { return ::open(file.c_str(), O_RDONLY | O_CLOEXEC); }));
+    if (!standard_input && !opened) {
+        throw Failure(kExitNoInput, printable(file) + ": " + error_text(errno));
+    }
+    string body = read_to_end(standard_input ? STDIN_FILENO : opened.get(), file);
+    if (body.ends_with('\n')) body.pop_back();
+    return body;
+}
+
+Guard pass_notice_guard(const TSMailUserId& id) {
+    const bool due = id.alert_notification();
+    return {due, !quota_state(id).notice_due};
+}
+
+void demand_submission_program() {
+    if (::euidaccess(kSubmissionProgram, X_OK) == 0) return;
+    throw Failure(kExitUnavailable, string(kSubmissionProgram) + ": " + error_text(errno));
+}
+
+void send_notice(const Notice& notice) {
+    // A caller that ignores its children would keep the program's answer from us.
+    std::signal(SIGCHLD, SIG_DFL);
+    const int status =
+        tsl_send_quota_msg(notice.from ? notice.from->c_str() : nullptr, notice.to.c_str(),
+                           notice.subject.c_str(), notice.body.c_str());
+    if (status != 0) throw submission_failure(status);
+}
+
+ArchiveShare archive_share(const std::optional<string>& exclude) {
+    struct statvfs fs;
+    if (retry([&] { return ::statvfs(kSpool, &fs); }) != 0) throw system_failure(kSpool);
+    ArchiveShare result = {};
+    const std::uint64_t bytes = std::uint64_t{fs.f_blocks} * fs.f_frsize;
+    result.share = static_cast<std::int64_t>(bytes / kGibibyte) / kArchivePart;
+    result.accounts = archive_accounts(exclude);
+    for (const ArchiveAccount& account : result.accounts) {
+        if (account.counts) result.given += account.quota;
+    }
+    result.free = tsm_archive_avail_quota(exclude ? exclude->c_str() : nullptr);
+    return result;
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,23 @@
+// Adding to the size records of folders and mailboxes, and noticing when that failed.
+#ifndef TSMAIL_TOOLS_WORK_RECORDS_H
+#define TSMAIL_TOOLS_WORK_RECORDS_H
+
+#include <string>
+
+#include <tessaly/MailUserId.h>
+
+namespace Tessaly::tool {
+
+// Add `size` bytes in `count` messages to a folder's or a mailbox's record. False if the record was
+// not written. (The library's appends always answer 0; seen is whether the file changed meanwhile,
+// so that a failure here beside another process's success at the same moment is missed.)
+bool add_to_folder_record(const std::string& folder, long long size, long long count) noexcept;
+bool add_to_mailbox_record(const TSMailUserId& id, long long size, long long count) noexcept;
+
+// Says in the mailbox that its records are not to be trusted until somebody recounts; as far as it
+// can be said.
+void mark_for_recount(const TSMailUserId& id) noexcept;
+
+}  // namespace Tessaly::tool
+
+#endif

@@ -1,0 +1,157 @@
+#include "tools/work/recount.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/work/folder_list.h"
+#include "tools/work/mailbox_lock.h"
+#include "tools/work/scan.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+bool has_other_folders(const TSMailUserId& id, const LockedFolders& folders) {
+    const FolderList list = list_folders(id);
+    return !list.unread.empty() ||
+           !std::equal(folders.begin(), folders.end(), list.names.begin(), list.names.end(),
+                       [](const LockedFolder& a, const string& b) { return a.name == b; });
+}
+
+// The mark that the records are not to be trusted, .maildirsize.dirty. It stands while they are
+// rewritten, and goes at the end unless somebody set it again: what they saw may be newer than what
+// was counted. Seen is that by the mark's time; a mark so young that another one could have the
+// same time is made older first.
+class Mark {
+  public:
+    explicit Mark(const TSMailUserId& id) : path_(id.mailpath().append("/.maildirsize.dirty")) {
+        if ((ours_ = time())) make_old();
+        found_ = ours_.has_value();
+    }
+    bool found() const { return found_; }
+
+    // Sets the mark, if it is not set. A Failure if it cannot be.
+    void set() {
+        if (is_set_) return;
+        is_set_ = true;
+        if (found_) return;
+        const Fd fd(retry([&] {
+            return ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY, 0666);
+        }));
+        if (fd) return make_old();
+        if (errno != EEXIST) throw system_failure(printable(path_));
+    }
+
+    // Whether no mark stays.
+    bool remove() {
+        const auto now = time();
+        if (!now) return true;
+        if (!ours_ || now->tv_sec != ours_->tv_sec || now->tv_nsec != ours_->tv_nsec) return false;
+        return ::unlink(path_.c_str()) == 0 || errno == ENOENT;
+    }
+
+  private:
+    std::optional<timespec> time() const {
+        struct stat st;
+        if (::stat(path_.c_str(), &st) != 0) return std::nullopt;
+        return st.st_mtim;
+    }
+    void make_old() {
+        constexpr time_t kOld = 1;  // seconds: more than a tick of any file system's clock
+        timespec now;
+        ::clock_gettime(CLOCK_REALTIME, &now);
+        if (!ours_ || ours_->tv_sec >= now.tv_sec - kOld) {
+            const timespec times[] = {{0, UTIME_OMIT}, {now.tv_sec - kOld, now.tv_nsec}};
+            ::utimensat(AT_FDCWD, path_.c_str(), times, 0);
+            ours_ = time();
+        }
+    }
+
+    string path_;
+    std::optional<timespec> ours_;
+    bool found_ = false;
+    bool is_set_ = false;
+};
+
+KeptTotal count(const LockedFolder& folder) {
+    const FolderCount count = count_folder(folder.lock.fd());
+    if (count.error != 0) throw system_failure(printable(folder.name), count.error);
+    return total_of(count);
+}
+
+void rewrite(SizeFile& file, const KeptTotal& total, Mark& mark) {
+    if (file.is_exactly(total)) return;
+    mark.set();
+    file.rewrite(total);
+}
+
+// Whoever appends to the record without the folder's lock has put the message there before, or
+// takes it away after. So what was appended before the record was locked is what is found (but for
+// a message that is about to go), and what is appended later comes on top.
+Recounted recount_folder(const TSMailUserId& id, const LockedFolder& folder, Mark& mark) {
+    const string path = folder_size_file(id.mailfolder(folder.name));
+    std::optional<KeptTotal> counted;
+    if (!folder.has_record) {
+        counted = count(folder);
+        // A folder that never had a message needs no record.
+        if (counted->messages == 0) return {folder.name, {}, {}};
+    }
+    SizeFile file(path, SizeFile::Kind::folder);
+    if (!counted || !file.empty()) counted = count(folder);
+    Recounted result = {folder.name, file.total(), *counted};
+    rewrite(file, *counted, mark);
+    return result;
+}
+
+using Done = std::function<void(std::size_t, std::size_t)>;
+
+// With all folders and the mailbox's record locked.
+MailboxRecount recount_locked(const TSMailUserId& id, const LockedFolders& folders, SizeFile& file,
+                              const Done& done) {
+    Mark mark(id);
+    MailboxRecount result;
+    result.was_marked = mark.found();
+    result.mailbox.before = file.total();
+    for (const LockedFolder& folder : folders) {
+        result.folders.push_back(recount_folder(id, folder, mark));
+        add(result.mailbox.after, result.folders.back().after);
+        if (done) done(result.folders.size(), folders.size());
+    }
+    rewrite(file, result.mailbox.after, mark);
+    result.is_marked = !mark.remove();
+    return result;
+}
+
+// Nothing, if the mailbox's folders changed meanwhile.
+//
+// Why the total is right: a delivery adds to the folder's record and to the mailbox's while it
+// holds the folder's lock. With all folders locked there is none half done, so the mailbox's total
+// is the sum of the folders, and what comes later comes on top. The one thing that could be missed
+// is a folder that was made after the folders were listed and got mail before the mailbox's record
+// was locked. That mail was added to the mailbox's record: so if the record is the one from before
+// the list, there is no such folder, and if it is not, the list is made again.
+std::optional<MailboxRecount> try_recount(const TSMailUserId& id, const Done& done) {
+    const string path = mailbox_size_file(id);
+    const FileStamp before = stamp_of(path);
+    const LockedFolders folders = lock_folders(id);
+    SizeFile file(path, SizeFile::Kind::mailbox);
+    if (!(file.stamp() == before) && has_other_folders(id, folders)) return std::nullopt;
+    return recount_locked(id, folders, file, done);
+}
+
+}  // namespace
+
+MailboxRecount recount(const TSMailUserId& id, const Done& done) {
+    for (;;) {
+        if (auto result = try_recount(id, done)) return *result;
+    }
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,51 @@
+// Reading folders: what is in one, and which ones a mailbox has.
+#ifndef TSMAIL_TOOLS_WORK_SCAN_H
+#define TSMAIL_TOOLS_WORK_SCAN_H
+
+#include <tessaly/MailUserId.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tools/work/size_file.h"
+
+namespace Tessaly::tool {
+
+struct FolderCount {
+    std::uint64_t messages = 0;  // in cur and new
+    std::uint64_t fresh = 0;     // of them in new
+    std::uint64_t bytes = 0;     // by their names, else by their files
+    int error = 0;               // of the first thing that could not be read
+};
+
+// Counts the messages of a folder, named relative to the open directory `at` (AT_FDCWD: to the
+// working directory). Messages are the files in cur and new whose names do not begin with '.'.
+FolderCount count_folder(int at, const char* name);
+// The same for a folder that is open.
+FolderCount count_folder(int folder);
+
+// The same as a size file has it: numbers end at the largest signed one.
+KeptTotal total_of(const FolderCount& count);
+
+struct FolderRow {
+    std::string name;  // relative to the mailbox, as "Work/2024"
+    FolderCount count;
+};
+
+// All folders of a mailbox, a folder before those below it. Moves the working directory meanwhile.
+std::vector<FolderRow> folders_of(const TSMailUserId& id);
+
+// One message of a folder.
+struct MessageRow {
+    std::string name;
+    bool is_new;          // in new, else in cur
+    bool has_size_field;  // in its name
+    std::uint64_t bytes;  // as above
+};
+// The messages of a folder in no order. What could not be read is left out, and `error` says why.
+std::vector<MessageRow> messages_of(const std::string& folder, int& error);
+
+}  // namespace Tessaly::tool
+
+#endif

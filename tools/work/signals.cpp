@@ -1,0 +1,39 @@
+#include "tools/work/signals.h"
+
+#include <poll.h>
+#include <sys/signalfd.h>
+
+#include <csignal>
+
+#include "tools/cli/failure.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+// Waits for an event on a descriptor (-1: for none) or a signal.
+void wait(int signals, int fd, int milliseconds) {
+    pollfd waited[] = {{signals, POLLIN, 0}, {fd, POLLIN, 0}};
+    const int ready = retry([&] { return ::poll(waited, 2, milliseconds); });
+    if (ready < 0) throw system_failure("poll");
+    if (waited[0].revents != 0) throw Failure(kExitTryAgain, "ended by a signal");
+}
+
+}  // namespace
+
+SignalHold::SignalHold() {
+    sigset_t held;
+    sigemptyset(&held);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&held, signal);
+    ::sigprocmask(SIG_BLOCK, &held, nullptr);
+    signals_.reset(::signalfd(-1, &held, SFD_CLOEXEC));
+    if (!signals_) throw system_failure("signalfd");
+}
+
+void SignalHold::wait_readable(int fd) const { wait(signals_.get(), fd, -1); }
+
+void SignalHold::wait_milliseconds(int milliseconds) const {
+    wait(signals_.get(), -1, milliseconds);
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,100 @@
+#include "tools/work/spool_file.h"
+
+#include <fcntl.h>
+#include <fmt/format.h>
+#include <sys/stat.h>
+#include <tessaly/mailstore.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <iterator>
+#include <utility>
+
+#include "tools/cli/failure.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+constexpr mode_t kMessageMode = 0600;
+// Names of one process differ by time and by one of a million numbers; that many in use by chance
+// means that something else is wrong.
+constexpr int kDraws = 100;
+constexpr char kOwnDescriptors[] = "/proc/self/fd";
+
+template <class... Errors>
+bool is_one_of(int error, Errors... errors) {
+    return ((error == errors) || ...);
+}
+
+}  // namespace
+
+SpoolFile::SpoolFile(int tmp, string queue_id) : tmp_(tmp), queue_id_(std::move(queue_id)) {
+    if (!open_unnamed()) open_named();
+}
+
+SpoolFile::~SpoolFile() {
+    if (!name_.empty()) ::unlinkat(tmp_, name_.c_str(), 0);
+}
+
+// False if the file system has no files without a name, or there would be no way to give it one.
+bool SpoolFile::open_unnamed() {
+    if (::access(kOwnDescriptors, X_OK) != 0) return false;
+    fd_.reset(
+        retry([&] { return ::openat(tmp_, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, kMessageMode); }));
+    if (fd_) return true;
+    if (is_one_of(errno, EOPNOTSUPP, EISDIR, EINVAL, ENOSYS)) return false;
+    throw system_failure("writing below tmp");
+}
+
+void SpoolFile::open_named() {
+    for (int draw = 0; draw < kDraws; ++draw) {
+        name_ = draw_name(0);
+        fd_.reset(retry([&] {
+            return ::openat(tmp_, name_.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC,
+                            kMessageMode);
+        }));
+        if (fd_) return;
+        name_.clear();  // if there is one, it is another's
+        if (errno != EEXIST) break;
+    }
+    throw system_failure("writing below tmp");
+}
+
+string SpoolFile::draw_name(unsigned long long size) const {
+    char name[NAME_MAX + 1];
+    if (tsl_gen_mail_unique_name(size, queue_id_.c_str(), name, sizeof name) == nullptr) {
+        throw system_failure("drawing a message name", ENOMEM);
+    }
+    return name;
+}
+
+string SpoolFile::appear(int fresh, unsigned long long size) {
+    for (int draw = 0; draw < kDraws; ++draw) {
+        string name = draw_name(size);
+        if (name_.empty() ? give_name(fresh, name) : move_name(fresh, name)) return name;
+        if (errno != EEXIST) break;
+    }
+    throw system_failure("putting the message into new");
+}
+
+bool SpoolFile::give_name(int fresh, const string& name) {
+    const string path = fmt::format("{}/{}", kOwnDescriptors, fd_.get());
+    return ::linkat(AT_FDCWD, path.c_str(), fresh, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
+}
+
+// A move that replaces nothing; where there is none, a second name before the first one goes.
+bool SpoolFile::move_name(int fresh, const string& name) {
+    bool moved = rename_new(tmp_, name_.c_str(), fresh, name.c_str());
+    if (!moved && is_one_of(errno, EINVAL, ENOSYS, EOPNOTSUPP)) {
+        moved = ::linkat(tmp_, name_.c_str(), fresh, name.c_str(), 0) == 0;
+        if (moved) ::unlinkat(tmp_, name_.c_str(), 0);
+    }
+    if (moved) name_.clear();
+    return moved;
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,135 @@
+#include "tools/work/tag.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <climits>
+#include <optional>
+#include <string_view>
+
+#include "tools/cli/descriptors.h"
+#include "tools/cli/failure.h"
+#include "tools/cli/text.h"
+#include "tools/spool/mailboxes.h"
+#include "tools/work/folder.h"
+#include "tools/work/folder_lock.h"
+#include "tools/work/scan.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+using std::string_view;
+
+constexpr int kTagFirst = 4;  // a flag of the library's scan
+
+std::vector<MessageRow> all_messages_of(const string& folder) {
+    int error = 0;
+    std::vector<MessageRow> rows = messages_of(folder, error);
+    if (error != 0) throw system_failure(printable(folder), error);
+    return rows;
+}
+
+string path_of(const string& folder, const MessageRow& message) {
+    return in(in(folder, message.is_new ? "new" : "cur"), message.name);
+}
+
+// Whether the name has a size field, with or without a size in it.
+bool has_field(string_view name) {
+    const auto begin = name.find(",#F");
+    return begin != string_view::npos && name.find("#E", begin) != string_view::npos;
+}
+
+// The size of a message's file; nothing if it is gone meanwhile.
+std::optional<std::uint64_t> size_of_file(const string& path) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) == 0) return static_cast<std::uint64_t>(st.st_size);
+    if (errno == ENOENT) return std::nullopt;
+    throw system_failure(printable(path));
+}
+
+// The name with the number in its size field replaced; "" if there is no such name.
+string with_size(const string& name, std::uint64_t size) {
+    constexpr string_view kField = "#S#", kEnd = "#E";
+    const auto field = name.rfind(kField);
+    if (field == string::npos) return "";
+    const auto number = field + kField.size();
+    const auto end = name.find_first_not_of("0123456789", number);
+    if (end == string::npos || !string_view(name).substr(end).starts_with(kEnd)) return "";
+    string right = name.substr(0, number) + std::to_string(size) + name.substr(end);
+    if (right.size() > NAME_MAX) return "";
+    // The number that counts may be another one, behind a "#S" that is written otherwise.
+    const long long read = get_maildir_msg_len_from_name(right.c_str());
+    return read == static_cast<long long>(size) ? right : "";
+}
+
+// At once from name to name: there is no moment in which a message has none, or two.
+std::vector<NotRenamed> rename_to_right(const std::vector<WrongSize>& messages) {
+    std::vector<NotRenamed> left;
+    for (const WrongSize& message : messages) {
+        const char *from = message.path.c_str(), *to = message.right_path.c_str();
+        if (*to == '\0' || rename_new(AT_FDCWD, from, AT_FDCWD, to)) continue;
+        left.push_back({message.path, errno});
+    }
+    return left;
+}
+
+bool is_gone(const NotRenamed& message) { return message.error == ENOENT; }
+
+}  // namespace
+
+Untagged untagged_in(const string& path) {
+    Untagged untagged;
+    for (const MessageRow& row : all_messages_of(path)) {
+        if (row.has_size_field) continue;
+        if (has_field(row.name)) {
+            untagged.stuck.push_back(path_of(path, row));
+        } else {
+            ++untagged.taggable;
+        }
+    }
+    std::sort(untagged.stuck.begin(), untagged.stuck.end());
+    return untagged;
+}
+
+Tagged tag_folder(const TSMailUserId& id, const string& folder) {
+    const string path = existing_folder(id, folder);
+    const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
+    const std::uint64_t before = untagged_in(path).all();
+    if (before == 0) return {};
+    for (const char* sub : {"cur", "new"}) tsl_get_dir_size(path.c_str(), sub, kTagFirst);
+    const std::uint64_t left = untagged_in(path).all();
+    // A message that somebody else brought meanwhile is none that was tagged.
+    return {before - std::min(before, left), left};
+}
+
+std::vector<WrongSize> wrong_sizes_in(const string& path) {
+    std::vector<WrongSize> wrong;
+    for (const MessageRow& row : all_messages_of(path)) {
+        if (!row.has_size_field) continue;
+        const string message = path_of(path, row);
+        const auto size = size_of_file(message);
+        if (!size || *size == row.bytes) continue;
+        const string right = with_size(row.name, *size);
+        const string right_path = message.substr(0, message.rfind('/') + 1) + right;
+        wrong.push_back({message, row.bytes, *size, right.empty() ? "" : right_path});
+    }
+    std::sort(wrong.begin(), wrong.end(),
+              [](const WrongSize& a, const WrongSize& b) { return a.path < b.path; });
+    return wrong;
+}
+
+std::vector<NotRenamed> correct_sizes(const TSMailUserId& id, const string& folder) {
+    const string path = existing_folder(id, folder);
+    const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
+    // A mail reader, which knows no lock, may have renamed a message meanwhile: it is met under its
+    // new name in the next round.
+    for (;;) {
+        std::vector<NotRenamed> left = rename_to_right(wrong_sizes_in(path));
+        if (std::none_of(left.begin(), left.end(), is_gone)) return left;
+    }
+}
+
+}  // namespace Tessaly::tool

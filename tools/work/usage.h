@@ -1,0 +1,40 @@
+// What is known of a mailbox at little cost, and what looking into its folders adds.
+#ifndef TSMAIL_TOOLS_WORK_USAGE_H
+#define TSMAIL_TOOLS_WORK_USAGE_H
+
+#include <tessaly/MailUserId.h>
+
+#include <ctime>
+#include <optional>
+
+#include "tools/work/size_file.h"
+
+namespace Tessaly::tool {
+
+// What the folders hold.
+struct Verified {
+    KeptTotal actual;
+    std::time_t newest = 0;  // when the newest message was created, by its name; 0 if none says
+};
+
+struct MailboxUsage {
+    TSMailUserId id;
+    KeptTotal kept;
+    std::time_t changed;  // when the size file was last written: by a delivery, a removal or a
+                          // recount; 0 if there is none
+    bool dirty;           // marked for a recount
+    bool warning, exceeded;
+    std::optional<Verified> verified = std::nullopt;
+
+    bool agrees() const { return verified && verified->actual == kept; }
+};
+
+// Opens one file: the mailbox's size file.
+MailboxUsage usage_of(const TSMailUserId& id);
+
+// Counts the messages of all folders. A Failure if one cannot be read.
+Verified verify(const TSMailUserId& id);
+
+}  // namespace Tessaly::tool
+
+#endif
