@@ -1,7 +1,9 @@
-// Fd - the one owner of a file descriptor; retry - a system call again after an interruption.
+// Fd - the one owner of a file descriptor; off_standard - not one of the standard streams'; retry -
+// a system call again after an interruption.
 #ifndef TSMAIL_BASE_FD_H
 #define TSMAIL_BASE_FD_H
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -49,6 +51,13 @@ class Fd {
   private:
     int fd_ = -1;
 };
+
+// Moves a descriptor off the standard ones: in a process that has those closed, what it prints must
+// not end up in a mailbox's files.
+inline Fd off_standard(Fd fd) {
+    if (!fd || fd.get() > STDERR_FILENO) return fd;
+    return Fd(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+}
 
 }  // namespace Tessaly::base
 

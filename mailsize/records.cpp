@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "base/fd.h"
 #include "base/guard.h"
@@ -40,33 +41,39 @@ long long wrapping_sum(long long a, long long b) {
                                   static_cast<unsigned long long>(b));
 }
 
-off_t length_of(std::FILE* stream) {
+// A size file under its lock: the stream's descriptor appends.
+struct LockedFile {
+    const char* path;
+    int fd;
+    off_t length;  // -1 if unknown
+    bool identified;
+    dev_t device;
+    ino_t inode;
+};
+
+LockedFile look_at(const char* path, std::FILE* stream) {
     struct stat st;
-    if (::fstat(::fileno(stream), &st) == 0) return st.st_size;
+    if (::fstat(::fileno(stream), &st) == 0) {
+        return {path, ::fileno(stream), st.st_size, true, st.st_dev, st.st_ino};
+    }
     const off_t end = ::fseeko(stream, 0, SEEK_END) == 0 ? ::ftello(stream) : -1;
     ::fseeko(stream, 0, SEEK_SET);
-    return end;
+    return {path, ::fileno(stream), end, false, 0, 0};
 }
 
-// Takes a descriptor out of append mode, in which no byte but the last can be written, and puts it
-// back.
-class OutOfAppendMode {
-  public:
-    explicit OutOfAppendMode(int fd) : fd_(fd), flags_(::fcntl(fd, F_GETFL)) {
-        done_ = flags_ != -1 && ::fcntl(fd_, F_SETFL, flags_ & ~O_APPEND) == 0;
-    }
-    OutOfAppendMode(const OutOfAppendMode&) = delete;
-    OutOfAppendMode& operator=(const OutOfAppendMode&) = delete;
-    ~OutOfAppendMode() {
-        if (done_) ::fcntl(fd_, F_SETFL, flags_);
-    }
-    bool done() const { return done_; }
-
-  private:
-    int fd_;
-    int flags_;
-    bool done_;
-};
+// The same file once more, to write anywhere in it. Taking the first descriptor out of append mode
+// is not enough: file systems over a network append what is written through a descriptor that was
+// opened to append. Nothing if the path leads elsewhere by now.
+base::Fd open_to_overwrite(const LockedFile& file) {
+    constexpr int kFlags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    if (!file.identified) return {};
+    base::Fd fd =
+        base::off_standard(base::Fd(base::retry([&] { return ::open(file.path, kFlags); })));
+    struct stat st;
+    if (!fd || ::fstat(fd.get(), &st) != 0) return {};
+    const bool same = st.st_dev == file.device && st.st_ino == file.inode;
+    return same ? std::move(fd) : base::Fd();
+}
 
 // Puts `text`, which sums to the same as the whole file and the new record, in the place of the
 // file's text. Whenever the process is killed the file sums to the old or the new value: one write
@@ -74,30 +81,30 @@ class OutOfAppendMode {
 // front makes no record; the rest is cut off then. As the write ends before the last line it stays
 // within the first page of a file that has just outgrown it, and the kernel copies a page whole.
 // False if the old text stands.
-bool replace_text(int fd, string_view text, off_t last_line) {
+bool replace_text(const LockedFile& file, string_view text, off_t last_line) {
     const auto covered = static_cast<std::size_t>(last_line);
     std::string over(text);
     over.resize(std::max(text.size() + 1, covered), '\n');
     over.back() = '#';
     std::string old(over.size(), '\0');
-    const ssize_t old_length = base::pread_full(fd, old.data(), old.size(), 0);
+    const ssize_t old_length = base::pread_full(file.fd, old.data(), old.size(), 0);
     if (old_length < 0) return false;
     old.resize(static_cast<std::size_t>(old_length));
 
-    const OutOfAppendMode writable_anywhere(fd);
-    if (!writable_anywhere.done()) return false;
-    if (!base::pwrite_all(fd, over, 0)) {
-        base::pwrite_all(fd, old, 0);  // a part may have been written
+    const base::Fd fd = open_to_overwrite(file);
+    if (!fd) return false;
+    if (!base::pwrite_all(fd.get(), over, 0)) {
+        base::pwrite_all(fd.get(), old, 0);  // a part may have been written
         return false;
     }
-    base::retry([&] { return ::ftruncate(fd, static_cast<off_t>(text.size())); });
+    base::retry([&] { return ::ftruncate(fd.get(), static_cast<off_t>(text.size())); });
     return true;
 }
 
 // Replaces the file's records and the new one by their sum. False if the file is as it was: a
 // compaction that cannot be done is left to the next append.
-bool compact(int fd, Record sum, string_view header) {
-    PieceReader reader(fd, kRecordPiece);
+bool compact(const LockedFile& file, Record sum, string_view header) {
+    PieceReader reader(file.fd, kRecordPiece);
     for (string_view piece = reader.next(); !piece.empty(); piece = reader.next()) {
         const auto record = parse_record(piece);
         if (!record) continue;
@@ -106,17 +113,17 @@ bool compact(int fd, Record sum, string_view header) {
     }
     if (reader.failed()) return false;
     return base::no_throw(false, [&] {
-        return replace_text(fd, RecordText(sum, header).view(), reader.piece_offset());
+        return replace_text(file, RecordText(sum, header).view(), reader.piece_offset());
     });
 }
 
 int append_size_record(const char* path, const Record& record, Header header) {
     const base::LockedStream stream(path, "a+");
     if (!stream) return 0;
-    const off_t length = length_of(stream.get());
+    const LockedFile file = look_at(path, stream.get());
     const string_view first_line = header == Header::when_compacted ? kHeader : string_view();
-    if (length > kCompactAbove && compact(stream.fd(), record, first_line)) return 0;
-    write_whole(stream.fd(), RecordText(record).view(), length);
+    if (file.length > kCompactAbove && compact(file, record, first_line)) return 0;
+    write_whole(file.fd, RecordText(record).view(), file.length);
     return 0;
 }
 

@@ -12,6 +12,7 @@
 #include "base/fd.h"
 
 using Tessaly::base::Fd;
+using Tessaly::base::off_standard;
 using Tessaly::base::retry;
 
 namespace {
@@ -34,13 +35,6 @@ const LockMode* find_mode(const char* name) {
         if (std::strcmp(mode.name, name) == 0) return &mode;
     }
     return nullptr;
-}
-
-// Moves a descriptor off the standard ones: in a process that has those closed, what it prints must
-// not end up in a mailbox's files.
-Fd off_standard(Fd fd) {
-    if (!fd || fd.get() > STDERR_FILENO) return fd;
-    return Fd(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
 // The lock is waited for, the opening is not: a FIFO in the file's place would hold whoever comes.

@@ -93,14 +93,17 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         // The length by another way.
         Row{"FstatShort", "1 1\n", "?fstat,?newfstatat:error=EIO", "1 1\n7 2\n"},
-        Row{"FstatLong", long_file(), "?fstat,?newfstatat:error=EIO", kCompacted},
+        // But which file it is remains unknown: no compaction.
+        Row{"FstatLong", long_file(), "?fstat,?newfstatat:error=EIO", long_file() + kPlain},
+        Row{"SecondFstat", long_file(), "?fstat,?newfstatat:error=EIO:when=2",
+            long_file() + kPlain},
         Row{"LengthUnknown", long_file(), "?fstat,?newfstatat:error=EIO;lseek:error=EIO",
             long_file() + kPlain},
         // No compaction, but the record.
         Row{"ReadFails", long_file(), "pread64:error=EIO", long_file() + kPlain},
         Row{"SecondReadFails", long_file(), "pread64:error=EIO:when=2", long_file() + kPlain},
         Row{"ReadOfOldTextFails", long_file(), "pread64:error=EIO:when=3+", long_file() + kPlain},
-        Row{"FlagsUnknown", long_file(), "fcntl:error=EINVAL:when=2+", long_file() + kPlain},
+        Row{"SecondOpenFails", long_file(), "openat:error=EMFILE:when=2", long_file() + kPlain},
         Row{"PwriteFails", long_file(), "pwrite64:error=EIO", long_file() + kPlain},
         Row{"DiskFull", long_file(), "pwrite64:error=ENOSPC", long_file() + kPlain},
         // Interruptions.

@@ -9,10 +9,10 @@ import time
 import unittest
 
 from tools import toolkit
-from tools.toolkit import (SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content, environment,
-                           folder_record, held_by_folders, is_marked, mail, mailbox_record,
-                           messages, numbered, own_by_nobody, record, snapshot, traced, tsmail,
-                           wait_until, write)
+from tools.toolkit import (BUILD, SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content,
+                           environment, folder_record, held_by_folders, is_marked, mail,
+                           mailbox_record, messages, numbered, own_by_nobody, record, snapshot,
+                           traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOTAL = mail(ANN) + "/.maildirsize"
@@ -240,6 +240,22 @@ class RecountTest(RecountCase):
         self.assertEqual((process.returncode, err), (0, b""), out)
         self.assertEqual([mailbox_record(user) for user in (ANN, BERT)], [(123, 3), (0, 0)])
         self.assertIn(BERT.encode(), out)
+
+
+class AppendingTest(RecountCase):
+    """Where a descriptor that was opened to append cannot do anything else, as on file systems
+    over a network."""
+
+    def test_records_are_written_anew_from_their_beginning(self):
+        library = f"{BUILD}/tests/mailsize/sticky_append.so"
+        self.assertTrue(os.path.exists(library))
+        preloaded = environment(ASAN_OPTIONS="verify_asan_link_order=0", LD_PRELOAD=library)
+        for text in ("7 7\n", "100 1\n" * 900):
+            for path in (TOTAL, self.size_file("Inbox")):
+                write(path, text)
+            self.succeed("recount", ANN, env=preloaded)
+            self.assertEqual(content(TOTAL), b"0S, 0C\n123 3\n")
+            self.assertEqual(content(self.size_file("Inbox")), b"100 1\n")
 
 
 class MeanwhileTest(RecountCase):

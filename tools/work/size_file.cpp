@@ -79,14 +79,25 @@ FileStamp stamp_of(const struct stat& st) {
     return st.st_size == 0 ? FileStamp() : FileStamp{st.st_size, st.st_mtim};
 }
 
+// The file of a descriptor that appends once more, to write anywhere in it. Taking the first one
+// out of append mode is not enough: file systems over a network append what is written through a
+// descriptor that was opened to append. Nothing, with errno, if the path leads elsewhere by now.
+Fd open_to_overwrite(const string& path, int appending) {
+    constexpr int kFlags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    Fd fd(retry([&] { return ::open(path.c_str(), kFlags); }));
+    struct stat locked, opened;
+    if (!fd || ::fstat(appending, &locked) != 0 || ::fstat(fd.get(), &opened) != 0) return {};
+    if (locked.st_dev == opened.st_dev && locked.st_ino == opened.st_ino) return fd;
+    errno = ESTALE;
+    return {};
+}
+
 // Puts `text` in the place of `old`. One write covers all of the old text, the rest of it with line
 // ends, which are cut off then: a process that is killed leaves a file of the old or the new total,
 // if the old one was no longer than a page, which the kernel copies whole. (A longer one is the
 // marker's business, which the caller sets before.) Bytes that are there already need no room on
 // the disk.
 bool replace(int fd, const string& old, const string& text) {
-    // In append mode, the only one that is set, every write goes to the end.
-    if (::fcntl(fd, F_SETFL, 0) != 0) return false;
     string over = text;
     over.resize(std::max(over.size(), old.size()), '\n');
     if (!write_all(fd, over)) {
@@ -150,7 +161,8 @@ string SizeFile::text_of(const KeptTotal& total) const {
 
 void SizeFile::rewrite(const KeptTotal& total) {
     const string text = text_of(total);
-    if (!replace(::fileno(stream_.get()), text_, text)) throw system_failure(printable(path_));
+    const Fd fd = open_to_overwrite(path_, ::fileno(stream_.get()));
+    if (!fd || !replace(fd.get(), text_, text)) throw system_failure(printable(path_));
     text_ = text;
 }
 
