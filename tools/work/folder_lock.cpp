@@ -3,9 +3,12 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
+#include <iterator>
 #include <thread>
 
 #include "tools/cli/failure.h"
@@ -19,6 +22,36 @@ using std::string;
 
 constexpr int kShortestPause = 1, kLongestPause = 20;  // milliseconds
 constexpr int kToRead = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+// Readable and writable: what becomes a lock of bytes on a server wants both.
+constexpr int kToLock = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
+constexpr mode_t kSharedMode = 0666;
+
+constexpr char kLockFile[] = ".ts_folder_lock";
+constexpr char kGateFile[] = ".ts_folder_gate";
+
+// File systems that other machines may have, too. On most of them a lock on a directory keeps out
+// nobody on another machine, while one on a file does.
+constexpr std::uint32_t kNetworked[] = {
+    0x65735546,  // FUSE
+    0x00006969,  // NFS
+    0x00c36400,  // Ceph
+    0x01161970,  // GFS2
+    0x7461636f,  // OCFS2
+    0x0bd00bd0,  // Lustre
+    0x47504653,  // GPFS
+    0x19830326,  // BeeGFS
+    0x5346414f,  // AFS
+    0xff534d42,  // CIFS
+    0xfe534d42,  // SMB 2
+    0x01021997,  // 9P
+};
+
+bool is_networked(int fd) {
+    struct statfs fs;
+    if (::fstatfs(fd, &fs) != 0) return false;
+    const auto type = static_cast<std::uint32_t>(fs.f_type);
+    return std::find(std::begin(kNetworked), std::end(kNetworked), type) != std::end(kNetworked);
+}
 
 // False if another has it.
 bool try_flock(int fd, int operation) {
@@ -27,12 +60,22 @@ bool try_flock(int fd, int operation) {
     return false;
 }
 
+// A file of the folder to take a lock on. Nothing if the folder has been removed.
+Fd open_lock_file(int folder, const char* name) {
+    Fd fd(retry([&] { return ::openat(folder, name, kToLock, kSharedMode); }));
+    if (!fd && errno != ENOENT && errno != ESTALE) throw system_failure("locking a folder");
+    return fd;
+}
+
 // Shared locks that follow on each other would keep out the one who waits for the exclusive lock
-// for ever, so there is a gate in front: a lock on the folder's tmp. It is held exclusively while
-// the exclusive lock is waited for, and shared for the moment in which a shared one is tried.
+// for ever, so there is a gate in front: a lock on the folder's tmp, or on a file. It is held
+// exclusively while the exclusive lock is waited for, and shared for the moment in which a shared
+// one is tried.
 class Gate {
   public:
-    explicit Gate(int folder) : fd_(retry([&] { return ::openat(folder, "tmp", kToRead); })) {}
+    Gate(int folder, bool networked)
+        : fd_(networked ? open_lock_file(folder, kGateFile)
+                        : Fd(retry([&] { return ::openat(folder, "tmp", kToRead); }))) {}
 
     // A folder without tmp has no gate, and no deliveries.
     bool pass() { return !fd_ || try_flock(fd_.get(), LOCK_SH); }
@@ -46,24 +89,30 @@ class Gate {
     bool closed_ = false;
 };
 
-bool try_shared(int folder, Gate& gate) {
+bool try_shared(int lock, Gate& gate) {
     if (!gate.pass()) return false;
-    const bool locked = try_flock(folder, LOCK_SH);
+    const bool locked = try_flock(lock, LOCK_SH);
     gate.leave();
     return locked;
 }
 
-bool try_exclusive(int folder, Gate& gate) { return gate.close() && try_flock(folder, LOCK_EX); }
+bool try_exclusive(int lock, Gate& gate) { return gate.close() && try_flock(lock, LOCK_EX); }
 
-void acquire(int folder, LockKind kind, const Pause& pause) {
+// `lock`: the folder itself or its file.
+void acquire(int folder, int lock, LockKind kind, const Pause& pause) {
     // Nobody needs the gate for a folder that is free.
-    if (kind == LockKind::exclusive && try_flock(folder, LOCK_EX)) return;
-    Gate gate(folder);
+    if (kind == LockKind::exclusive && try_flock(lock, LOCK_EX)) return;
+    Gate gate(folder, lock != folder);
     const auto attempt = kind == LockKind::shared ? try_shared : try_exclusive;
-    for (int milliseconds = kShortestPause; !attempt(folder, gate);) {
+    for (int milliseconds = kShortestPause; !attempt(lock, gate);) {
         pause(milliseconds);
         milliseconds = std::min(2 * milliseconds, kLongestPause);
     }
+}
+
+bool is_removed(int fd) {
+    struct stat st;
+    return ::fstat(fd, &st) != 0 || st.st_nlink == 0;
 }
 
 bool stands_at(const string& path, const Identity& identity) {
@@ -83,6 +132,24 @@ void sleep_milliseconds(int milliseconds) {
     std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
 }
 
+bool FolderLock::lies_on_network(const Level& level) const {
+    // Folders of one mailbox are asked once, unless it is spread over file systems.
+    const bool known = !levels_.empty() && levels_.back().identity.device == level.identity.device;
+    return known ? static_cast<bool>(levels_.back().lock) : is_networked(level.fd.get());
+}
+
+// Whether the lock that was waited for is that of the folder at the path.
+bool FolderLock::acquire_level(const string& path, Level& level, LockKind kind,
+                               const Pause& pause) const {
+    if (lies_on_network(level)) {
+        level.lock = open_lock_file(level.fd.get(), kLockFile);
+        if (!level.lock) return false;
+    }
+    const int lock = level.lock ? level.lock.get() : level.fd.get();
+    acquire(level.fd.get(), lock, kind, pause);
+    return stands_at(path, level.identity) && !(level.lock && is_removed(lock));
+}
+
 bool FolderLock::lock_level(const string& path, LockKind kind, const Pause& pause,
                             const Leave& leave) {
     for (;;) {
@@ -94,8 +161,7 @@ bool FolderLock::lock_level(const string& path, LockKind kind, const Pause& paus
             errno = EEXIST;
             return false;
         }
-        acquire(level.fd.get(), kind, pause);
-        if (!stands_at(path, level.identity)) continue;
+        if (!acquire_level(path, level, kind, pause)) continue;
         levels_.push_back(std::move(level));
         return true;
     }

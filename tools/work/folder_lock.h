@@ -34,6 +34,9 @@ enum class LockKind { shared, exclusive };
 // below it. All lock from the top down and, if several folders, in the order of the walk over them
 // (a folder before those below it), which leaves no way for two to wait for each other.
 //
+// On a file system that several machines may have, a file in the folder takes the directory's
+// place: a lock on a directory does not reach the other machine on most of them.
+//
 // Locks follow the directory, not its name. What is locked in the end is what stood at its path at
 // a moment when it was locked: a folder that was removed while it was waited for is passed over.
 class FolderLock {
@@ -54,9 +57,13 @@ class FolderLock {
   private:
     struct Level {
         Fd fd;
+        Fd lock;  // nothing where the directory itself is locked
         Identity identity;
     };
     using Leave = std::function<bool(const Identity&)>;
+    bool lies_on_network(const Level& level) const;
+    bool acquire_level(const std::string& path, Level& level, LockKind kind,
+                       const Pause& pause) const;
     bool lock_level(const std::string& path, LockKind kind, const Pause& pause, const Leave& leave);
 
     std::vector<Level> levels_;
