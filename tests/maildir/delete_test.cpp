@@ -367,6 +367,25 @@ TEST_F(Maildir, CleanOfOtherObjects) {
     EXPECT_EQ(list(dir_ / "plain"), (Names{"cur", "file"}));
 }
 
+// The folder is held open while its sub-directories are, so that a link that takes its place is not
+// followed.
+TEST_F(Maildir, NeedsTwoDescriptors) {
+    const std::string folder = dir_ / "f";
+    make_maildir(folder);
+    for (const rlim_t free : {1UL, 2UL}) {
+        write(folder + "/cur/message", "x");
+        testing_processes::Child child([&] {
+            const auto first_free = static_cast<rlim_t>(::dup(0));
+            ::close(static_cast<int>(first_free));
+            const rlimit limit = {first_free + free, first_free + free};
+            ::setrlimit(RLIMIT_NOFILE, &limit);
+            return tsm_clean_maildir(folder.c_str());
+        });
+        EXPECT_EQ(child.wait(), 0);
+        EXPECT_EQ(list(folder + "/cur").empty(), free == 2);
+    }
+}
+
 TEST_F(Maildir, CleanSaysNothingOfWhatStays) {
     ASSERT_EQ(::chmod(dir_.path().c_str(), 0777), 0);
     const int code = testing_processes::run_unprivileged([&] {

@@ -179,6 +179,42 @@ TEST_F(UserFile, Directories) {
     }
 }
 
+// A linked home or preference directory: the first relation is left, then the link goes, and with
+// it the way to everything else.
+TEST_F(UserFile, LinkedDirectories) {
+    const std::string elsewhere = "/var/spool/elsewhere";
+    for (const int kind : {MUF_HOMEPATH, MUF_PREFPATH}) {
+        SCOPED_TRACE(kind);
+        SetUp();
+        relate();
+        const std::string path = path_of(kind);
+        ASSERT_EQ(::rename(path.c_str(), elsewhere.c_str()), 0);
+        ASSERT_EQ(::symlink(elsewhere.c_str(), path.c_str()), 0);
+        write(elsewhere + "/kept", "x");
+        EXPECT_EQ(tsl_delete_user_file(kind, kAddress), 0);
+        EXPECT_FALSE(exists(path));
+        EXPECT_TRUE(left_by_bob_and_carl());
+        EXPECT_FALSE(left_by_dora());
+        EXPECT_TRUE(cleaned.empty());
+        EXPECT_TRUE(exists(elsewhere + "/kept"));
+        EXPECT_EQ(tsm_delete_path(elsewhere.c_str()), 0);
+    }
+}
+
+// A mail root and a local home are emptied where the link leads.
+TEST_F(UserFile, LinkedMailRoots) {
+    const std::string elsewhere = "/var/spool/elsewhere";
+    for (const int kind : {MUF_MAILPATH, MUF_LOCAL_HOMEPATH}) {
+        const std::string path = path_of(kind);
+        write(elsewhere + "/file", "x");
+        make_dirs(path.substr(0, path.rfind('/')));
+        ASSERT_EQ(::symlink(elsewhere.c_str(), path.c_str()), 0);
+        EXPECT_EQ(tsl_delete_user_file(kind, kAddress), 0);
+        EXPECT_TRUE(exists(path));
+        EXPECT_EQ(list(elsewhere), Names{});
+    }
+}
+
 TEST_F(UserFile, MissingDirectories) {
     for (const int kind : {4, 5, 11, 30}) EXPECT_EQ(tsl_delete_user_file(kind, kAddress), 0);
     EXPECT_TRUE(cleaned.empty());

@@ -7,6 +7,7 @@
 
 #include <climits>
 #include <csignal>
+#include <filesystem>
 
 #include "lists.h"
 #include "testing/files.h"
@@ -65,6 +66,9 @@ TEST(ModifyFrom, ReplacesTheLineOfTheNumber) {
         {"a\nb\n", "", 1, "\nb\n"},
         {"a\nb\n", "x\ny\n", 1, "x\ny\nb\n"},
         {std::string(300, 'x') + "\nb\n", "y", 2, std::string(255, 'x') + "\ny\nb\n"},
+        // The line end behind a whole piece is a line of its own, at each rewrite.
+        {std::string(255, 'x') + "\n", "", 0, std::string(255, 'x') + "\n\n"},
+        {std::string(255, 'x') + "\n\n", "", 0, std::string(255, 'x') + "\n\n\n"},
         {std::string(254, 'x') + "\nb\n", "y", 2, std::string(254, 'x') + "\ny\n"},
         {std::string(255, 'x') + "\nb\n", "y", 2, std::string(255, 'x') + "\ny\nb\n"},
         {"a\n", std::string(400, 'y') + "\n", 1, std::string(400, 'y') + "\n"},
@@ -207,6 +211,17 @@ TEST(Rewrite, MakesAFileOfTheUsualMode) {
     EXPECT_EQ(drop("b"), 0);
     ::umask(old);
     EXPECT_EQ(testing_files::mode_of(kPath), 0640U);
+}
+
+TEST(Rewrite, PutsAFileInTheLinksPlace) {
+    put("a\nb\n");
+    const std::string path = kDirectory + std::string("/") + kName, target = "/var/spool/target";
+    ASSERT_EQ(::rename(path.c_str(), target.c_str()), 0);
+    ASSERT_EQ(::symlink(target.c_str(), path.c_str()), 0);
+    EXPECT_EQ(mail_list_delete_from(nullptr, kName, "a", MAIL_LIST_SYSTEM), 0);
+    EXPECT_EQ(content(), "b\n");
+    EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(path)));
+    EXPECT_EQ(testing_files::read(target), "a\nb\n");
 }
 
 TEST(Rewrite, OfManyLinesKeepsThemAll) {

@@ -114,6 +114,14 @@ INSTANTIATE_TEST_SUITE_P(Lengths, Compacting,
                                          Compaction{4097, true}, Compaction{4100, true},
                                          Compaction{8192, true}, Compaction{100000, true}));
 
+// A last line without its end was not written by an append.
+TEST_F(Records, AnOpenLastLineIsJoined) {
+    files::write(kFolderFile, "1 1");
+    EXPECT_EQ(tsl_append_mail_folder_size(kFolderFile.c_str(), 50, 2), 0);
+    EXPECT_EQ(files::read(kFolderFile), "1 150 2\n");
+    EXPECT_EQ(read_folder(kFolderFile), (Totals{0, 1, 150}));
+}
+
 TEST_F(Records, ACompactionKeepsItsOwnHeaderWhateverWasThere) {
     files::write(kSizeFile, "1000000S, 50C\n" + Filled(5000).text);
     tsl_append_maildirsize(kSizeFile.c_str(), 0, 0);

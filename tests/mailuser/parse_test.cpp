@@ -229,6 +229,8 @@ TEST(Parse, Rows) {
         // The domain is what follows the '@', also when a '~' stands in it; local is not.
         {"a@B~c", "a~b~c", "a~b", "", "b~c", "a~b@b~c"},
         {"a+T@b~c", "a~c", "a", "T~b", "b~c", "a+T~b@b~c"},
+        // A '+' there starts the tag if a '~' follows.
+        {"a@b+x~c", "a~b~c", "a~b", "x", "b+x~c", "a~b+x@b+x~c"},
         {"a+x~y@d", "a~d", "a", "x~y", "d", "a+x~y@d"},
         {"a~b+c", "a~b+c", "a", "", "b+c", "a@b+c"},
         {"a+b~c", "a~c", "a", "b", "c", "a+b@c"},

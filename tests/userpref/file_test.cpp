@@ -93,6 +93,17 @@ TEST(Store, NullIsAFailure) {
     EXPECT_TRUE(fs::list("/var/spool").empty());
 }
 
+// No user is an error to two functions alone; to the others it is a user without a name.
+TEST(Store, AnEmptyUserHasAFile) {
+    user_pref p = defaults();
+    p.theme = 7;
+    EXPECT_EQ(store_user_pref("", &p), 0);
+    EXPECT_TRUE(fs::exists("/var/spool/home/pref/.pref"));
+    p.theme = 0;
+    EXPECT_EQ(read_user_pref(&p, ""), 0);
+    EXPECT_EQ(p.theme, 7);
+}
+
 TEST(Store, FailsWhereNoDirectoryCanBe) {
     fs::write(kDir, "a file");
     const user_pref p = defaults();
