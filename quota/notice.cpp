@@ -10,11 +10,12 @@
 #include "base/fd.h"
 #include "base/guard.h"
 #include "base/pipe.h"
+#include "base/postmaster.h"
 #include "base/text.h"
 #include "mailuser/direct.h"
 #include "quota/flag_file.h"
 
-// An appliance's support library may lack it.
+// The support library of an appliance may not have it.
 #pragma weak cfg_get_postmaster
 
 namespace Tessaly {
@@ -23,14 +24,14 @@ namespace {
 
 constexpr char kSubmissionCommand[] = "/bin/sendmail -Am -bm -t";
 constexpr char kFixedHeaders[] = "X-Tessaly-Quota: 1\nPrecedence: bulk";
-constexpr char kPostmaster[] = "postmaster";
 constexpr time_t kShortestInterval = 86401;  // more than a day, in seconds
 // The line that the exception for the direct type carries; it stays when the source moves.
 constexpr int kDueLine = 297;
 
-const char* postmaster() {
+// The configured address, or the usual one, which is composed in the buffer.
+const char* postmaster(char (&buffer)[base::kPostmasterRoom]) {
     const char* address = cfg_get_postmaster == nullptr ? nullptr : cfg_get_postmaster();
-    return address == nullptr || *address == '\0' ? kPostmaster : address;
+    return address == nullptr || *address == '\0' ? base::default_postmaster(buffer) : address;
 }
 
 const char* given_or(const char* text, const char* otherwise) {
@@ -39,7 +40,8 @@ const char* given_or(const char* text, const char* otherwise) {
 
 std::string compose(const char* from, const char* to, const char* subject, const char* body) {
     // Asked once: the next answer may overwrite the text of this one.
-    const char* address = from == nullptr || to == nullptr ? postmaster() : nullptr;
+    char buffer[base::kPostmasterRoom];
+    const char* address = from == nullptr || to == nullptr ? postmaster(buffer) : nullptr;
     return base::concat({"From:", given_or(from, address), "\nTo:", given_or(to, address),
                          "\nSubject:", given_or(subject, "(no subject)"), "\n", kFixedHeaders,
                          "\n\n", given_or(body, ""), "\n.\n"});

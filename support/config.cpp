@@ -20,6 +20,7 @@
 #include "base/fd.h"
 #include "base/guard.h"
 #include "base/io.h"
+#include "base/postmaster.h"
 #include "base/text.h"
 #include "support/config_file.h"
 #include "support/config_table.h"
@@ -135,6 +136,7 @@ struct ThreadState {
     Cache cache;
     int timezone = 0;
     ConfigPtr postmaster;  // keeps the text that was handed out
+    char default_postmaster[Tessaly::base::kPostmasterRoom];
     AccountTable accounts;
 };
 
@@ -205,9 +207,11 @@ const int* cfg_get_TZ(void) {
 
 const char* cfg_get_postmaster(void) {
     ThreadState* state = kStates.mine();
-    if (state == nullptr) return kDefaults.postmaster.c_str();
+    if (state == nullptr) return "postmaster";
     state->postmaster = state->cache.current();
-    return state->postmaster->postmaster.c_str();
+    const std::string& configured = state->postmaster->postmaster;
+    if (!configured.empty()) return configured.c_str();
+    return Tessaly::base::default_postmaster(state->default_postmaster);
 }
 
 void* nCfg_query(int table) {

@@ -24,7 +24,7 @@ static_assert(offsetof(ArchiveAccount, quota_gib) == 640);
 // All values; as built, the ones that hold without a file.
 struct Config {
     std::int32_t timezone = 0;
-    std::string postmaster = "postmaster";
+    std::string postmaster;  // empty: base::default_postmaster
     std::vector<ArchiveAccount> archive_accounts;
 };
 

@@ -104,8 +104,10 @@ int cfg_check(const char* path,
  * Never NULL. The integer stays valid for the thread's life and is overwritten by its next call. */
 const int* cfg_get_TZ(void);
 
-/* The local postmaster address, never NULL or empty; "postmaster" unless configured. Valid until
- * the thread's next call. A support library may lack this function; callers ask for it as a weak
+/* Returns the local postmaster address, never NULL or empty. Unless one is configured, it is
+ * "postmaster@" and the domain of this host: the host name without its first label, or the whole
+ * host name if it has one label. Without memory it is "postmaster". The text is valid until the
+ * thread's next call. A support library may lack this function; callers ask for it as a weak
  * symbol. */
 const char* cfg_get_postmaster(void);
 

@@ -133,13 +133,16 @@ std::vector<Operation> support_operations() {
          .rule = only_removed,
          .traits = kWrites | kAcknowledges},
         configuration_row("cfg_get_TZ", [](Output&) { return *cfg_get_TZ(); }, 7, {}),
-        configuration_row(
-            "cfg_get_postmaster",
-            [](Output& out) {
-                out.set_text(cfg_get_postmaster());
-                return 0;
-            },
-            0, text("postmaster")),
+        // Without the file that of the host's domain, without the host's name that of "localhost".
+        {.names = "cfg_get_postmaster",
+         .prepare = prepare_configuration,
+         .run = [](Output& out) -> long long {
+             out.set_text(cfg_get_postmaster());
+             return 0;
+         },
+         .others = {{0, text("postmaster@sandbox")},
+                    {0, text("postmaster@localhost")},
+                    {0, text("postmaster")}}},
         configuration_row("nCfg_query kqf_query_table_head kqf_query_get_next",
                           [](Output&) { return sum_of_quotas(); }, 12, {}),
         {.names = "cfg_check",

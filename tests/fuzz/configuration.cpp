@@ -1,6 +1,7 @@
 // The configuration file. The TOML itself is the parser library's business: the model walks over
 // the same parser's result and counts by hand what is wrong with it.
 #include <tessaly/support.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
@@ -23,9 +24,16 @@ struct Account {
     bool operator==(const Account&) const = default;
 };
 
+std::string default_postmaster() {
+    char host[256] = {};
+    ::gethostname(host, sizeof host - 1);
+    const char* dot = std::strchr(host, '.');
+    return std::string("postmaster@") + (dot != nullptr && dot[1] != '\0' ? dot + 1 : host);
+}
+
 struct Model {
     std::int64_t timezone = 0;
-    std::string postmaster = "postmaster";
+    std::string postmaster = default_postmaster();
     std::vector<Account> accounts;
     int errors = 0, warnings = 0;
 };

@@ -50,7 +50,7 @@ class ConfiguredPostmasterTest(unittest.TestCase):
         program.write_text("#!/bin/sh\nexec cat >/tmp/sent\n")
         program.chmod(0o755)
         for config, address in (('postmaster = "hostmaster@site.test"\n', "hostmaster@site.test"),
-                                ('postmaster = ""\n', "postmaster"), ("", "postmaster")):
+                                ('postmaster = ""\n', "postmaster@sandbox"), ("", "postmaster@sandbox")):
             with self.subTest(config=config):
                 CONFIG.write_text(config)
                 self.assertEqual(run("notice", "-", "-", "s", "t"), 0)

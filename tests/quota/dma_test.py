@@ -7,6 +7,7 @@ import os
 import pathlib
 import pwd
 import re
+import socket
 import subprocess
 import sys
 import sysconfig
@@ -93,8 +94,10 @@ class DmaTest(unittest.TestCase):
         self.check("quota@site.test", "long", body, [b"From:quota@site.test"])
 
     def test_the_defaults_are_headers_too(self):
+        host = socket.gethostname()
+        domain = host.partition(".")[2] or host
         self.check("-", "-", "-", [
-            b"From:postmaster",
+            b"From:postmaster@" + domain.encode(),
             b"To:" + self.user.encode(),
             b"Subject:(no subject)",
             b"X-Tessaly-Quota: 1",

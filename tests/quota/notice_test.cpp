@@ -333,7 +333,7 @@ TEST_F(Notice, AnEmptyPostmasterCountsAsNone) {
     for (const char* nothing : {"", static_cast<const char*>(nullptr)}) {
         configured_postmaster = nothing;
         tsl_send_quota_msg(nullptr, nullptr, "s", "t");
-        EXPECT_EQ(sent(), notice("postmaster", "postmaster", "s", "t"));
+        EXPECT_EQ(sent(), notice("postmaster@sandbox", "postmaster@sandbox", "s", "t"));
         forget_sent();
     }
 }

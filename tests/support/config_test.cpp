@@ -68,7 +68,7 @@ class ConfigFile : public testing::Test {
 
 // Whether everything is as without a file.
 bool defaults_hold() {
-    return *cfg_get_TZ() == 0 && std::string(cfg_get_postmaster()) == "postmaster" &&
+    return *cfg_get_TZ() == 0 && std::string(cfg_get_postmaster()) == "postmaster@sandbox" &&
            all_rows().empty();
 }
 
@@ -404,7 +404,7 @@ TEST_F(ConfigFile, WhatWasHandedOutStays) {
     EXPECT_EQ(cfg_get_TZ(), zone);
     EXPECT_EQ(*zone, 2);
     EXPECT_EQ(postmaster, std::string(100, 'p'));
-    EXPECT_STREQ(cfg_get_postmaster(), "postmaster");
+    EXPECT_STREQ(cfg_get_postmaster(), "postmaster@sandbox");
 }
 
 TEST_F(ConfigFile, OtherTablesAreUnknown) {
@@ -518,7 +518,7 @@ TEST_F(Table670, ThreadsReadWhileItIsReplaced) {
             EXPECT_TRUE(rows == "1=1 " || rows == "2=2 " || rows == "1=1 2=2 ") << rows;
             const int zone = *cfg_get_TZ();
             EXPECT_TRUE(zone >= 0 && zone <= 2);
-            EXPECT_STREQ(cfg_get_postmaster(), "postmaster");
+            EXPECT_STREQ(cfg_get_postmaster(), "postmaster@sandbox");
         }
     };
     std::thread threads[] = {std::thread(read), std::thread(read), std::thread(read)};
