@@ -76,11 +76,11 @@ base::Fd open_to_overwrite(const LockedFile& file) {
 }
 
 // Puts `text`, which sums to the same as the whole file and the new record, in the place of the
-// file's text. Whenever the process is killed the file sums to the old or the new value: one write
-// puts the text at the beginning and line ends over everything up to the last line, which a '#' in
-// front makes no record; the rest is cut off then. As the write ends before the last line it stays
-// within the first page of a file that has just outgrown it, and the kernel copies a page whole.
-// False if the old text stands.
+// file's text. One write puts the text at the beginning, then line ends up to the last line, in
+// front of which a '#' makes it no record; then the rest is cut off. In a file that has just
+// outgrown a page the last line begins within that page, so the write stays in it, and the kernel
+// copies a page whole: whenever the process is killed, the file sums to the old or the new value. A
+// longer file, as a failed compaction leaves it, has no such promise. False if the old text stands.
 bool replace_text(const LockedFile& file, string_view text, off_t last_line) {
     const auto covered = static_cast<std::size_t>(last_line);
     std::string over(text);

@@ -1,18 +1,19 @@
-/* Tessaly::TSMailUserId - the value that names one mailbox and knows where everything of it lies.
+/* Tessaly::TSMailUserId - the value that names one mailbox and composes the paths of its files.
  *
- * A plain value of five strings and numbers: copyable, assignable, no virtual operations. It only
- * composes texts; unless a member says that it reads or writes files, nothing touches the file
- * system. Compiles as C++11.
+ * A plain value of a type and four strings: copyable, assignable, without virtual operations. It
+ * composes texts. Only the members that say so read or write files. The header compiles as C++11.
  *
  * Conventions
- *   Paths      absolute, built as written below; nothing is normalised or checked (a '/' or ".." in
- *              an address or a folder name goes into the path as it stands).
- *   Errors     for the type MAILBOX_DIRECT, which has no layout, the operations marked [direct
- *              throws] throw Tessaly::Exception with code 4, source file "MailUserId" and a message
- *              of the form " TSDirectMailUserId::NAME() - Not Implimented" (so spelt). Apart from
- *              std::bad_alloc nothing else is thrown.
- *   Threads    const operations on one object may run at the same time; a changing one may not run
- *              beside any other. Different objects are independent.
+ *   Paths      are composed as written below. They are absolute, except that a mailbox given by
+ *              path (types 8 and 11) begins with the text that was given. Nothing is normalised or
+ *              checked: a '/' or ".." in an address or a folder name goes into the path as it
+ *              stands.
+ *   Errors     The type MAILBOX_DIRECT has no layout. For it, the operations marked [direct throws]
+ *              throw Tessaly::Exception with code 4, source file "MailUserId" and a message of the
+ *              form " TSDirectMailUserId::NAME() - Not Implimented" (so spelt). Apart from that,
+ *              only std::bad_alloc is thrown.
+ *   Threads    Const operations on one object may run at the same time. An operation that changes
+ *              the object may not run beside any other. Different objects are independent.
  */
 #ifndef TESSALY_MAILUSERID_H
 #define TESSALY_MAILUSERID_H
@@ -27,8 +28,8 @@
 
 namespace Tessaly {
 
-/* The kinds of mailbox. The numbers are interface. H is the home directory, D the domain, T the
- * tilde name. A value from 13 up behaves as MAILBOX_NONE and equals nothing under ==. */
+/* The types of mailbox. The numbers are interface. H is the home directory, D the domain, T the
+ * tilde name. A value of 13 or more behaves as MAILBOX_NONE, but equals nothing under ==. */
 enum MailBoxType : std::uint32_t {
     MAILBOX_NONE = 0,           /* no home: H is empty */
     MAILBOX_USER = 1,           /* H = /var/spool/home/D/T */
@@ -39,7 +40,7 @@ enum MailBoxType : std::uint32_t {
     MAILBOX_USER_UNTYPED = 6,   /* H as for MAILBOX_USER */
     MAILBOX_EXTERNAL = 7,       /* H = /var/spool/home/external/<first byte of D>/D/T */
     MAILBOX_GIVEN_PATH = 8,     /* H = the text given to the constructor */
-    MAILBOX_DIRECT = 9,         /* no layout: path operations throw */
+    MAILBOX_DIRECT = 9,         /* without a layout: path operations throw */
     MAILBOX_DEFERRED = 10,      /* H = /var/spool/deferd/T */
     MAILBOX_GIVEN_PATH_2 = 11,  /* H = the text given to the constructor */
     MAILBOX_LOCAL = 12          /* H = /var/spool/home.local/D/T */
@@ -55,11 +56,12 @@ class TSMailUserId {
     static const std::string AdminUser;                   /* "admin" */
     static const std::string MAIL_LOCAL_PATH_PREFIX;      /* "/var/spool/home.local" */
 
-    /* Type MAILBOX_NONE, all texts empty. */
+    /* Makes an object of type MAILBOX_NONE with empty texts. */
     TSMailUserId();
-    /* Type MAILBOX_USER, then init(text). */
+    /* Sets the type MAILBOX_USER, then calls init(text). */
     TSMailUserId(const std::string& text);
-    /* The given type, then init(text). MAILBOX_DIRECT keeps the text as its tilde name. */
+    /* Sets the given type, then calls init(text). For MAILBOX_DIRECT it keeps the text as the tilde
+     * name instead. */
     TSMailUserId(MailBoxType type, const std::string& text);
     ~TSMailUserId();
     TSMailUserId(const TSMailUserId&) = default;
@@ -67,96 +69,106 @@ class TSMailUserId {
     TSMailUserId& operator=(const TSMailUserId&) = default;
     TSMailUserId& operator=(TSMailUserId&&) = default;
 
-    /* Fills the fields from the text by the type that the object has now. Types 1, 3 to 7 and 12
-     * parse an e-mail address; types 2, 8 and 11 keep the text as tilde name and set the domain
-     * "system"; type 10 keeps the text and leaves the domain; types 0, 9 and from 13 up: nothing
-     * changes. */
+    /* Fills the fields from the text, by the object's type. For types 1, 3 to 7 and 12 it parses
+     * the text as an e-mail address. For types 2, 8 and 11 it keeps the text as the tilde name and
+     * sets the domain "system". For type 10 it keeps the text and leaves the domain as it is. For
+     * types 0, 9 and from 13 up it changes nothing. */
     void init(const std::string& text);
 
-    /* Splits an address, whatever the type (MAILBOX_DIRECT: only tilde_name := text).
+    /* Splits an address, whatever the type. (For MAILBOX_DIRECT it only keeps the text as the tilde
+     * name.) "Ann.Lee+Work@Site.Test" gives the tilde name "ann.lee~site.test", local "ann.lee",
+     * tag "Work", domain "site.test".
      *
-     * The first '@' separates local part and domain; without one the last '~' does. A '+' in the
-     * local part starts the tag, which is cut out and keeps its letter case; all else is
-     * lower-cased byte by byte as in the C locale. A text without a domain leaves the domain that
-     * the object had, one without a tag leaves the tag. "Ann.Lee+Work@Site.Test" gives the tilde
-     * name "ann.lee~site.test", local "ann.lee", tag "Work", domain "site.test". */
+     * The first '@' becomes '~', and the domain is the text behind it. Without '@' the domain is
+     * the text behind the last '~'. The tag goes from the first '+' to the last '~' and is cut out;
+     * a '+' behind the last '~' starts none. The local part is the text before the last '~'. So in
+     * a domain with a '~' the local part and a tag may reach into it: "a@b~c" gives domain "b~c"
+     * and local "a~b". The tag keeps its letter case; all else is lower-cased byte by byte as in
+     * the C locale. A text without a domain leaves the domain of the object as it is, and a text
+     * without a tag leaves the tag. */
     void parse(const std::string& text);
 
     MailBoxType type() const;
-    /* Sets the type only; the other fields stay, so the object gets the new type's paths. */
+    /* Sets the type only. The other fields stay, so the object gets the paths of the new type. */
     void type(MailBoxType type);
-    /* 1 for MAILBOX_USER, 2 for MAILBOX_SYSTEM_ARCHIVE, 3 for MAILBOX_QUARANTINE, else 0. */
+    /* Returns 1 for MAILBOX_USER, 2 for MAILBOX_SYSTEM_ARCHIVE, 3 for MAILBOX_QUARANTINE, else 0.
+     */
     int userType() const;
 
-    /* References to the fields, valid as long as the object lives unchanged. */
+    /* Return references to the fields, valid as long as the object lives unchanged. */
     const std::string& tilde_name() const;
     const std::string& tag() const;
-    /* [direct throws] with the message of homepath(). */
+    /* Returns a reference to the field. [direct throws, with the message of homepath()] */
     const std::string& domain() const;
 
-    /* The local part, followed by '+' and the tag unless that is empty or without_tag is true. */
+    /* Returns the local part, followed by '+' and the tag unless the tag is empty or without_tag is
+     * true. */
     std::string local(bool without_tag = false) const;
-    /* local(without_tag), followed by '@' and the domain unless that is empty. */
+    /* Returns local(without_tag), followed by '@' and the domain unless the domain is empty. */
     std::string address(bool without_tag = false) const;
 
-    /* Equal types needed, and: types 0, 2, 9 and 12 nothing more (any two local ids are equal);
-     * types 8, 10, 11 the same tilde name; types 1 and 3 to 7 the same address with tag. */
+    /* Objects of different types are not equal. Of one type, any two are equal for types 0, 2, 9
+     * and 12; for types 8, 10 and 11 their tilde names must be equal, for types 1 and 3 to 7 their
+     * addresses with tag. */
     bool operator==(const TSMailUserId& other) const;
     bool operator!=(const TSMailUserId& other) const;
-    /* Order of address() as byte strings; the type takes no part, so it does not agree with ==. */
+    /* Compares address() of both as byte strings. The type takes no part, so the order does not
+     * agree with ==. */
     bool operator<(const TSMailUserId& other) const;
 
-    /* The home directory, see MailBoxType. [direct throws] */
+    /* Returns the home directory, see MailBoxType. [direct throws] */
     std::string homepath() const;
-    /* The maildir root: the home itself for types 2, 5, 8, 10 and 11, else the home followed by
-     * "/mail" (so "/mail" for MAILBOX_NONE). [direct throws] */
+    /* Returns the maildir root: the home itself for types 2, 5, 8, 10 and 11, else the home
+     * followed by "/mail" (so "/mail" for MAILBOX_NONE). [direct throws] */
     std::string mailpath() const;
-    /* The preference directory, home + "/pref". [direct throws, naming "perfpath"] */
+    /* Returns the preference directory, home + "/pref". [direct throws, naming "perfpath"] */
     std::string prefpath() const;
-    /* An index folder, home + "/index/" + name. [direct throws] */
+    /* Returns an index folder, home + "/index/" + name. [direct throws] */
     std::string indexfolder(const std::string& name) const;
-    /* "/var/spool/home/sys_arch/.Trash", one for all mailboxes. [direct throws] */
+    /* Returns "/var/spool/home/sys_arch/.Trash", one folder for all mailboxes. [direct throws] */
     std::string trashfolder() const;
-    /* A mail folder, mailpath() + '/' + name; for MAILBOX_DIRECT the name itself, for
-     * MAILBOX_SECURE_STORE mailpath() whatever the name. Never throws for a type. */
+    /* Returns a mail folder, mailpath() + '/' + name. For MAILBOX_DIRECT it is the name itself, for
+     * MAILBOX_SECURE_STORE it is mailpath() whatever the name. Throws for no type. */
     std::string mailfolder(const std::string& name) const;
-    /* The folder, relative to mailpath(), into which a delivery goes: name if non-empty, else the
-     * tag if non-empty, else "Inbox"; for MAILBOX_QUARANTINE name or tag followed by "/current",
-     * else "Content/current". [direct throws] */
+    /* Returns the folder, relative to mailpath(), into which a delivery goes: the name if it is not
+     * empty, else the tag if it is not empty, else "Inbox". For MAILBOX_QUARANTINE it is the name
+     * or the tag followed by "/current", else "Content/current". [direct throws] */
     std::string local_maildrop(const std::string& name) const;
-    /* mailfolder(local_maildrop(name)). [direct throws] */
+    /* Returns mailfolder(local_maildrop(name)). [direct throws] */
     std::string maildrop(const std::string& name) const;
-    /* The path of a file kind (enum MailUserFileKind), "" for an unknown one. [direct throws, for
-     * any kind] */
+    /* Returns the path of a file kind (enum MailUserFileKind), or "" for an unknown kind. [direct
+     * throws, for any kind] */
     std::string fname(int kind) const;
 
     /* Appends the record (size bytes, count messages; negative for a removal) to
-     * mailpath()/.maildirsize as tsl_append_maildirsize does, lock included. 0 always.
+     * mailpath()/.maildirsize as tsl_append_maildirsize does, under its lock. Returns 0 always.
      * [direct throws] */
     int append_maildirsize(long long size, long long count) const;
-    /* Marks the mailbox's totals as untrusted: creates or empties mailpath()/.maildirsize.dirty.
-     * Takes no lock; a failure is ignored. [direct throws] */
+    /* Marks the totals of the mailbox as not to be trusted: creates or empties
+     * mailpath()/.maildirsize.dirty. Takes no lock. A failure is ignored. [direct throws] */
     void quota_reset() const;
-    /* The size in kilobytes of the folder mailfolder(folder) and the folders below it: the sums of
-     * their .ts_folder_size files (read as by tsl_read_mail_folder_size, with its lock and its mark
-     * for damage; a missing file counts 0), each rounded up on its own. Folders below are the
-     * entries that tsl_is_maildir_folder accepts, but for names that begin with '.' and cur, new
-     * and tmp in any letter case. Links are followed, but a folder that the walk is inside of does
-     * not count again; nor does what has a path of more than 4095 bytes. 0 for an empty name and
-     * for what is no folder. One directory is open at a time. [direct throws] */
+    /* Returns the size in kilobytes of the folder mailfolder(folder) and the folders below it: the
+     * sums of their .ts_folder_size files, each rounded up. The files are read as by
+     * tsl_read_mail_folder_size, under its lock and with its mark for damage. A missing file counts
+     * 0. Folders below are the entries that tsl_is_maildir_folder accepts, except names that begin
+     * with '.' and cur, new and tmp in any letter case. Links are followed, but a folder that the
+     * walk is inside of does not count again. A folder whose path has more than 4079 bytes does not
+     * count. Returns 0 for an empty name and for what is not a folder. One directory is open at a
+     * time. [direct throws] */
     unsigned long long getFolderSize(const std::string& folder) const;
 
-    /* Whether fname(MUF_QUOTA_EXCEEDED_FLAG) exists, whatever is in it; tsl_get_quota_exceeded asks
-     * for the number there instead. [direct throws] */
+    /* Returns whether fname(MUF_QUOTA_EXCEEDED_FLAG) exists, whatever is in it. (The function
+     * tsl_get_quota_exceeded returns the number in it.) [direct throws] */
     bool quota_exceeded() const;
-    /* True creates or empties that file, false removes it; nothing is written into it. No lock; a
-     * failure is ignored. [direct throws, naming "quota_exceeded(flag)"] */
+    /* True creates or empties that file, false removes it. Nothing is written into it. Takes no
+     * lock. A failure is ignored. [direct throws, naming "quota_exceeded(flag)"] */
     void quota_exceeded(bool flag) const;
-    /* Whether a quota notice is due: true if the time stamp fname(MUF_ALERT_NOTIFICATION), a file
-     * that counts by its modification time only, is missing or at least 86401 seconds old. The
-     * stamp is then created or renewed, so the next true is a day away whether a notice is sent or
-     * not. A stamp from the future counts as fresh. If the stamp cannot be made, the answer is true
-     * each time. No lock: two who ask at the same moment may both get true. [direct throws] */
+    /* Returns whether a quota notice is due. The stamp fname(MUF_ALERT_NOTIFICATION) is a file of
+     * which only the modification time counts. A notice is due if the stamp is missing, cannot be
+     * looked at, or is at least 86401 seconds old. The stamp is then created or renewed, so that
+     * the next notice is due a day later, whether this one is sent or not. A stamp from the future
+     * counts as fresh. If the stamp cannot be made, a notice is due at every call. Takes no lock:
+     * two callers at the same moment may both get true. [direct throws] */
     bool alert_notification() const;
 
   private:
