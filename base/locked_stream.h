@@ -27,7 +27,7 @@ class LockedStream {
         std::FILE* stream = std::exchange(stream_, nullptr);
         return stream == nullptr || ::close_and_unlock_file(stream) == 0;
     }
-    // Releases the lock through the close of the descriptor alone.
+    // Closes the stream with fclose only, which releases the lock.
     bool close_plainly() {
         std::FILE* stream = std::exchange(stream_, nullptr);
         return stream == nullptr || std::fclose(stream) == 0;

@@ -10,7 +10,7 @@
 namespace Tessaly::base {
 
 bool write_pipe(int fd, std::string_view text) {
-    // Blocked for this thread alone: the signal of a write is the writing thread's.
+    // Blocked for this thread only: the signal of a write goes to the thread that writes.
     sigset_t pipe_signal;
     sigset_t pending;
     sigset_t mask;

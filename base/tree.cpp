@@ -31,7 +31,7 @@ int remove_file(int dirfd, const char* name) {
 int remove_directory(int dirfd, const char* name) {
     return error_of(retry([=] { return ::unlinkat(dirfd, name, AT_REMOVEDIR); }));
 }
-// Like remove(): whatever it is, if it is no directory with entries.
+// Like remove(): removes anything but a directory with entries.
 int remove_one(int dirfd, const char* name) {
     const int error = remove_file(dirfd, name);
     return error == EISDIR ? remove_directory(dirfd, name) : error;
@@ -46,7 +46,7 @@ Fd open_directory(int dirfd, const char* name) {
 struct Level {
     explicit Level(Fd opened = {}, std::size_t names = 0)
         : fd(std::move(opened)), names_begin(names) {}
-    Fd fd;          // none while closed for want of descriptors
+    Fd fd;          // closed while descriptors are short
     dev_t dev = 0;  // valid while closed
     ino_t ino = 0;
     std::size_t names_begin;  // where its names begin in Remover::names_
@@ -120,7 +120,7 @@ void Remover::scan() {
     while (const dirent64* entry = reader.next_real()) {
         take(level, entry->d_name, entry->d_type == DT_DIR);
     }
-    // ENOENT: somebody else removed the directory.
+    // ENOENT: another process removed the directory.
     if (reader.failed() && errno != ENOENT) note(level, errno);
 }
 

@@ -1,8 +1,8 @@
 // Removing directory trees - relative to open directories, so that nothing outside a tree is ever
 // touched, whatever others do to its names meanwhile.
 //
-// A symbolic link below the top is removed, never followed. Depth is bounded by memory alone: the
-// stack does not grow with it, and some thirty descriptors at most are open (fewer where the
+// A symbolic link below the top is removed, never followed. The depth is limited by memory only:
+// the stack does not grow with it, and some thirty descriptors at most are open (fewer where the
 // process may not open more). What cannot be removed stays, a directory with all its contents; the
 // rest goes all the same. Entries that others add meanwhile go too if they are seen before their
 // directory does. A branch whose directories are moved elsewhere while the work is deep inside it

@@ -57,8 +57,8 @@ std::string_view last_component(std::string_view path) {
     return path.substr(path.rfind('/') + 1);  // npos + 1 is the beginning
 }
 
-// Makes one sub-directory. Another process may make it at the same moment; what is there then is
-// looked at again because a link to nowhere is in the way as well, but is no directory.
+// Makes one sub-directory. Another process may make it at the same moment. What exists then is
+// tested again, because a dangling link gives the same error and is not a directory.
 bool make_sub_dir(int dir, const char* name) {
     if (exists_at(dir, name) || make_at(dir, name)) return true;
     return errno == EEXIST && exists_at(dir, name);

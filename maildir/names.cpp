@@ -40,8 +40,9 @@ string_view ask_host_name(char (&escaped)[kHostRoom]) {
     return text.view();
 }
 
-// The host name as the process first saw it. Needs no lock: who finds it unknown asks into a buffer
-// of its own, and one of them stores it. So nothing waits, not even for a thread lost by fork.
+// The host name as the process first saw it. It needs no lock: every thread that finds it unknown
+// reads it into its own buffer, and one of them stores it. So no thread waits, not even for one
+// that a fork has removed.
 class HostName {
   public:
     string_view get(char (&own)[kHostRoom]) {
@@ -130,7 +131,7 @@ int first_year_of_period() {
     return year - year % kYears;
 }
 
-// The time coded in six digits, -1 if one of them is none.
+// The time coded in six digits, -1 if one of them is not a digit.
 time_t decode_time(const char* p) {
     int values[kCoded];
     std::transform(p, p + kCoded, values, digit_value);
@@ -192,7 +193,7 @@ time_t tsl_get_mail_creation_date(const char* name) {
     const auto seconds = static_cast<time_t>(std::strtoul(name, nullptr, 10));
     struct tm local;
     if (::localtime_r(&seconds, &local) == nullptr) return -1;
-    local.tm_isdst = -1;  // decided anew: the known offset at a daylight-saving change
+    local.tm_isdst = -1;  // mktime decides: around a daylight-saving change the value may differ
     return ::mktime(&local);
 }
 

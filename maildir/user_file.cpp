@@ -1,4 +1,4 @@
-// Removing a user's files by kind; who goes leaves the address lists of others too.
+// Removing a user's files by kind, and the user's address from the address lists of others.
 #include <tessaly/MailUserId.h>
 #include <tessaly/maillist.h>
 #include <tessaly/mailstore.h>

@@ -41,7 +41,7 @@ const char* LineWindow::fill(const char* begin) {
 
 namespace {
 
-// Whether the locale's letters with two cases are the ASCII ones alone.
+// Whether the ASCII letters are the only letters of the locale with two cases.
 bool folds_ascii_only(Fold fold) {
     bool only = true;
     for (int c = 0; c <= UCHAR_MAX; ++c) {

@@ -14,8 +14,8 @@
 
 namespace Tessaly::maillist {
 
-// How many characters of a line, its end included, are read at a time; what is longer counts as
-// several lines.
+// The number of characters of a line, its end included, that are read at a time. A longer line
+// counts as several lines.
 constexpr std::ptrdiff_t kLineLimit = 255;
 
 // Removes the line ends ("\n" or "\r\n", any number of them) at the end of a text, in place.

@@ -7,8 +7,9 @@
 namespace Tessaly::maillist {
 
 // Opens the list's lock file (created if missing, emptied, never removed) and asks for its
-// exclusive lock, without waiting: whoever comes while another process has it goes on without.
-// The lock ends with the descriptor. False if the file could not be opened. Throws std::bad_alloc.
+// exclusive lock. It does not wait: while another process has the lock, the caller goes on without
+// it. The lock ends with the descriptor. False if the file could not be opened. Throws
+// std::bad_alloc.
 base::Fd mail_list_lock(const char* user, const char* list, unsigned scope);
 
 }  // namespace Tessaly::maillist

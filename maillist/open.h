@@ -10,8 +10,8 @@
 
 namespace Tessaly::maillist {
 
-// Opens close-on-exec and without waiting, as a FIFO in a list's place must hold nobody; a file
-// that is created gets the mode 0666 less the umask.
+// Opens close-on-exec and does not wait, as a FIFO in a list's place must not stop the caller. A
+// file that is created gets the mode 0666 less the umask.
 inline base::Fd open_file(const std::string& path, int flags) {
     flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     return base::Fd(base::retry([&] { return ::open(path.c_str(), flags, 0666); }));

@@ -1,4 +1,4 @@
-// The list's lock binds nobody, so two processes may write a new list at the same time and under
+// The list's lock stops no process, so two of them may write a new list at the same time and under
 // the same temporary name. If both wrote into one file, or the one moved away what the other had
 // not finished, the list would be torn. So the content goes into a file without a name, which gets
 // the temporary name when it is whole.
@@ -70,7 +70,7 @@ bool write_temporary(const std::string& path, std::string_view content) {
 
 bool replace_list(const std::string& list, const std::string& temporary, std::string_view content) {
     if (!write_temporary(temporary, content)) return false;
-    // ENOENT: another process has moved it, and what has the name now is not ours.
+    // ENOENT: another process has moved it; a file with that name now is not the one written here.
     const bool moved = ::tsm_movefile(temporary.c_str(), list.c_str()) == 0 || errno == ENOENT;
     if (!moved) ::unlink(temporary.c_str());
     return true;

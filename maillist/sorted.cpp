@@ -25,8 +25,8 @@ struct Item {
 };
 using Items = std::vector<Item>::iterator;
 
-// Eight folded bytes of the text as a number in whose order strcasecmp has them. What is behind the
-// text's end is zero.
+// Eight folded bytes of the text as a number; the numbers have the order of strcasecmp. What is
+// behind the text's end is zero.
 std::uint64_t folded_key(const char* text, Fold fold) {
     std::uint64_t key = 0;
     for (std::size_t i = 0; i < kKeyLength; ++i) {

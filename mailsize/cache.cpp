@@ -94,7 +94,7 @@ OneLine look_for_one_line(int fd) {
             size.found, in.failed()};
 }
 
-// Without waiting: a FIFO in the cache's place must hold nobody.
+// Does not wait: a FIFO in the cache's place must not stop the caller.
 base::Fd open_file(const char* path, int flags) {
     if (path == nullptr) return {};
     flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;

@@ -12,7 +12,7 @@ struct ScanCache {
     bool operator==(const ScanCache&) const = default;
 };
 
-// Where "mtime=" and "size=" may stand in a line. At its start: the two-line form alone is
+// Where "mtime=" and "size=" may stand in a line. At its start: the two-line form only is
 // understood. Anywhere: the one-line form too.
 enum class Fields { at_start, anywhere };
 

@@ -63,7 +63,7 @@ class FolderTree {
     bool is_inside(const struct stat& st) const;
     std::vector<std::string> entries() const;
 
-    std::string path_;  // of the folder at hand
+    std::string path_;  // of the present folder
     std::vector<Level> levels_;
     unsigned long long sum_ = 0;
 };

@@ -18,7 +18,7 @@ constexpr string_view kGroup = ",#F";
 constexpr string_view kGroupEnd = "#E";
 constexpr string_view kSize = "#S";
 
-// Behind the name's first ",#F"; nullptr if there is none.
+// The text behind the first ",#F" of the name, or nullptr.
 const char* behind_group(const char* name) {
     for (const char* comma = std::strchr(name, ','); comma != nullptr;
          comma = std::strchr(comma + 1, ',')) {

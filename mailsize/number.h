@@ -33,7 +33,7 @@ struct Number {
     bool beyond_64_bits = false;
     std::uint64_t magnitude = 0;
 
-    // As strtoll has it.
+    // The value that strtoll returns.
     long long as_signed() const {
         if (beyond_signed()) {
             return negative ? std::numeric_limits<long long>::min()
@@ -45,7 +45,7 @@ struct Number {
         constexpr std::uint64_t kMax = std::numeric_limits<std::int64_t>::max();
         return beyond_64_bits || magnitude > kMax + (negative ? 1 : 0);
     }
-    // As strtoull has it: a minus sign turns the number around modulo 2^64.
+    // The value that strtoull returns: a minus sign negates the number modulo 2^64.
     std::uint64_t as_unsigned() const {
         if (beyond_64_bits) return std::numeric_limits<std::uint64_t>::max();
         return negative ? 0 - magnitude : magnitude;

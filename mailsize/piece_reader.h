@@ -1,4 +1,4 @@
-// PieceReader - a file's text in the pieces in which fgets hands it out.
+// PieceReader - a file's text in the pieces that fgets returns.
 #ifndef TSMAIL_MAILSIZE_PIECE_READER_H
 #define TSMAIL_MAILSIZE_PIECE_READER_H
 
@@ -37,7 +37,7 @@ class PieceReader {
     bool at_end_ = false;
     bool failed_ = false;
     int reads_ = 0;
-    off_t file_offset_ = 0;   // of what is not read yet
+    off_t file_offset_ = 0;   // of the first byte that is not read yet
     off_t piece_offset_ = 0;  // of the last piece
     std::size_t position_ = 0;
     std::size_t filled_ = 0;

@@ -171,7 +171,7 @@ void Scan::add_entry(Directory& dir, const dirent64& entry) {
             complete_ = complete_ && is_missing();
             return;
         }
-        // The same file again. Of several links to a file each is a message of its own.
+        // The same file again. (Each of several links to a file is a message.)
         if (met && st.st_nlink == 1 && st.st_ino == entry.d_ino) return;
     }
     add_up(dir.size, size < 0 ? st.st_size : size);

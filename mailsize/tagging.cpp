@@ -16,7 +16,7 @@ namespace Tessaly::mailsize {
 namespace {
 
 // A rename that replaces nothing. Where the file system cannot promise that, it looks first: names
-// are unique but for messages that somebody put there by hand.
+// are unique, except those of messages that a person put there.
 bool rename_new(int from_dir, const char* from, int to_dir, const char* to) {
     const int renamed =
         base::retry([&] { return ::renameat2(from_dir, from, to_dir, to, RENAME_NOREPLACE); });
@@ -29,7 +29,7 @@ bool rename_new(int from_dir, const char* from, int to_dir, const char* to) {
 // Moves a message that waits in tmp under its old name to its new one.
 void move_back(int tmp, const char* old_name, int dir, const char* new_name) {
     if (rename_new(tmp, old_name, dir, new_name)) return;
-    // Somebody may have tagged it in tmp meanwhile; else it goes back to where it was.
+    // Another process may have tagged it in tmp. Otherwise it goes back to where it was.
     if (errno == ENOENT && rename_new(tmp, new_name, dir, new_name)) return;
     rename_new(tmp, old_name, dir, old_name);
 }

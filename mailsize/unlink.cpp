@@ -25,7 +25,7 @@ long long size_of_message(const char* path) {
     return st.st_size;
 }
 
-// Cuts the last component off a path. False if there is no '/' in front of it.
+// Cuts the last component off a path. False without a '/' in front of it.
 bool cut_last(string_view& path, string_view& last) {
     const auto slash = path.rfind('/');
     if (slash == string_view::npos) return false;
@@ -54,7 +54,7 @@ int tsl_maildir_unlink_mail(const char* path) {
         return -1;
     }
     // First the record: a process that dies in between leaves a total that is too small, which a
-    // recount finds, and no message that nobody counts off.
+    // recount finds, instead of one that still counts a removed message.
     if (const long long size = mailsize::size_of_message(path); size >= 1) {
         mailsize::record_unlinked_size(path, size);
     }

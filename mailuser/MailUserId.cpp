@@ -88,7 +88,7 @@ void lower_case(string& text) {
 TSMailUserId::TSMailUserId() : type_(MAILBOX_NONE) {}
 TSMailUserId::TSMailUserId(const string& text) : TSMailUserId(MAILBOX_USER, text) {}
 TSMailUserId::TSMailUserId(MailBoxType type, const string& text) : type_(type) {
-    // The direct type keeps its text, which only parse does for it; init leaves it alone.
+    // The direct type keeps its text. parse does that; init does nothing for it.
     if (type == MAILBOX_DIRECT) {
         parse(text);
     } else {
@@ -126,7 +126,7 @@ void TSMailUserId::parse(const string& text) {
         domain_.assign(tilde_name_, tilde + 1);
     }
 
-    // Tag. A '+' in the domain is none; without one that of an earlier parse stays.
+    // Tag. A '+' behind the last '~' starts none. Without a tag the one of an earlier parse stays.
     const auto plus = tilde_name_.find('+');
     const auto tilde = tilde_name_.rfind('~');
     if (plus != string::npos && (tilde == string::npos || plus < tilde)) {

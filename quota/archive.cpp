@@ -41,7 +41,7 @@ std::uint32_t given_quota(const char* exclude) {
 }
 
 // The unit of f_blocks. f_bsize, the size that suits transfers, may be another one (FUSE hands out
-// both); f_frsize is 0 where nobody sets it.
+// both). f_frsize is 0 on file systems that do not set it.
 std::uint64_t block_size(const struct statfs& fs) {
     return static_cast<std::uint64_t>(fs.f_frsize != 0 ? fs.f_frsize : fs.f_bsize);
 }

@@ -135,7 +135,7 @@ class AccountTable : public kqf_table {
 struct ThreadState {
     Cache cache;
     int timezone = 0;
-    ConfigPtr postmaster;  // keeps the text that was handed out
+    ConfigPtr postmaster;  // keeps the text that was returned
     char default_postmaster[Tessaly::base::kPostmasterRoom];
     AccountTable accounts;
 };
@@ -149,7 +149,7 @@ class ThreadStates {
     ThreadStates& operator=(const ThreadStates&) = delete;
     ~ThreadStates() {
         if (!made_) return;
-        destroy(::pthread_getspecific(key_));  // at the process's end nobody else does
+        destroy(::pthread_getspecific(key_));  // at the process's end nothing else does
         ::pthread_key_delete(key_);
     }
 

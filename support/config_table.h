@@ -2,7 +2,7 @@
 #ifndef TSMAIL_SUPPORT_CONFIG_TABLE_H
 #define TSMAIL_SUPPORT_CONFIG_TABLE_H
 
-// libkqfquery knows nothing of tables; it walks through these two functions, so that a table may
+// libkqfquery does not know the tables. It walks through these two functions, so that a table may
 // come from anywhere.
 struct kqf_table {
     void* (*head)(kqf_table*);

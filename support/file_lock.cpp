@@ -37,7 +37,7 @@ const LockMode* find_mode(const char* name) {
     return nullptr;
 }
 
-// The lock is waited for, the opening is not: a FIFO in the file's place would hold whoever comes.
+// Waits for the lock, but not in the opening: a FIFO in the file's place would stop every caller.
 Fd open_locked(const char* path, const LockMode& mode) {
     const int flags = mode.open_flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     Fd fd = off_standard(Fd(retry([&] { return ::open(path, flags, 0666); })));

@@ -24,7 +24,7 @@ bool is_directory(const char* path) {
     return found && S_ISDIR(st.st_mode);
 }
 
-// One mkdir that does not mind who made the directory.
+// One mkdir, which succeeds also if another process made the directory.
 bool make_one(const char* path, mode_t mode) {
     return retry([=] { return ::mkdir(path, mode); }) == 0 ||
            (errno == EEXIST && is_directory(path));

@@ -74,7 +74,7 @@ void apply_text(user_pref& p, char* text, std::size_t length) {
 }
 
 // Applies a whole file; false, p untouched, on a read error. What store_user_pref writes fits the
-// buffer; what somebody else made longer is read into memory of its own.
+// buffer; a longer file of another program is read into memory on the heap.
 bool apply_file(user_pref& p, int fd) {
     char buffer[kLongestText + 1 + kBehind];  // one byte shows that there is more
     const ssize_t length = base::pread_full(fd, buffer, kLongestText + 1, 0);

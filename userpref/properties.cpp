@@ -113,7 +113,7 @@ class KeyChains {
 
     std::size_t length(std::size_t row) const { return lengths_[row]; }
 
-    // The row with whose key the line begins, or kNone.
+    // The row whose key begins the line, or kNone.
     std::size_t find(const char* line) const {
         if (line[0] == '\0' || line[1] == '\0' || line[2] == '\0') return kNone;
         std::size_t row = heads_[slot(line)];

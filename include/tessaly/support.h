@@ -34,7 +34,7 @@ extern "C" {
  * the umask. Any other mode fails with EINVAL.
  *
  * Waits for the lock without a limit; an interrupting signal does not end the wait. The opening
- * itself waits for nobody (O_NONBLOCK): of a FIFO the other end need not be there. Returns a
+ * itself does not wait (O_NONBLOCK): a FIFO need not have its other end open. Returns a
  * stream that the caller closes with close_and_unlock_file or fclose (both release the lock), or
  * NULL with errno of the failed open, flock or truncation; a file that the call created stays. */
 FILE* open_and_lock_file(const char* path, const char* mode);
@@ -47,12 +47,12 @@ int close_and_unlock_file(FILE* stream);
 /* Creates a directory and its missing parents, all with the given mode less the umask. Existing
  * directories (links to directories too) are left as they are. Processes that create the same path
  * at the same time all succeed. Returns 0, or -1 with errno; parents made before the failure stay.
- * A component that exists and is no directory gives ENOTDIR. An empty path gives ENOENT. */
+ * A component that exists and is not a directory gives ENOTDIR. An empty path gives ENOENT. */
 int create_path(const char* path, mode_t mode);
 
-/* Moves a file over another, on one file system in a single step: whoever opens `to` sees either
- * the old file or the whole new one. Across file systems the bytes are copied to a temporary file
- * beside `to` (.tsm_movefile.XXXXXX), flushed to the disk with the times, mode and, where
+/* Moves a file over another. On one file system it is a single step: a process that opens `to` sees
+ * either the old file or the whole new one. Across file systems the bytes are copied to a temporary
+ * file beside `to` (.tsm_movefile.XXXXXX), flushed to the disk with the times, mode and, where
  * permitted, owner of `from`, renamed over `to`, and `from` is removed last; only regular files go
  * that way, others fail with EXDEV. Symbolic links as last components are moved and replaced, not
  * followed. Returns 0, or -1 with errno; after a failure `to` is untouched and `from` still there,
@@ -94,14 +94,15 @@ const char* cfg_get_file(void);
  * place: line and column count from 1, columns in characters; message is one line, valid during the
  * call. A message that begins with "warning: " (an unknown key) does not keep the file from being
  * used. After a syntax error nothing else is looked at. report may be NULL, must not throw, and
- * gets arg. Returns how many problems are no warnings, so 0 for a good file; -1 with errno if the
- * file cannot be read (ENOENT: there is none). A support library may lack this function; callers
- * ask for it as a weak symbol. */
+ * gets arg. Returns the number of problems that are not warnings, so 0 for a good file; -1 with
+ * errno if the file cannot be read (ENOENT: there is none). A support library may lack this
+ * function; callers ask for it as a weak symbol. */
 int cfg_check(const char* path,
               void (*report)(int line, int column, const char* message, void* arg), void* arg);
 
-/* The system's configured time zone: a number whose meaning belongs to the programs that use it.
- * Never NULL. The integer stays valid for the thread's life and is overwritten by its next call. */
+/* Returns the configured time zone of the system: a number whose meaning belongs to the programs
+ * that use it. Never NULL. The integer stays valid for the thread's life and is overwritten by its
+ * next call. */
 const int* cfg_get_TZ(void);
 
 /* Returns the local postmaster address, never NULL or empty. Unless one is configured, it is
@@ -115,8 +116,8 @@ const char* cfg_get_postmaster(void);
  *     byte 4    char[]    account name, NUL-terminated, at most 635 bytes
  *     byte 640  uint16_t  quota in gibibytes, in the machine's byte order
  * Returns the table's handle for the kqf_ calls below, or NULL for an unknown table. Each thread
- * has one handle a table; asked again it is the same one with its place kept, so it may be asked
- * anew before each step of a walk. Nothing is released by the caller. */
+ * has one handle for each table. Another call returns the same handle with its place kept, so a
+ * caller may ask before each step of a walk. The caller releases nothing. */
 void* nCfg_query(int table);
 
 /* The shared configuration block, or NULL. The bundled library maps it once, when it is loaded, if
@@ -125,12 +126,13 @@ void* nCfg_query(int table);
  * 280,944. Read only. A program that defines the variable itself keeps what it put there. */
 extern void* nCfg_debug_zone;
 
-/* Starts a walk over a table's rows (libkqfquery). Reads the configuration anew if it changed and
+/* Starts a walk over a table's rows (libkqfquery). Reads the configuration again if it changed and
  * returns the first row, or NULL for an empty table or a NULL handle. Rows stay valid until the
  * next head call on this handle. */
 void* kqf_query_table_head(void* handle);
 
-/* The walk's next row, or NULL after the last one, before any head call, or for a NULL handle. */
+/* Returns the next row of the walk, or NULL after the last one, before any head call, or for a NULL
+ * handle. */
 void* kqf_query_get_next(void* handle);
 
 #ifdef __cplusplus
