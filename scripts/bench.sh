@@ -28,7 +28,7 @@ while [ $# -gt 0 ]; do
 done
 
 ensure_packages build test bench
-build_preset release tsmail_bench tsmail_tool
+build_preset dev tsmail_bench tsmail_tool
 cd "$top"
 mkdir -p build/bench
 spool=$(mktemp -d build/bench/spool.XXXXXX)
@@ -60,18 +60,18 @@ install -d -m 1777 build/bench/new
 rm -f build/bench/new/*
 if [ -n "$scale" ]; then
     say "Measuring a growing spool; this takes minutes"
-    inside scale python3 -B bench/scale.py build/release/tools/tsmail build/bench/new/scale.md \
+    inside scale python3 -B bench/scale.py build/dev/tools/tsmail build/bench/new/scale.md \
         100 1000 10000 100000
     cat build/bench/new/scale.md
     exit
 fi
 load=$(cut -d ' ' -f 1-3 /proc/loadavg)
 say "Measuring; the log is build/bench/times.log"
-inside times build/release/bench/bench "${choice[@]}" "${words[@]}" --out build/bench/new/times.json
+inside times build/dev/bench/bench "${choice[@]}" "${words[@]}" --out build/bench/new/times.json
 # The counting takes the most time; the smoke test tries it with one item.
 [ -z "$quick" ] || [ -n "$only" ] || choice+=(--only list_find)
 say "Counting system calls and instructions; the log is build/bench/counts.log"
-inside counts python3 -B bench/counts.py build/release/bench/bench build/bench/new/counts.json \
+inside counts python3 -B bench/counts.py build/dev/bench/bench build/bench/new/counts.json \
     "${choice[@]}"
 # The system's Python: the plotting library is a package of the system.
 /usr/bin/python3 -B bench/report.py build/bench/new "$out" \

@@ -6,13 +6,13 @@ set -euo pipefail
 
 if [ "${1-}" != --inside ]; then
     ensure_packages build test
-    build_preset release tsmail_tool
+    build_preset dev tsmail_tool
     exec "$top/scripts/sandbox" -- "$top/scripts/demo.sh" --inside
 fi
 
 # ---- From here on: in the sandbox, with an empty spool. -------------------------------------------
 
-PATH=$top/build/release/tools:$PATH
+PATH=$top/build/dev/tools:$PATH
 export LC_ALL=C.UTF-8
 samples=$top/examples/messages
 spool=/var/spool/home/site.test

@@ -17,7 +17,7 @@ done | xargs shellcheck -x -P scripts
 # It needs to know how each file is compiled, not that it was.
 say "clang-tidy"
 mkdir -p build
-cmake --preset release >build/lint.log || { cat build/lint.log >&2; die "cmake failed"; }
+cmake --preset dev >build/lint.log || { cat build/lint.log >&2; die "cmake failed"; }
 git ls-files '*.cpp' | grep -vE '^(tests|bench|examples)/' |
-    xargs -P "$(nproc)" -n 4 clang-tidy -p build/release --quiet 2>&1 |
+    xargs -P "$(nproc)" -n 4 clang-tidy -p build/dev --quiet 2>&1 |
     grep -vE '^[0-9]+ warnings? (generated|treated)' || [ "${PIPESTATUS[1]}" = 0 ] || die "clang-tidy found something"

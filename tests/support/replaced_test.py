@@ -2,6 +2,7 @@
 built with the bundled one works with it, unchanged."""
 
 import os
+import re
 import subprocess
 import unittest
 
@@ -33,7 +34,8 @@ class ReplacedTest(SpoolCase):
         def loaded(**changes):
             lines = subprocess.run(["ldd", TSMAIL], env=environment(**changes), check=True,
                                    stdout=subprocess.PIPE, text=True).stdout.splitlines()
-            return {line.split()[0]: os.path.realpath(line.split()[2]) for line in lines if "=> /" in line}
+            found = [re.match(r"\s*(\S+) => (/.*) \(0x", line) for line in lines]
+            return {line[1]: os.path.realpath(line[2]) for line in found if line}
         usual, replaced = loaded(), loaded(LD_LIBRARY_PATH=THEIRS)
         differ = {name for name in usual if usual[name] != replaced[name]}
         self.assertEqual(differ, {"libtssupport.so.1", "libkqfquery.so.1"})
