@@ -80,7 +80,7 @@ class SearchTest(unittest.TestCase):
 
     def test_what_lies_in_the_working_directory_is_not_loaded(self):
         needed = set(re.findall(r"NEEDED.*\[(.*)\]", readelf("-d", TOOL, *LIBRARIES, *SMALL)))
-        self.assertIn("libtsmail.so.1", needed)
+        self.assertIn("libtssupport.so.1", needed)
         with tempfile.TemporaryDirectory() as planted:
             for name in needed:
                 pathlib.Path(planted, name).write_text("not a library\n", encoding="utf-8")
