@@ -65,30 +65,26 @@ bool move_to(const char* path) {
     return base::retry([=] { return ::chdir(path); }) == 0;
 }
 
-bool has_path() {
-    char path[PATH_MAX];
-    return get_working_directory(path);
-}
-
 // Puts the working directory back, whatever ends the walk. A process that may not search its
 // working directory cannot come back to it; it is left in the top of the walk, the only directory
 // that its caller knows.
 class WorkingDirectoryKeeper {
   public:
-    explicit WorkingDirectoryKeeper(const char* top)
-        : top_(top), before_(base::retry([] { return ::open(".", kToReach); })) {}
+    WorkingDirectoryKeeper(const char* path, const char* top)
+        : path_(path), top_(top), before_(base::retry([] { return ::open(".", kToReach); })) {}
     WorkingDirectoryKeeper(const WorkingDirectoryKeeper&) = delete;
     WorkingDirectoryKeeper& operator=(const WorkingDirectoryKeeper&) = delete;
     ~WorkingDirectoryKeeper() {
         if (before_) {
             move_to(before_);
-        } else if (moved_) {
+        } else if (!move_to(path_) && moved_) {
             move_to(top_);
         }
     }
     void set_moved() { moved_ = true; }
 
   private:
+    const char* const path_;  // of the working directory
     const char* const top_;
     const Fd before_;
     bool moved_ = false;
@@ -153,8 +149,9 @@ class Walk {
   public:
     Walk(int depth, Visit visit, void* arg) : depth_(depth), visit_(visit), arg_(arg) {}
 
-    unsigned run(const char* dir) {
-        WorkingDirectoryKeeper keeper(dir);
+    // `before` is the path of the working directory.
+    unsigned run(const char* before, const char* dir) {
+        WorkingDirectoryKeeper keeper(before, dir);
         enter(nullptr, dir);
         if (!levels_.empty()) keeper.set_moved();
         while (!levels_.empty()) step();
@@ -334,6 +331,7 @@ bool Walk::drop_descriptors(size_t kept) {
 int tsl_visit_folders(const char* dir, int depth,
                       int (*visit)(const char* name, const struct stat* st, void* arg), void* arg) {
     if (dir == nullptr || visit == nullptr) return 0;
-    if (!Tessaly::maildir::has_path()) return 0;
-    return static_cast<int>(Tessaly::maildir::Walk(depth, visit, arg).run(dir));
+    char before[PATH_MAX];
+    if (!Tessaly::maildir::get_working_directory(before)) return 0;
+    return static_cast<int>(Tessaly::maildir::Walk(depth, visit, arg).run(before, dir));
 }

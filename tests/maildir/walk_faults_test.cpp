@@ -102,4 +102,18 @@ TEST_F(WalkFaults, OfTheWorkingDirectory) {
     EXPECT_GT(failed.count("getcwd"), 1U);
 }
 
+// Without a descriptor for the working directory the way back is its path.
+TEST_F(WalkFaults, OfTheOpeningOfTheWorkingDirectory) {
+    const fault::Trace clean = walk({});
+    const auto is_opening = [](const auto& call) { return fault::name(call) == "openat"; };
+    const auto first = std::find_if(clean.calls.begin(), clean.calls.end(), is_opening);
+    ASSERT_NE(first, clean.calls.end());
+    const long k = first - clean.calls.begin() + 1;
+    for (const int error : {EMFILE, EACCES}) {
+        const fault::Trace trace = walk({fault::Effect::error, error, k, 1});
+        ASSERT_TRUE(WIFEXITED(trace.status));
+        EXPECT_EQ(WEXITSTATUS(trace.status), 0) << error;
+    }
+}
+
 }  // namespace
