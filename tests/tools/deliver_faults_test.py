@@ -119,7 +119,8 @@ class FailingTest(FaultCase):
 
     def test_exit_codes(self):
         rows = [("ENOSPC", 75), ("EDQUOT", 75), ("ENOMEM", 75), ("EMFILE", 75), ("EIO", 74),
-                ("EROFS", 75), ("EPERM", 75), ("EACCES", 75), ("ELOOP", 73), ("ENXIO", 74)]
+                ("EROFS", 75), ("EPERM", 75), ("EACCES", 75), ("ELOOP", 73), ("ENXIO", 74),
+                ("ENOTCONN", 75), ("EHOSTDOWN", 75), ("EREMOTEIO", 75)]
         for error, code in rows:
             done, _ = self.deliver("-e", f"inject=linkat:error={error}:when=1")
             self.assertEqual(done.code, code, done)

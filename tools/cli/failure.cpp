@@ -35,6 +35,15 @@ constexpr ErrorRow kErrors[] = {
     // A server that is away.
     {ESTALE, kExitTryAgain},
     {ETIMEDOUT, kExitTryAgain},
+    {ENOTCONN, kExitTryAgain},
+    {ECONNREFUSED, kExitTryAgain},
+    {ECONNRESET, kExitTryAgain},
+    {ECONNABORTED, kExitTryAgain},
+    {EHOSTDOWN, kExitTryAgain},
+    {EHOSTUNREACH, kExitTryAgain},
+    {ENETDOWN, kExitTryAgain},
+    {ENETUNREACH, kExitTryAgain},
+    {EREMOTEIO, kExitTryAgain},
     // Something that an administrator has to change.
     {EACCES, kExitCannotCreate},
     {EPERM, kExitCannotCreate},
