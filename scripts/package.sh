@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# package.sh - installs what is missing, builds the Debian packages from a copy of the tree as it
-# stands (committed or not) and lets lintian judge them: an error or a warning is a failure. The
+# package.sh - installs what is missing, builds the Debian packages and their source from a copy of the
+# tree as it stands (committed or not) and lets lintian judge them: a tag of any level is a failure. The
 # packages are left in build/debs, the log in build/package.log.
 set -euo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -21,13 +21,14 @@ say "Building the packages; the log is build/package.log"
 # A build of packages has a home of its own, so the compiler cache is named.
 export CCACHE_DIR=${CCACHE_DIR:-${HOME:-$work}/.cache/ccache}
 export DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS:-parallel=$(nproc)}
-(cd "$work/tree" && dpkg-buildpackage -us -uc -b) >"$log" 2>&1 || {
+(cd "$work/tree" && dpkg-buildpackage -us -uc) >"$log" 2>&1 || {
     tail -n 60 "$log" >&2
     die "the packages could not be built"
 }
-mv "$work"/*.deb "$work"/*.changes "$work"/*.buildinfo "$top/build/debs/"
+mv "$work"/*.deb "$work"/*.dsc "$work"/*.tar.* "$work"/*.changes "$work"/*.buildinfo "$top/build/debs/"
 
 say "lintian"
-lintian --no-cfg --fail-on error,warning --tag-display-limit 0 "$top"/build/debs/*.changes ||
+lintian --no-cfg --pedantic --display-info --fail-on error,warning,info,pedantic --tag-display-limit 0 \
+    "$top"/build/debs/*.changes ||
     die "lintian found something"
 say "In build/debs: $(cd "$top/build/debs" && echo *.deb)"

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # unpacked.sh SOURCE BUILD PYTHON - unpacks the packages of build/debs into an empty root, lays that over
-# the sandbox's, and goes through the tutorial there: compiler, loader, man and shells find
-# everything where Debian has it.
+# the sandbox's, and runs the packages' own smoke test and the tutorial there: compiler, loader, man and
+# shells find everything where Debian has it.
 set -euo pipefail
 source=$1 build=$2 python=$3
 root=$(mktemp -d "$source/build/package/root.XXXXXX")
@@ -13,6 +13,13 @@ for deb in "$source"/build/debs/*.deb; do
     count=$((count + 1))
 done
 [ "$count" -ge 4 ] || { echo "only $count packages" >&2; exit 1; }
+
+# The mail user and its directories are made at installation.
+for deb in "$source"/build/debs/tsmail_*.deb; do
+    dpkg -e "$deb" "$root/DEBIAN"
+    grep -q systemd-sysusers "$root/DEBIAN/postinst" && grep -q systemd-tmpfiles "$root/DEBIAN/postinst"
+    rm -r "$root/DEBIAN"
+done
 
 # shellcheck disable=SC2016
 "$source/scripts/sandbox" --over "$root" --rw "$build" -- bash -euc '
@@ -35,4 +42,6 @@ done
     LC_ALL=C.UTF-8 man tsl_get_dir_size | grep -q tsl_get_dir_size
     [ -e /usr/share/bash-completion/completions/tsmail ]
     [ -e /usr/share/zsh/vendor-completions/_tsmail ]
+    [ -e /usr/share/fish/vendor_completions.d/tsmail.fish ]
+    TSMAIL_UNPACKED=1 "$source/debian/tests/smoke"
     "$python" -B "$source/tests/docs/tutorial.py" "$source"' bash "$root" "$source" "$python"
