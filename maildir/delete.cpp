@@ -9,14 +9,14 @@
 
 #include "base/dir_reader.h"
 #include "base/fd.h"
+#include "base/store_names.h"
 #include "base/tree.h"
-#include "maildir/folders.h"
 
 namespace {
 
 using Tessaly::base::Fd;
 using Tessaly::base::retry;
-using Tessaly::maildir::kSubDirsInOrder;
+using Tessaly::names::kSubDirs;
 
 bool stat_folder(const char* path, struct stat& st) {
     return path != nullptr && *path != '\0' && retry([&] { return ::stat(path, &st); }) == 0;
@@ -57,7 +57,7 @@ int tsm_delete_maildir(const char* path) {
     if (!stat_folder(path, st)) return -1;
     if (S_ISDIR(st.st_mode)) {
         if (const Fd folder = open_folder(path)) {
-            for (const char* name : kSubDirsInOrder) {
+            for (const char* name : kSubDirs) {
                 if (!empty_sub_dir(folder.get(), name)) continue;
                 retry([&] { return ::unlinkat(folder.get(), name, AT_REMOVEDIR); });
             }
@@ -70,7 +70,7 @@ int tsm_clean_maildir(const char* path) {
     struct stat st;
     if (!stat_folder(path, st) || !S_ISDIR(st.st_mode)) return -1;
     if (const Fd folder = open_folder(path)) {
-        for (const char* name : kSubDirsInOrder) empty_sub_dir(folder.get(), name);
+        for (const char* name : kSubDirs) empty_sub_dir(folder.get(), name);
         remove_cache_file(folder.get());
     }
     return 0;

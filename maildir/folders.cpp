@@ -18,6 +18,7 @@
 
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/store_names.h"
 #include "base/text.h"
 
 constexpr const char* tsl_sys_folders[] = {"Inbox", "Drafts",     "Sent", "Bulk",
@@ -25,22 +26,30 @@ constexpr const char* tsl_sys_folders[] = {"Inbox", "Drafts",     "Sent", "Bulk"
 constexpr int tsl_sys_folders_count = static_cast<int>(std::size(tsl_sys_folders)) - 1;
 static_assert(tsl_sys_folders_count == 6, "the numbers of the system folders are interface");
 
+namespace {
+constexpr tsm_sys_folder reserved(std::string_view name) { return {name.data(), name.size()}; }
+}  // namespace
+
 constexpr tsm_sys_folder tsm_sys_folders[] = {
-    {".ts_cache", 9},       {".to.be.convert.", 15}, {".uidlast", 8},        {".uidvalidity", 12},
-    {".reply", 6},          {".forward", 8},         {".signature", 10},     {".dovecot", 8},
-    {".subscriptions", 14}, {".maildirfolder", 14},  {".wmfolder_pref", 14}, {".maildirsize", 12},
+    reserved(Tessaly::names::kScanCache),
+    reserved(".to.be.convert."),
+    reserved(".uidlast"),
+    reserved(".uidvalidity"),
+    reserved(".reply"),
+    reserved(".forward"),
+    reserved(".signature"),
+    reserved(".dovecot"),
+    reserved(".subscriptions"),
+    reserved(Tessaly::names::kFolderMarker),
+    reserved(".wmfolder_pref"),
+    reserved(Tessaly::names::kMaildirSize),
     {nullptr, 0},
 };
-static_assert(std::all_of(std::begin(tsm_sys_folders), std::end(tsm_sys_folders) - 1,
-                          [](const tsm_sys_folder& row) {
-                              return std::string_view(row.name).size() == row.length;
-                          }));
 
 namespace Tessaly::maildir {
 
 namespace {
 
-constexpr std::string_view kMarker = ".maildirfolder";
 constexpr mode_t kMaildirMode = 0777;
 constexpr mode_t kUserDirMode = 0700;
 
@@ -67,7 +76,7 @@ bool make_sub_dir(int dir, const char* name) {
 bool make_sub_dirs(const char* path) {
     const base::Fd dir(
         base::retry([path] { return ::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-    return dir && std::all_of(std::begin(kSubDirsInOrder), std::end(kSubDirsInOrder),
+    return dir && std::all_of(std::begin(names::kSubDirs), std::end(names::kSubDirs),
                               [&dir](const char* name) { return make_sub_dir(dir.get(), name); });
 }
 
@@ -92,13 +101,15 @@ bool is_maildir_folder_at(int dirfd, const char* dir) {
     char path[PATH_MAX];
     base::BoundedText text(path, sizeof path);
     text << dir << '/';
-    if (text.room() < kMarker.size()) return false;  // nothing of a folder can be reached then
+    if (text.room() < names::kFolderMarker.size())
+        return false;  // nothing of a folder can be reached then
     char* name = path + text.view().size();
     const auto has = [=, &path](std::string_view entry) {
         *std::copy(entry.begin(), entry.end(), name) = '\0';
         return exists_at(dirfd, path);
     };
-    return has(kMarker) || std::all_of(std::begin(kSubDirsInOrder), std::end(kSubDirsInOrder), has);
+    return has(names::kFolderMarker) ||
+           std::all_of(std::begin(names::kSubDirs), std::end(names::kSubDirs), has);
 }
 
 }  // namespace Tessaly::maildir
@@ -154,7 +165,7 @@ int tsl_mkdir_maildir(const char* dir) {
         errno = EINVAL;
         return -1;
     }
-    if (std::strlen(dir) + 1 + std::strlen(maildir::kSubDirsInOrder[0]) >= PATH_MAX) {
+    if (std::strlen(dir) + 1 + std::strlen(Tessaly::names::kSubDirs[0]) >= PATH_MAX) {
         errno = ENAMETOOLONG;
         return -1;
     }

@@ -11,15 +11,16 @@
 #include <string_view>
 
 #include "base/fd.h"
+#include "base/store_names.h"
 #include "base/text.h"
 
 namespace {
 
 using std::string_view;
 using Tessaly::base::BoundedText;
+using Tessaly::names::kDeletedPrefix;
 
-constexpr string_view kHidden = ".deleted.";
-constexpr int kAroundName = 20;  // ".deleted.", ".", a counter of eight digits, NUL - rounded up
+constexpr int kAroundName = 20;  // the prefix, ".", a counter of eight digits, NUL - rounded up
 
 bool is_empty(const char* text) { return text == nullptr || *text == '\0'; }
 
@@ -57,7 +58,8 @@ int tsm_schedule_for_deletion(const char* path, const char* dir, const char* tag
     if (is_empty(path) || is_empty(dir)) return -1;
     char buffer[PATH_MAX];
     BoundedText text(buffer, sizeof buffer);
-    text << dir << '/' << kHidden << (tag == nullptr ? "" : tag) << '.' << Parts(path).base << '.';
+    text << dir << '/' << kDeletedPrefix << (tag == nullptr ? "" : tag) << '.' << Parts(path).base
+         << '.';
     if (text.cut()) {
         errno = ENAMETOOLONG;
         return -1;
@@ -75,7 +77,7 @@ int tsm_get_deleted_path(const char* path, char* out, int out_len) {
     if (out_len < 0 || std::strlen(path) + kAroundName > static_cast<size_t>(out_len)) return -1;
     const Parts parts(path);
     BoundedText text(out, static_cast<size_t>(out_len));
-    text << parts.directory << kHidden << parts.base << '.';
+    text << parts.directory << kDeletedPrefix << parts.base << '.';
     CountedNames names(text);
     const char* name = names.next();
     const auto look = [&name] { return ::access(name, F_OK); };
@@ -84,5 +86,5 @@ int tsm_get_deleted_path(const char* path, char* out, int out_len) {
 }
 
 int tsm_is_deleted_user_path(const char* name) {
-    return name != nullptr && string_view(name).starts_with(kHidden);
+    return name != nullptr && string_view(name).starts_with(kDeletedPrefix);
 }

@@ -12,6 +12,7 @@
 
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/store_names.h"
 
 namespace {
 
@@ -52,9 +53,10 @@ struct Relation {
     const char* own_list;
     const char* partners_list;
 };
+using Tessaly::names::kPrimaryAddresses, Tessaly::names::kSecondaryAddresses;
 constexpr Relation kRelations[] = {
-    {leave_primary, "primaryaddr", "secondaryaddr"},
-    {leave_secondary, "secondaryaddr", "primaryaddr"},
+    {leave_primary, kPrimaryAddresses.data(), kSecondaryAddresses.data()},
+    {leave_secondary, kSecondaryAddresses.data(), kPrimaryAddresses.data()},
 };
 
 unsigned steps_of(int kind) {

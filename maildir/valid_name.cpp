@@ -9,33 +9,31 @@
 #include <string_view>
 #include <vector>
 
-#include "maildir/folders.h"
+#include "base/store_names.h"
 
 namespace {
 
 using std::string_view;
 
-enum Flag : unsigned { is_path = 1, refuse_sub_dirs = 2 };
 enum Verdict { valid = 0, malformed = 1, reserved = 2 };
 
 constexpr string_view kForbidden = "/\\?*:\"<>|";
 
 bool is_sub_dir(string_view name) {
-    using Tessaly::maildir::maildir_sub_dirs;
-    return std::find(std::begin(maildir_sub_dirs), std::end(maildir_sub_dirs) - 1, name) !=
-           std::end(maildir_sub_dirs) - 1;
+    using Tessaly::names::kSubDirs;
+    return std::find(std::begin(kSubDirs), std::end(kSubDirs), name) != std::end(kSubDirs);
 }
 
 Verdict judge_component(string_view name, unsigned flags) {
     if (name.empty() || name.front() == '.') return malformed;
     if (name.find_first_of(kForbidden) != string_view::npos) return malformed;
-    return (flags & refuse_sub_dirs) != 0 && is_sub_dir(name) ? reserved : valid;
+    return (flags & TSL_NAME_REFUSE_SUB_DIRS) != 0 && is_sub_dir(name) ? reserved : valid;
 }
 
 // The first bad component decides.
 Verdict judge(string_view name, unsigned flags) {
     std::vector<string_view> components{name};
-    if ((flags & is_path) != 0) {
+    if ((flags & TSL_NAME_IS_PATH) != 0) {
         boost::algorithm::split(components, name, boost::algorithm::is_any_of("/"));
     }
     for (const string_view component : components) {

@@ -24,6 +24,7 @@
 #include "base/dir_reader.h"
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/store_names.h"
 #include "base/text.h"
 #include "maildir/folders.h"
 
@@ -113,7 +114,7 @@ bool may_be_folder(const dirent64& entry) {
     if (entry.d_type != DT_DIR && entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) {
         return false;
     }
-    return std::none_of(std::begin(kSubDirsInOrder), std::end(kSubDirsInOrder),
+    return std::none_of(std::begin(names::kSubDirs), std::end(names::kSubDirs),
                         [&](const char* sub) { return ::strcasecmp(entry.d_name, sub) == 0; });
 }
 

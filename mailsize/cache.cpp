@@ -9,6 +9,7 @@
 
 #include "base/fd.h"
 #include "base/io.h"
+#include "base/store_names.h"
 #include "base/text.h"
 #include "mailsize/folder_path.h"
 #include "mailsize/number.h"
@@ -104,7 +105,7 @@ base::Fd open_file(const char* path, int flags) {
 constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC;
 
 base::Fd open_cache_of(const char* folder, int flags) {
-    FolderPath path(folder, kCacheFile);
+    FolderPath path(folder, names::kScanCache);
     return path.cut() ? base::Fd() : open_file(path.c_str(), flags);
 }
 
@@ -169,7 +170,7 @@ int tsl_get_maildir_cache_file(const char* dir, char* buf, int bufsize) {
     if (dir == nullptr || buf == nullptr || bufsize < 1) return -1;
     const std::string_view folder = dir;
     base::BoundedText path(buf, static_cast<std::size_t>(bufsize));
-    path << folder << (folder.ends_with('/') ? "" : "/") << kCacheFile;
+    path << folder << (folder.ends_with('/') ? "" : "/") << Tessaly::names::kScanCache;
     path.c_str();
     buf[bufsize - 1] = '\0';
     return static_cast<int>(path.view().size());

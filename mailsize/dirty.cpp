@@ -5,12 +5,13 @@
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
+#include <climits>
 #include <string>
 
 #include "base/fd.h"
 #include "base/locked_stream.h"
+#include "base/store_names.h"
 #include "base/text.h"
-#include "mailsize/folder_path.h"
 #include "mailuser/direct.h"
 
 namespace Tessaly::mailsize {
@@ -26,7 +27,7 @@ bool mark_dirty(std::string_view maildir) {
     base::BoundedText path(buffer, sizeof buffer);
     path << maildir;
     if (path.cut() || ::access(path.c_str(), F_OK) != 0) return false;
-    path << '/' << kDirtyMarker;
+    path << '/' << names::kDirtyMarker;
     base::LockedStream marker(path.c_str(), "w");  // its being there is all that counts
     return true;
 }
@@ -35,7 +36,7 @@ bool mark_dirty(std::string_view maildir) {
 
 bool mark_owner_dirty(std::string_view size_file) {
     const auto npos = std::string_view::npos;
-    if (size_file.find(kMaildirSizeFile) == npos && size_file.find(kFolderSizeFile) == npos) {
+    if (size_file.find(names::kMaildirSize) == npos && size_file.find(names::kFolderSize) == npos) {
         return false;
     }
     const auto root = size_file.find(kMailRoot);
@@ -62,7 +63,7 @@ namespace Tessaly {
 void TSMailUserId::quota_reset() const {
     constexpr int kLine = 324;  // part of the exception as callers know it
     if (type_ == MAILBOX_DIRECT) throw_not_implemented("quota_reset", kLine);
-    const std::string path = base::concat({mailpath(), "/", mailsize::kDirtyMarker});
+    const std::string path = base::concat({mailpath(), "/", names::kDirtyMarker});
     // Without waiting: a FIFO in the marker's place marks as well.
     constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     const base::Fd marker(base::retry([&] { return ::open(path.c_str(), kFlags, 0666); }));

@@ -1,4 +1,4 @@
-// The size files' names, and paths of them without allocation.
+// Paths of a folder's files without allocation.
 #ifndef TSMAIL_MAILSIZE_FOLDER_PATH_H
 #define TSMAIL_MAILSIZE_FOLDER_PATH_H
 
@@ -8,14 +8,6 @@
 #include "base/text.h"
 
 namespace Tessaly::mailsize {
-
-#define TSMAIL_MAILDIRSIZE ".maildirsize"
-inline constexpr std::string_view kMaildirSizeFile = TSMAIL_MAILDIRSIZE;
-inline constexpr std::string_view kDirtyMarker = TSMAIL_MAILDIRSIZE ".dirty";
-#undef TSMAIL_MAILDIRSIZE
-inline constexpr std::string_view kFolderSizeFile = ".ts_folder_size";
-inline constexpr std::string_view kCacheFile = ".ts_cache";
-inline constexpr std::string_view kScanDateFile = ".ts_unread_scan_date";
 
 // <dir>/<name>, cut at the longest path that the system takes (4095 bytes); one at a time on a
 // stack.

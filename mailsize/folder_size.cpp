@@ -13,6 +13,7 @@
 
 #include "base/dir_reader.h"
 #include "base/fd.h"
+#include "base/store_names.h"
 #include "base/text.h"
 #include "maildir/folders.h"
 #include "mailsize/folder_path.h"
@@ -25,7 +26,7 @@ namespace {
 constexpr unsigned long long kKilobyte = 1024;
 
 bool is_message_directory(const char* name) {
-    return std::any_of(std::begin(maildir::kSubDirsInOrder), std::end(maildir::kSubDirsInOrder),
+    return std::any_of(std::begin(names::kSubDirs), std::end(names::kSubDirs),
                        [name](const char* sub) { return ::strcasecmp(name, sub) == 0; });
 }
 
@@ -38,7 +39,7 @@ bool may_be_folder(const dirent64& entry) {
 // What a folder itself holds, rounded up.
 unsigned long long own_kilobytes(const char* folder) {
     unsigned long long bytes = 0;
-    FolderPath file(folder, kFolderSizeFile);
+    FolderPath file(folder, names::kFolderSize);
     if (!file.cut()) tsl_read_mail_folder_size(file.c_str(), &bytes, nullptr);
     return (bytes + kKilobyte - 1) / kKilobyte;
 }

@@ -14,6 +14,7 @@
 #include "base/guard.h"
 #include "base/io.h"
 #include "base/locked_stream.h"
+#include "base/store_names.h"
 #include "base/text.h"
 #include "mailsize/dirty.h"
 #include "mailsize/folder_path.h"
@@ -188,8 +189,8 @@ int tsl_read_mail_folder_size(const char* path, unsigned long long* size,
 int tsl_get_maildirsize(const void*, const char* maildir, unsigned long long* size,
                         unsigned long long* count) {
     if (maildir == nullptr) return -1;
-    if (::access(FolderPath(maildir, kDirtyMarker).c_str(), F_OK) == 0) return -1;
-    return read_size_record(FolderPath(maildir, kMaildirSizeFile).c_str(), size, count);
+    if (::access(FolderPath(maildir, Tessaly::names::kDirtyMarker).c_str(), F_OK) == 0) return -1;
+    return read_size_record(FolderPath(maildir, Tessaly::names::kMaildirSize).c_str(), size, count);
 }
 
 int tsl_write_mail_folder_size(const char* path, long long size, long long count) {
@@ -204,7 +205,7 @@ namespace Tessaly {
 int TSMailUserId::append_maildirsize(long long size, long long count) const {
     constexpr int kLine = 333;  // part of the exception as callers know it
     if (type_ == MAILBOX_DIRECT) throw_not_implemented("append_maildirsize", kLine);
-    const std::string path = base::concat({mailpath(), "/", mailsize::kMaildirSizeFile});
+    const std::string path = base::concat({mailpath(), "/", names::kMaildirSize});
     return tsl_append_maildirsize(path.c_str(), size, count);
 }
 

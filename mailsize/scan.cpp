@@ -15,6 +15,7 @@
 #include "base/dir_reader.h"
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/store_names.h"
 #include "mailsize/cache.h"
 #include "mailsize/folder_path.h"
 #include "mailsize/key_set.h"
@@ -27,11 +28,7 @@ namespace {
 
 using std::string_view;
 
-// Bits of the scans' flags.
-constexpr int kStatOnly = 2;
-constexpr int kTagFirst = 4;
-
-constexpr string_view kCur = "cur", kNew = "new", kTmp = "tmp";
+using names::kCur, names::kNew, names::kTmp;
 
 // dir/sub, or dir itself if there is no sub.
 base::Fd open_directory(const char* dir, string_view sub) {
@@ -119,7 +116,7 @@ void Scan::add(const char* dir, string_view sub) {
     base::Fd fd = open_directory(dir, sub);
     complete_ = complete_ && (fd || is_missing());
     if (!fd) return;
-    if ((flags_ & kTagFirst) != 0) tag_entries(fd.get(), sub == kCur);
+    if ((flags_ & TSL_SCAN_TAG_FIRST) != 0) tag_entries(fd.get(), sub == kCur);
     dirs_[used_++].fd = std::move(fd);
 }
 
@@ -156,13 +153,13 @@ void Scan::add_all() {
 
 void Scan::add_directory(Directory& dir) {
     base::DirReader reader(dir.fd.get());
-    if (careful_ || (flags_ & kTagFirst) != 0) reader.rewind();
+    if (careful_ || (flags_ & TSL_SCAN_TAG_FIRST) != 0) reader.rewind();
     while (const dirent64* entry = reader.next_real()) add_entry(dir, *entry);
     complete_ = complete_ && !reader.failed();
 }
 
 void Scan::add_entry(Directory& dir, const dirent64& entry) {
-    const long long size = (flags_ & kStatOnly) != 0 ? -1 : size_in_name(entry.d_name);
+    const long long size = (flags_ & TSL_SCAN_STAT_ONLY) != 0 ? -1 : size_in_name(entry.d_name);
     const std::uint64_t key = careful_ ? key_of(entry) : 0;
     const bool met = careful_ && counted_.contains(key);
     struct stat st;

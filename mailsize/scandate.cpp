@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "base/locked_stream.h"
+#include "base/store_names.h"
 #include "base/text.h"
 #include "mailsize/folder_path.h"
 #include "mailsize/number.h"
@@ -45,7 +46,8 @@ using namespace Tessaly::mailsize;
 
 int tsl_set_mail_unread_scandate(const char* dir, int date) {
     if (dir == nullptr) return 0;
-    const Tessaly::base::LockedStream stream(FolderPath(dir, kScanDateFile).c_str(), "w");
+    const Tessaly::base::LockedStream stream(FolderPath(dir, Tessaly::names::kScanDate).c_str(),
+                                             "w");
     if (!stream) return 0;
     char buffer[16];  // "-2147483648\n"
     Tessaly::base::BoundedText text(buffer, sizeof buffer);
@@ -56,7 +58,7 @@ int tsl_set_mail_unread_scandate(const char* dir, int date) {
 
 int tsl_get_mail_unread_scandate(const char* dir, long* date) {
     if (dir == nullptr) return -1;
-    FolderPath path(dir, kScanDateFile);
+    FolderPath path(dir, Tessaly::names::kScanDate);
     if (::access(path.c_str(), F_OK) != 0) return -1;
     Tessaly::base::LockedStream stream(path.c_str(), "r");
     if (!stream) return -1;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "base/store_names.h"
 #include "mailsize/folder_path.h"
 #include "mailsize/name_size.h"
 
@@ -38,8 +39,8 @@ bool cut_last(string_view& path, string_view& last) {
 void record_unlinked_size(string_view path, long long size) {
     string_view name, sub;
     if (!cut_last(path, name) || !cut_last(path, sub)) return;
-    if (sub != "cur" && sub != "new") return;
-    FolderPath file(path, kFolderSizeFile);
+    if (sub != names::kCur && sub != names::kNew) return;
+    FolderPath file(path, names::kFolderSize);
     if (!file.cut()) tsl_append_mail_folder_size(file.c_str(), -size, -1);
 }
 

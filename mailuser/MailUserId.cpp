@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "base/guard.h"
+#include "base/store_names.h"
 #include "base/text.h"
 #include "mailuser/direct.h"
 
@@ -246,40 +247,42 @@ namespace {
 // From where a file kind's path starts, and what is done with the row's text.
 enum class Start {
     nothing,      // the empty path
-    home,         // H + text
+    home,         // H
+    home_file,    // H + "/" + text
     home_parent,  // dirname of H
     mail,         // the maildir root
     drop,         // the delivery folder
     folder,       // mailfolder(text)
     index,        // indexfolder(text)
-    pref,         // P + text
-    pref_tilde,   // P + "/" + T + text
+    pref,         // P
+    pref_file,    // P + "/" + text
+    pref_tilde,   // P + "/" + T + "." + text
     webdav,       // text + D + "/" + T
 };
 
 struct KindRow {
     Start start;
-    const char* text;
+    string_view text;
 };
 
 // One row a file kind, by its number.
 constexpr KindRow kKinds[] = {
-    /* 0 WHITELIST */ {Start::pref_tilde, ".whitelist"},
-    /* 1 BLACKLIST */ {Start::pref_tilde, ".blacklist"},
-    /* 2 BLOCKLIST */ {Start::pref_tilde, ".blocklist"},
+    /* 0 WHITELIST */ {Start::pref_tilde, "whitelist"},
+    /* 1 BLACKLIST */ {Start::pref_tilde, "blacklist"},
+    /* 2 BLOCKLIST */ {Start::pref_tilde, "blocklist"},
     /* 3 */ {Start::nothing, ""},
     /* 4 MAILPATH */ {Start::mail, ""},
     /* 5 PREFPATH */ {Start::pref, ""},
     /* 6 MAILDROP */ {Start::drop, ""},
-    /* 7 QUOTA_WARNING_FLAG */ {Start::home, "/quota_warning_flag"},
-    /* 8 QUOTA_EXCEEDED_FLAG */ {Start::home, "/quota_exceeded_flag"},
+    /* 7 QUOTA_WARNING_FLAG */ {Start::home_file, names::kQuotaWarning},
+    /* 8 QUOTA_EXCEEDED_FLAG */ {Start::home_file, names::kQuotaExceeded},
     /* 9 */ {Start::nothing, ""},
     /* 10 BULK */ {Start::folder, "Bulk"},
     /* 11 HOMEPATH */ {Start::home, ""},
     /* 12 HOME_PARENT */ {Start::home_parent, ""},
-    /* 13 PRIMARY_ADDR */ {Start::pref_tilde, ".primaryaddr"},
-    /* 14 SECONDARY_ADDR */ {Start::pref_tilde, ".secondaryaddr"},
-    /* 15 PREF_FILE */ {Start::pref_tilde, ".pref"},
+    /* 13 PRIMARY_ADDR */ {Start::pref_tilde, names::kPrimaryAddresses},
+    /* 14 SECONDARY_ADDR */ {Start::pref_tilde, names::kSecondaryAddresses},
+    /* 15 PREF_FILE */ {Start::pref_tilde, names::kPreferences},
     /* 16 */ {Start::nothing, ""},
     /* 17 INBOX_ARCHIVE */ {Start::folder, "Inbox_archive"},
     /* 18 INBOX */ {Start::folder, "Inbox"},
@@ -287,15 +290,15 @@ constexpr KindRow kKinds[] = {
     /* 20 BULK_ARCHIVE */ {Start::folder, "Bulk_archive"},
     /* 21 BULK_FOLDER */ {Start::folder, "Bulk"},
     /* 22 BULK_INDEX */ {Start::index, "Bulk"},
-    /* 23 QUOTA_EXCEEDED_FLAG_2 */ {Start::home, "/quota_exceeded_flag"},
-    /* 24 EMAILTAG */ {Start::pref_tilde, ".emailtag"},
-    /* 25 CALENDARTAG */ {Start::pref_tilde, ".calendartag"},
+    /* 23 QUOTA_EXCEEDED_FLAG_2 */ {Start::home_file, names::kQuotaExceeded},
+    /* 24 EMAILTAG */ {Start::pref_tilde, "emailtag"},
+    /* 25 CALENDARTAG */ {Start::pref_tilde, "calendartag"},
     /* 26 TRASH */ {Start::folder, "Trash"},
-    /* 27 CALENDAR */ {Start::pref, "/calendar.ics"},
-    /* 28 ALERT_NOTIFICATION */ {Start::home, "/.alert_notification"},
+    /* 27 CALENDAR */ {Start::pref_file, "calendar.ics"},
+    /* 28 ALERT_NOTIFICATION */ {Start::home_file, names::kNoticeStamp},
     /* 29 WEBDAV */ {Start::webdav, SPOOL_HOME "/sys_dav/webdav/"},
     /* 30 LOCAL_HOMEPATH */ {Start::home, ""},
-    /* 31 FAVORLIST */ {Start::pref_tilde, ".favorlist"},
+    /* 31 FAVORLIST */ {Start::pref_tilde, "favorlist"},
 };
 static_assert(std::size(kKinds) == MUF_FAVORLIST + 1);
 
@@ -312,7 +315,9 @@ string TSMailUserId::fname(int kind) const {
         case Start::nothing:
             break;
         case Start::home:
-            return concat({homepath(), row.text});
+            return homepath();
+        case Start::home_file:
+            return concat({homepath(), "/", row.text});
         case Start::home_parent:
             return directory_part(homepath());
         case Start::mail:
@@ -320,13 +325,15 @@ string TSMailUserId::fname(int kind) const {
         case Start::drop:
             return maildrop(string());
         case Start::folder:
-            return mailfolder(row.text);
+            return mailfolder(string(row.text));
         case Start::index:
-            return indexfolder(row.text);
+            return indexfolder(string(row.text));
         case Start::pref:
-            return concat({prefpath(), row.text});
+            return prefpath();
+        case Start::pref_file:
+            return concat({prefpath(), "/", row.text});
         case Start::pref_tilde:
-            return concat({prefpath(), "/", tilde_name_, row.text});
+            return concat({prefpath(), "/", tilde_name_, ".", row.text});
         case Start::webdav:
             return concat({row.text, domain_, "/", tilde_name_});
     }

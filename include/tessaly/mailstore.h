@@ -160,6 +160,12 @@ int tsl_mkdir_maildir(const char* dir);
 int create_mail_dir(const char* address, int create);
 int create_pref_dir(const char* address, int create);
 
+/* Flags of tsl_is_valid_mailbox_name, which may be combined. */
+enum tsl_name_flag {
+    TSL_NAME_IS_PATH = 1,        /* the name is a path of folders separated by '/' */
+    TSL_NAME_REFUSE_SUB_DIRS = 2 /* refuse components that are exactly "new", "cur" or "tmp" */
+};
+
 /* Tests a folder name that a person gave, before a folder is made by it. flags may combine: 1 the
  * name is a path of folders separated by '/'; 2 refuse components that are exactly "new", "cur" or
  * "tmp". Returns 0 if the name is valid. Returns 1 if it is malformed: NULL, empty, an empty
@@ -327,6 +333,12 @@ int tsl_set_mail_unread_scandate(const char* dir, int date);
 int tsl_get_mail_unread_scandate(const char* dir, long* date);
 
 /* ---- Size scan ------------------------------------------------------------------------------ */
+
+/* Flags of the scans, which may be combined. Other bits mean nothing. */
+enum tsl_scan_flag {
+    TSL_SCAN_STAT_ONLY = 2, /* take the file's size of every message, whatever its name says */
+    TSL_SCAN_TAG_FIRST = 4  /* first give every entry without a size field one */
+};
 
 /* These functions count what lies in the directories of a folder: each message with the size that
  * its name carries (",#F#S#<bytes>#E"), or else with the size of its file. Flags may be combined:
