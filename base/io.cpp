@@ -89,6 +89,9 @@ bool read_file(int fd, std::string& text) {
         if (n < 0) return false;
         if (n < static_cast<ssize_t>(kChunk)) return true;
         offset += n;
+        if (offset < kLongestFile) continue;
+        errno = EFBIG;
+        return false;
     }
 }
 

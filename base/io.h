@@ -24,8 +24,12 @@ bool replace_content(int fd, std::string_view text);
 // or -1 with errno. The descriptor's own offset does not move.
 ssize_t pread_full(int fd, char* buffer, std::size_t room, off_t offset);
 
-// Appends the whole file, from its beginning, to `text`. False with errno on a read error. Throws
-// std::bad_alloc.
+// What is read of one of the store's files at most. An honest one is far shorter; a longer one (it
+// may have holes of any size, and grow while it is read) counts as one that cannot be read.
+inline constexpr off_t kLongestFile = off_t{64} << 20;
+
+// Appends the whole file, from its beginning, to `text`. False with errno on a read error, EFBIG
+// for a file of more than kLongestFile bytes. Throws std::bad_alloc.
 bool read_file(int fd, std::string& text);
 
 }  // namespace Tessaly::base

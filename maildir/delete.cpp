@@ -28,9 +28,11 @@ Fd open_folder(const char* path) {
 }
 
 // Removes the files of a sub-directory; a directory in it stays. A link in the place of the
-// sub-directory is followed. False if the sub-directory cannot be opened.
+// sub-directory may lead to files of anybody's, and counts as one that cannot be opened. False if
+// the sub-directory cannot be opened.
 bool empty_sub_dir(int folder, const char* name) {
-    const Fd dir(retry([=] { return ::openat(folder, name, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+    const Fd dir(retry([=] { return ::openat(folder, name, kFlags); }));
     if (!dir) return false;
     Tessaly::base::DirReader reader(dir.get());
     while (const dirent64* entry = reader.next_real()) {

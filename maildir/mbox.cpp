@@ -1,16 +1,14 @@
 // The test for mbox files: is the first line a separator line, "From sender date"?
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <tessaly/mailstore.h>
 
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
 #include "base/fd.h"
 #include "base/io.h"
+#include "base/store_file.h"
 
 namespace {
 
@@ -24,19 +22,6 @@ constexpr string_view kRemote = " remote from";
 constexpr ptrdiff_t kShortest = 27;   // "From " and the shortest date
 constexpr ptrdiff_t kPlainLine = 40;  // a line longer than this may name a remote host at its end
 
-// Opens a file for reading. Should a FIFO have taken its place it does not wait for a writer; a
-// file that a file server holds a lease on is waited for, until the kernel has taken the lease
-// back.
-Tessaly::base::Fd open_without_writer(const char* path) {
-    constexpr int kFlags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
-    constexpr timespec kPause = {0, 10'000'000};
-    for (;;) {
-        const int fd = retry([=] { return ::open(path, kFlags); });
-        if (fd >= 0 || errno != EWOULDBLOCK) return Tessaly::base::Fd(fd);
-        ::nanosleep(&kPause, nullptr);
-    }
-}
-
 // The beginning of a file, with NULs around it.
 class Beginning {
   public:
@@ -44,7 +29,7 @@ class Beginning {
         struct stat st;
         const auto look = [&] { return ::stat(path, &st); };
         if (retry(look) != 0 || st.st_size == 0) return false;
-        const Tessaly::base::Fd file = open_without_writer(path);
+        const Tessaly::base::Fd file = Tessaly::base::open_for_reading(path);
         return file && Tessaly::base::pread_full(file.get(), buffer_ + kBefore, kLooked, 0) >= 0;
     }
     const char* text() const { return buffer_ + kBefore; }

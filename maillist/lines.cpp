@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdio>
 
@@ -32,8 +33,10 @@ const char* LineWindow::fill(const char* begin) {
     const std::size_t rest = static_cast<std::size_t>(end() - begin);
     std::memmove(buffer_ + kPieceStart - rest, begin, rest);
     const ssize_t n = base::retry([this] { return ::read(fd_, buffer_ + kPieceStart, kPiece); });
-    failed_ = n < 0;
-    end_ = kPieceStart + static_cast<std::size_t>(n > 0 ? n : 0);
+    taken_ += n;
+    if (taken_ > base::kLongestFile) errno = EFBIG;
+    failed_ = n < 0 || taken_ > base::kLongestFile;
+    end_ = kPieceStart + static_cast<std::size_t>(failed_ ? 0 : n);
     // What a look sees beyond the end is neither a line end nor a NUL.
     std::memset(buffer_ + end_, ' ', LineEnds::kWidth);
     return buffer_ + kPieceStart - rest;

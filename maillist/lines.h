@@ -2,6 +2,8 @@
 #ifndef TSMAIL_MAILLIST_LINES_H
 #define TSMAIL_MAILLIST_LINES_H
 
+#include <sys/types.h>
+
 #include <bit>
 #include <cstddef>
 #include <cstdint>
@@ -29,7 +31,8 @@ class LineWindow {
 
     // Reads the next piece, in front of which the window's unused rest from `begin` on comes to
     // stand; that is shorter than a line can be. Returns where it begins then. At the end of the
-    // file, or on a read error, the piece is empty.
+    // file, on a read error, and beyond base::kLongestFile bytes, which counts as one, the piece is
+    // empty.
     const char* fill(const char* begin);
 
     const char* piece() const { return buffer_ + kPieceStart; }
@@ -45,6 +48,7 @@ class LineWindow {
     alignas(LineEnds::kWidth) char buffer_[kPieceStart + kPiece + LineEnds::kWidth];
     std::size_t end_ = kPieceStart;
     int fd_;
+    off_t taken_ = 0;
     bool failed_ = false;
 };
 

@@ -13,9 +13,9 @@
 
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/store_file.h"
 #include "maillist/lines.h"
 #include "maillist/lock.h"
-#include "maillist/open.h"
 #include "maillist/paths.h"
 #include "maillist/sorted.h"
 
@@ -122,13 +122,16 @@ bool read_names(int fd, Names& names) {
 using namespace Tessaly::maillist;
 using Tessaly::base::Fd;
 using Tessaly::base::no_throw;
+using Tessaly::base::open_for_reading;
+using Tessaly::base::open_for_update;
 
 int mail_list_add_to(const char* user, const char* list, const char* entry, unsigned scope) {
     if (entry == nullptr) return -1;
     return no_throw(-1, [&] {
         const Fd lock = mail_list_lock(user, list, scope);
         if (!lock) return -1;
-        const Fd file = open_file(list_path(user, list, scope), O_RDWR | O_CREAT | O_APPEND);
+        const Fd file =
+            open_for_update(list_path(user, list, scope).c_str(), O_RDWR | O_CREAT | O_APPEND);
         return file ? add_entry(file.get(), entry) : -1;
     });
 }
@@ -138,7 +141,7 @@ int mail_list_find(const char* user, const char* list, const char* entry, unsign
     return no_throw(0, [&] {
         const Fd lock = mail_list_lock(user, list, scope);
         if (!lock) return 0;
-        const Fd file = open_file(list_path(user, list, scope), O_RDONLY);
+        const Fd file = open_for_reading(list_path(user, list, scope).c_str());
         return file ? find_line(file.get(), entry) : 0;
     });
 }
@@ -148,7 +151,7 @@ int mail_list_match(const char* user, const char* list, const char* address, uns
     return no_throw(0, [&] {
         const Fd lock = mail_list_lock(user, list, scope);
         if (!lock) return 0;
-        const Fd file = open_file(list_path(user, list, scope), O_RDONLY);
+        const Fd file = open_for_reading(list_path(user, list, scope).c_str());
         return file && match_line(file.get(), address) ? 1 : 0;
     });
 }
@@ -160,7 +163,7 @@ int mail_list_get_names(const char* user, const char* list, mail_list_names* out
     return no_throw(-1, [&] {
         const Fd lock = mail_list_lock(user, list, scope);
         if (!lock) return -1;
-        const Fd file = open_file(list_path(user, list, scope), O_RDONLY);
+        const Fd file = open_for_reading(list_path(user, list, scope).c_str());
         Names names;
         if (!file || !read_names(file.get(), names)) return -1;
         if (sorted != 0) names.sort();

@@ -12,8 +12,8 @@
 
 #include "base/fd.h"
 #include "base/io.h"
+#include "base/store_file.h"
 #include "base/text.h"
-#include "maillist/open.h"
 
 namespace Tessaly::maillist {
 
@@ -39,7 +39,9 @@ bool name_file(int fd, const std::string& name) {
 }
 
 bool write_unnamed(const std::string& path, std::string_view content) {
-    base::Fd fd = open_file(path.substr(0, path.rfind('/')), O_WRONLY | O_TMPFILE);
+    const std::string directory = path.substr(0, path.rfind('/'));
+    constexpr int kFlags = O_WRONLY | O_TMPFILE | O_CLOEXEC;
+    base::Fd fd(base::retry([&] { return ::open(directory.c_str(), kFlags, 0666); }));
     if (!fd || !base::write_all(fd.get(), content)) return false;
     if (!name_file(fd.get(), path)) return false;
     if (close_written(fd)) return true;
@@ -50,7 +52,7 @@ bool write_unnamed(const std::string& path, std::string_view content) {
 }
 
 bool write_named(const std::string& path, std::string_view content) {
-    base::Fd fd = open_file(path, O_WRONLY | O_CREAT | O_TRUNC);
+    base::Fd fd = base::open_for_writing(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
     if (!fd) return false;
     if (base::write_all(fd.get(), content) && close_written(fd)) return true;
     const int saved = errno;

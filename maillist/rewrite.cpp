@@ -1,5 +1,4 @@
 // The operations that write a list anew.
-#include <fcntl.h>
 #include <tessaly/maillist.h>
 
 #include <charconv>
@@ -10,9 +9,9 @@
 
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/store_file.h"
 #include "maillist/lines.h"
 #include "maillist/lock.h"
-#include "maillist/open.h"
 #include "maillist/paths.h"
 #include "maillist/replace.h"
 
@@ -25,7 +24,7 @@ void put_line(std::string& content, std::string_view line) { content.append(line
 // Reads the list and makes the new content of it: edit(line, content) puts what becomes of a line.
 template <class Edit>
 bool edit_list(const std::string& path, std::string& content, Edit& edit) {
-    const base::Fd file = open_file(path, O_RDONLY);
+    const base::Fd file = base::open_for_reading(path.c_str());
     return file && read_lines(file.get(), [&](std::string_view line) {
                edit(line, content);
                return true;

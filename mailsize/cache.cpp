@@ -9,6 +9,7 @@
 
 #include "base/fd.h"
 #include "base/io.h"
+#include "base/store_file.h"
 #include "base/store_names.h"
 #include "base/text.h"
 #include "mailsize/folder_path.h"
@@ -23,6 +24,8 @@ constexpr std::string_view kMtime = "mtime=";
 constexpr std::string_view kSize = "size=";
 // A longer line of the two-line form is read in pieces of this many bytes.
 constexpr std::size_t kCachePiece = 127;
+// A longer file is no cache: no writer makes one, and it is read until two readings agree.
+constexpr off_t kLongestCache = 65536;
 
 // The bytes of a file one after the other, for scan_number.
 class FileCursor {
@@ -40,7 +43,8 @@ class FileCursor {
     bool fill() {
         const ssize_t n =
             base::retry([&] { return ::pread(fd_, buffer_, sizeof buffer_, offset_); });
-        failed_ = failed_ || n < 0;
+        failed_ = failed_ || n < 0 || offset_ + n > kLongestCache;
+        if (failed_) return false;
         position_ = 0;
         filled_ = n > 0 ? static_cast<std::size_t>(n) : 0;
         offset_ += static_cast<off_t>(filled_);
@@ -95,18 +99,13 @@ OneLine look_for_one_line(int fd) {
             size.found, in.failed()};
 }
 
-// Does not wait: a FIFO in the cache's place must not stop the caller.
-base::Fd open_file(const char* path, int flags) {
-    if (path == nullptr) return {};
-    flags |= O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    return base::Fd(base::retry([&] { return ::open(path, flags, 0666); }));
+base::Fd open_to_read(const char* path) {
+    return path == nullptr ? base::Fd() : base::open_for_reading(path);
 }
 
-constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC;
-
-base::Fd open_cache_of(const char* folder, int flags) {
-    FolderPath path(folder, names::kScanCache);
-    return path.cut() ? base::Fd() : open_file(path.c_str(), flags);
+base::Fd open_emptied(const char* path) {
+    constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC;
+    return path == nullptr ? base::Fd() : base::open_for_writing(path, kReplace);
 }
 
 // Takes over the number behind a field's name, if both are in the line.
@@ -128,7 +127,7 @@ struct FoundFields {
 FoundFields look_for_fields(int fd, Fields fields) {
     FoundFields found;
     auto& [mtime, size] = found.cache;
-    PieceReader reader(fd, kCachePiece);
+    PieceReader reader(fd, kCachePiece, kLongestCache);
     while (mtime == 0 || size == 0) {
         const std::string_view piece = reader.next();
         if (piece.empty()) break;
@@ -144,7 +143,8 @@ FoundFields look_for_fields(int fd, Fields fields) {
 }  // namespace
 
 ScanCache read_scan_cache(const char* folder, Fields fields) {
-    const base::Fd file = open_cache_of(folder, O_RDONLY);
+    FolderPath path(folder, names::kScanCache);
+    const base::Fd file = open_to_read(path.cut() ? nullptr : path.c_str());
     if (!file) return {};
     const auto look = [&] { return look_for_fields(file.get(), fields); };
     FoundFields found = look();
@@ -153,7 +153,8 @@ ScanCache read_scan_cache(const char* folder, Fields fields) {
 }
 
 void write_scan_cache(const char* folder, long mtime, long long size) {
-    const base::Fd file = open_cache_of(folder, kReplace);
+    FolderPath path(folder, names::kScanCache);
+    const base::Fd file = open_emptied(path.cut() ? nullptr : path.c_str());
     if (!file) return;
     char buffer[64];  // two numbers of at most 20 characters and their names
     base::BoundedText text(buffer, sizeof buffer);
@@ -177,7 +178,7 @@ int tsl_get_maildir_cache_file(const char* dir, char* buf, int bufsize) {
 }
 
 int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long size) {
-    const base::Fd file = open_file(path, kReplace);
+    const base::Fd file = open_emptied(path);
     if (!file) return 0;
     char buffer[64];  // two numbers of at most 20 characters and their names
     base::BoundedText text(buffer, sizeof buffer);
@@ -186,7 +187,7 @@ int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long siz
 }
 
 int tsl_read_maildir_cache_file(const char* path, long* mtime, unsigned long* size) {
-    const base::Fd file = open_file(path, O_RDONLY);
+    const base::Fd file = open_to_read(path);
     if (!file) return 0;
     const auto look = [&] { return look_for_one_line(file.get()); };
     const OneLine cache = settled(look(), look);

@@ -8,8 +8,8 @@
 #include <climits>
 #include <string>
 
-#include "base/fd.h"
 #include "base/locked_stream.h"
+#include "base/store_file.h"
 #include "base/store_names.h"
 #include "base/text.h"
 #include "mailuser/direct.h"
@@ -64,9 +64,7 @@ void TSMailUserId::quota_reset() const {
     constexpr int kLine = 324;  // part of the exception as callers know it
     if (type_ == MAILBOX_DIRECT) throw_not_implemented("quota_reset", kLine);
     const std::string path = base::concat({mailpath(), "/", names::kDirtyMarker});
-    // Without waiting: a FIFO in the marker's place marks as well.
-    constexpr int kFlags = O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    const base::Fd marker(base::retry([&] { return ::open(path.c_str(), kFlags, 0666); }));
+    base::open_for_writing(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC);  // and closed
 }
 
 }  // namespace Tessaly

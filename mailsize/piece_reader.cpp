@@ -39,9 +39,9 @@ void PieceReader::fill() {
     const ssize_t n =
         base::retry([&] { return ::pread(fd_, buffer_ + filled_, room, file_offset_); });
     ++reads_;
-    failed_ = n < 0;
+    failed_ = n < 0 || file_offset_ + n > longest_;
     at_end_ = n == 0;
-    if (n <= 0) return;
+    if (failed_ || at_end_) return;
     filled_ += static_cast<std::size_t>(n);
     file_offset_ += n;
 }

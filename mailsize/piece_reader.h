@@ -7,14 +7,18 @@
 #include <cstddef>
 #include <string_view>
 
+#include "base/io.h"
+
 namespace Tessaly::mailsize {
 
 // A piece is a line with its line end, or as much of a longer line as the limit allows; the rest of
 // that line makes further pieces. Nothing is allocated; the buffer lies inside the object.
 class PieceReader {
   public:
-    // limit: 1 to 254 bytes. Reads from the file's beginning; the descriptor's offset stays.
-    PieceReader(int fd, std::size_t limit) : fd_(fd), limit_(limit) {}
+    // limit: 1 to 254 bytes. Reads from the file's beginning; the descriptor's offset stays. A file
+    // of more than `longest` bytes ends by an error.
+    PieceReader(int fd, std::size_t limit, off_t longest = base::kLongestFile)
+        : fd_(fd), limit_(limit), longest_(longest) {}
     PieceReader(const PieceReader&) = delete;
     PieceReader& operator=(const PieceReader&) = delete;
 
@@ -34,6 +38,7 @@ class PieceReader {
 
     int fd_;
     std::size_t limit_;
+    off_t longest_;
     bool at_end_ = false;
     bool failed_ = false;
     int reads_ = 0;

@@ -14,6 +14,7 @@
 #include "base/guard.h"
 #include "base/io.h"
 #include "base/locked_stream.h"
+#include "base/store_file.h"
 #include "base/store_names.h"
 #include "base/text.h"
 #include "mailsize/dirty.h"
@@ -66,10 +67,8 @@ LockedFile look_at(const char* path, std::FILE* stream) {
 // is not enough: file systems over a network append what is written through a descriptor that was
 // opened to append. Nothing if the path leads elsewhere by now.
 base::Fd open_to_overwrite(const LockedFile& file) {
-    constexpr int kFlags = O_WRONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     if (!file.identified) return {};
-    base::Fd fd =
-        base::off_standard(base::Fd(base::retry([&] { return ::open(file.path, kFlags); })));
+    base::Fd fd = base::off_standard(base::open_for_writing(file.path, O_WRONLY));
     struct stat st;
     if (!fd || ::fstat(fd.get(), &st) != 0) return {};
     const bool same = st.st_dev == file.device && st.st_ino == file.inode;

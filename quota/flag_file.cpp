@@ -12,6 +12,7 @@
 
 #include "base/fd.h"
 #include "base/io.h"
+#include "base/store_file.h"
 
 namespace Tessaly::quota {
 
@@ -20,12 +21,8 @@ using base::retry;
 
 namespace {
 
-// A FIFO in a flag's place must not hold the caller.
-constexpr int kOpenFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-
 Fd open_emptied(const std::string& path) {
-    return Fd(retry(
-        [&] { return ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | kOpenFlags, 0666); }));
+    return base::open_for_writing(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC);
 }
 
 // Takes the characters of a file one by one as far as they make an int.
@@ -71,18 +68,20 @@ void remove(const std::string& path) {
 }
 
 int read_number(const std::string& path) {
-    const Fd fd(retry([&] { return ::open(path.c_str(), O_RDONLY | kOpenFlags); }));
+    const Fd fd = base::open_for_reading(path.c_str());
     if (!fd) return 0;
     NumberScan scan;
     char buffer[256];
-    for (;;) {
+    for (off_t taken = 0; taken < base::kLongestFile;) {
         const ssize_t n = retry([&] { return ::read(fd.get(), buffer, sizeof buffer); });
         if (n < 0) return 0;
         if (n == 0) return scan.value();
+        taken += n;
         if (!std::all_of(buffer, buffer + n, [&](char c) { return scan.take(c); })) {
             return scan.value();
         }
     }
+    return 0;
 }
 
 void write_number(const std::string& path, int number) {

@@ -10,7 +10,9 @@
 #include <cstring>
 
 #include "base/fd.h"
+#include "base/store_file.h"
 
+namespace base = Tessaly::base;
 using Tessaly::base::Fd;
 using Tessaly::base::off_standard;
 using Tessaly::base::retry;
@@ -19,15 +21,20 @@ namespace {
 
 struct LockMode {
     const char* name;
-    int open_flags;
+    Fd (*open)(const char* path);
     int lock;
     bool empties; /* once the lock is held; O_TRUNC would empty it under a reader */
 };
 
+Fd open_to_write(const char* path) { return base::open_for_writing(path, O_WRONLY | O_CREAT); }
+Fd open_to_append(const char* path) {
+    return base::open_for_update(path, O_RDWR | O_CREAT | O_APPEND);
+}
+
 constexpr LockMode kLockModes[] = {
-    {"r", O_RDONLY, LOCK_SH, false},
-    {"w", O_WRONLY | O_CREAT, LOCK_EX, true},
-    {"a+", O_RDWR | O_CREAT | O_APPEND, LOCK_EX, false},
+    {"r", base::open_for_reading, LOCK_SH, false},
+    {"w", open_to_write, LOCK_EX, true},
+    {"a+", open_to_append, LOCK_EX, false},
 };
 
 const LockMode* find_mode(const char* name) {
@@ -37,10 +44,9 @@ const LockMode* find_mode(const char* name) {
     return nullptr;
 }
 
-// Waits for the lock, but not in the opening: a FIFO in the file's place would stop every caller.
+// Waits for the lock, but not in the opening. Only a regular file can be emptied.
 Fd open_locked(const char* path, const LockMode& mode) {
-    const int flags = mode.open_flags | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    Fd fd = off_standard(Fd(retry([&] { return ::open(path, flags, 0666); })));
+    Fd fd = off_standard(mode.open(path));
     if (!fd) return {};
     if (retry([&] { return ::flock(fd.get(), mode.lock); }) != 0) return {};
     if (mode.empties && retry([&] { return ::ftruncate(fd.get(), 0); }) != 0) return {};

@@ -1,5 +1,4 @@
 // Making and emptying directories.
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <tessaly/support.h>
 #include <unistd.h>
@@ -9,6 +8,7 @@
 #include <cstring>
 
 #include "base/fd.h"
+#include "base/store_file.h"
 #include "base/tree.h"
 
 using Tessaly::base::Fd;
@@ -67,7 +67,7 @@ int tsm_clean_dir(const char* path, int /*flags*/) {
         errno = EINVAL;
         return -1;
     }
-    const Fd dir(retry([=] { return ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    const Fd dir = Tessaly::base::open_for_emptying(path);
     if (!dir) return -1;
     const int error = Tessaly::base::empty_directory(dir.get());
     if (error == 0) return 0;

@@ -33,9 +33,9 @@ extern "C" {
  * exclusive lock; the first read starts at the beginning. A file is created with mode 0666 less
  * the umask. Any other mode fails with EINVAL.
  *
- * Waits for the lock without a limit; an interrupting signal does not end the wait. The opening
- * itself does not wait (O_NONBLOCK): a FIFO need not have its other end open. Returns a
- * stream that the caller closes with close_and_unlock_file or fclose (both release the lock), or
+ * Waits for the lock without a limit, whatever signals come. Fails with EISDIR or EINVAL for what is
+ * not a regular file, without waiting, and in a writing mode with EACCES for a symbolic link that
+ * neither root nor the effective user owns. Returns a stream for close_and_unlock_file or fclose, or
  * NULL with errno of the failed open, flock or truncation; a file that the call created stays. */
 FILE* open_and_lock_file(const char* path, const char* mode);
 
@@ -61,7 +61,7 @@ int tsm_movefile(const char* from, const char* to);
 
 /* Empties a directory: every entry below it goes, at any depth, the directory itself stays. A
  * symbolic link below `path` is removed, never followed, also when it takes a directory's place
- * while the call runs; `path` itself may be a link to a directory. flags is reserved, callers pass
+ * while the call runs; `path` may be one that root or the effective user made. flags: callers pass
  * 0. Returns 0, or -1 with errno of the first entry that could not be removed (the others are
  * removed all the same). */
 int tsm_clean_dir(const char* path, int flags);

@@ -95,8 +95,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"FstatShort", "1 1\n", "?fstat,?newfstatat:error=EIO", "1 1\n7 2\n"},
         // But which file it is remains unknown: no compaction.
         Row{"FstatLong", long_file(), "?fstat,?newfstatat:error=EIO", long_file() + kPlain},
-        Row{"SecondFstat", long_file(), "?fstat,?newfstatat:error=EIO:when=2",
-            long_file() + kPlain},
+        Row{"LastFstat", long_file(), "?fstat,?newfstatat:error=EIO:when=3", long_file() + kPlain},
         Row{"LengthUnknown", long_file(), "?fstat,?newfstatat:error=EIO;lseek:error=EIO",
             long_file() + kPlain},
         // No compaction, but the record.

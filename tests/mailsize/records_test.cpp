@@ -323,7 +323,7 @@ TEST_F(Records, AFifoInASizeFilesPlaceHoldsNobody) {
     ASSERT_EQ(::mkfifo(kSizeFile.c_str(), 0600), 0);
     ::alarm(20);  // a caller that hangs is killed
     unsigned long long size = 7, count = 7;
-    EXPECT_EQ(tsl_get_maildirsize(nullptr, kMail.c_str(), &size, &count), -1);
+    EXPECT_EQ(tsl_get_maildirsize(nullptr, kMail.c_str(), &size, &count), 0);
     EXPECT_EQ(size, 0U);
     EXPECT_EQ(count, 0U);
     EXPECT_EQ(tsl_append_maildirsize(kSizeFile.c_str(), 1, 1), 0);

@@ -2,6 +2,7 @@
 // them itself, as a process of an appliance may: the library must call the ones that it finds here.
 #include <dlfcn.h>
 #include <tessaly/support.h>
+#include <unistd.h>
 
 #include "helpers.h"
 #include "testing/files.h"
@@ -103,7 +104,9 @@ TEST(Support, WhatWasNotOpenedIsNotClosed) {
 }
 
 TEST(Support, WhatCannotBeReadIsClosed) {
-    fs::make_dirs(prefs::kFile);
+    fs::write(prefs::kFile, "");
+    ASSERT_EQ(::truncate(prefs::kFile.c_str(), off_t{65} << 20),
+              0);  // longer than any file is read
     user_pref p = prefs::defaults();
     EXPECT_EQ(read_user_pref(&p, prefs::kUser), -1);
     EXPECT_EQ(taken(), kRead);
