@@ -151,10 +151,10 @@ void add_lists(py::module_& module) {
                  return List{user, name, scope};
              }),
              "user"_a, "name"_a, "scope"_a = unsigned{MAIL_LIST_USER});
-    type.def_property_readonly(
+    type.def(
         "path", [](const List& list) { return python_text(list.path().bytes); },
         documented("Where the list lies.", {"mail_list_get_path"}).c_str());
-    type.def_property_readonly(
+    type.def(
         "file_name", [](const List& list) { return python_text(list.file_name()); },
         documented("Where the list lies, cut at 4095 bytes.", {"mail_list_get_file_name"}).c_str());
     add_entries(type);

@@ -167,16 +167,18 @@ void fill(user_pref& record, const py::bytes& content) {
 using Class = py::class_<user_pref>;
 
 void add_making(Class& type) {
-    type.def(py::init([](bool system_timezone) {
-                 auto record = std::make_unique<user_pref>();
-                 system_timezone ? get_default_user_pref_with_tz(record.get())
-                                 : get_default_user_pref(record.get());
-                 return record;
-             }),
-             documented("The defaults.",
-                        {"user_pref", "get_default_user_pref", "get_default_user_pref_with_tz"})
-                 .c_str(),
-             "system_timezone"_a = false);
+    type.def_static(
+        "defaults",
+        [](bool system_timezone) {
+            auto record = std::make_unique<user_pref>();
+            system_timezone ? get_default_user_pref_with_tz(record.get())
+                            : get_default_user_pref(record.get());
+            return record;
+        },
+        documented("The defaults.",
+                   {"user_pref", "get_default_user_pref", "get_default_user_pref_with_tz"})
+            .c_str(),
+        "system_timezone"_a = false);
     type.def(
         "copy", [](const user_pref& record) { return record; }, "The same values.");
     type.def(
@@ -185,7 +187,7 @@ void add_making(Class& type) {
         "A value by its key.", "key"_a);
     type.def("set", set_value,
              documented("Sets a value that comes back as it is; ValueError else.",
-                        {"pref_data_convertor", "store_user_pref"})
+                        {"pref_properties", "pref_data_convertor", "store_user_pref"})
                  .c_str(),
              "key"_a, "value"_a);
     type.def(

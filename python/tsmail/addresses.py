@@ -51,10 +51,10 @@ class AddressList(Collection[str]):
         return cls("", name, ListScope.SYSTEM)
 
     @property
-    @from_library(_core.List.path, _core.List.file_name)
+    @from_library(_core.List.path)
     def path(self) -> str:
         """Where the list lies."""
-        return self._list.path
+        return self._list.path()
 
     @from_library(_core.List.add)
     def add(self, entry: Text) -> None:
@@ -72,7 +72,7 @@ class AddressList(Collection[str]):
         """A new entry would become part of a last line without an end. Any rewrite ends it: this
         one leaves out an entry that is not there."""
         try:
-            with open(self._list.path, "rb") as file:
+            with open(self.path, "rb") as file:
                 is_open = file.seek(0, os.SEEK_END) > 0 and (file.seek(-1, os.SEEK_END),
                                                              file.read(1))[1] != b"\n"
         except FileNotFoundError:
@@ -135,5 +135,7 @@ class AddressList(Collection[str]):
         """Removes an entry of a list with lines "NUMBER,REST" and closes the gap."""
         self._list.remove_numbered(number)
 
+    @from_library(_core.List.file_name)
     def __repr__(self) -> str:
-        return f"<{type(self).__name__} {self.path!r}>"
+        """Names the list, also one that has no path."""
+        return f"<{type(self).__name__} {self._list.file_name()!r}>"

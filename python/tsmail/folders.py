@@ -6,13 +6,13 @@ from collections.abc import Callable, Iterator
 from typing import NamedTuple
 
 from . import _core
-from ._core import (RESERVED_NAMES, SYSTEM_FOLDERS, is_deleted_name, is_mbox, is_reserved_name,
-                    may_be_mbox, system_folder_number, system_parent_number)
+from ._core import (RESERVED_NAMES, SYSTEM_FOLDERS, append_mailbox_size, is_deleted_name, is_mbox,
+                    is_reserved_name, may_be_mbox, system_folder_number, system_parent_number)
 from ._documented import from_library
 from ._text import Text
 
 __all__ = ["RESERVED_NAMES", "SYSTEM_FOLDERS", "Folder", "NameVerdict", "ScanFlag", "Total",
-           "delete_path", "free_deleted_path", "is_deleted_name", "is_mbox", "is_reserved_name",
+           "append_mailbox_size", "delete_path", "free_deleted_path", "is_deleted_name", "is_mbox", "is_reserved_name",
            "may_be_mbox", "name_verdict", "schedule_deletion", "system_folder_number",
            "system_parent_number", "visit", "walk"]
 

@@ -11,7 +11,7 @@ from .folders import Folder, Total, walk
 from .preferences import Preferences
 from .quota import QuotaFlags
 
-__all__ = ["FileKind", "Mailbox", "MailboxType", "delete_user_file", "user_file"]
+__all__ = ["FileKind", "Mailbox", "MailboxType", "delete_user_file", "demand_recount", "user_file"]
 
 
 class MailboxType(enum.IntEnum):
@@ -135,7 +135,7 @@ class Mailbox(_core.Identity):
         """The kept total. UnknownTotalsError if it waits for a recount or its file is damaged."""
         return Total(*_core.read_mailbox_size(self.mail))
 
-    @from_library(_core.distrust_sizes_by_path, _core.distrust_sizes_by_user)
+    @from_library(_core.distrust_sizes_by_path)
     def demand_recount(self) -> None:
         """Marks the kept totals as untrusted until somebody recounts. OSError if the mailbox is not
         there; distrust_sizes() says nothing then."""
@@ -165,6 +165,12 @@ _NAMED_BY_TEXT = {MailboxType.DEAD_LETTER, MailboxType.GIVEN_PATH, MailboxType.G
 def user_file(kind: FileKind, address: Text) -> str:
     """The path of a file of an ordinary user."""
     return _core.user_file(kind, address)
+
+
+@from_library(_core.distrust_sizes_by_user)
+def demand_recount(address: Text) -> None:
+    """Marks the kept totals of an ordinary user as untrusted until somebody recounts."""
+    _core.distrust_sizes_by_user(address)
 
 
 @from_library(_core.delete_user_file)

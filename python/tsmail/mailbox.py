@@ -85,9 +85,11 @@ class Maildir(standard.Maildir):
             with self._lock() as directory:
                 name = self._place(draft, *_subdir_and_suffix(message))
                 self._flush(directory, name)
-                self._record(_message_size(draft), 1)
+                size = os.stat(draft).st_size
+                self._record(size, 1)
         finally:
             os.remove(draft)
+        self._tell(size)
         return _core.key_of_name(os.path.basename(name))
 
     def _draft(self, message: Any) -> str:
@@ -125,6 +127,7 @@ class Maildir(standard.Maildir):
             if size is None:
                 raise KeyError(f"No message with key: {key}")
             self._record(-size, -1)
+        self._tell(-size)
 
     def discard(self, key: str) -> None:
         """Removes a message if it is there."""
@@ -154,6 +157,7 @@ class Maildir(standard.Maildir):
                 os.rename(draft, f"{self._path}/{new}")
                 self._flush(directory, new)
                 if new != old and self._unlink(f"{self._path}/{old}") is None:
+                    gone = 0
                     self._record(size, 1)
                 else:
                     self._record(size - gone, 0)
@@ -161,6 +165,7 @@ class Maildir(standard.Maildir):
             with contextlib.suppress(FileNotFoundError):
                 os.remove(draft)
         self._toc[key] = new
+        self._tell(size - gone)
 
     @staticmethod
     def _name_for(key: str, size: int, old: str, message: Any) -> str:
@@ -190,6 +195,9 @@ class Maildir(standard.Maildir):
                 self._record(-size, -1)
                 target._record(size, 1)
         self._toc.pop(key, None)
+        if target._path != self._path:
+            self._tell(-size)
+            target._tell(size)
 
     def get_flags(self, key: str) -> str:
         """The flags of a message, which is not read; KeyError if there is none."""
@@ -279,7 +287,7 @@ class Maildir(standard.Maildir):
         return folder_lock(paths, exclusive=exclusive)
 
     def _record(self, size: int, messages: int) -> None:
-        """Counts a change and tells the quota daemon. What could not be counted is recounted: the
+        """Counts a change, under the folder's lock. What could not be counted is recounted: the
         library's appends do not say whether they could write, the file's stamp does."""
         mailbox_file = self.mailbox.mail + "/.maildirsize"
         before = _stamp(self._folder.size_file), _stamp(mailbox_file)
@@ -288,8 +296,13 @@ class Maildir(standard.Maildir):
         after = _stamp(self._folder.size_file), _stamp(mailbox_file)
         if before[0] == after[0] or before[1] == after[1]:
             self.mailbox.distrust_sizes()
-        with contextlib.suppress(OSError):
-            self._folder.tell_quota_daemon(size)
+
+    def _tell(self, delta: int) -> None:
+        """Tells the quota daemon of a change, without a lock: it may keep its senders waiting. That
+        nobody listens is no failure."""
+        if delta:
+            with contextlib.suppress(OSError):
+                self._folder.tell_quota_daemon(delta)
 
     @staticmethod
     def _flush(folder: int, name: str) -> None:

@@ -51,11 +51,11 @@ class Preferences(Mapping[str, Value]):
 
     __slots__ = ("_record",)
 
-    @from_library(_core.PreferenceRecord.__init__)
+    @from_library(_core.PreferenceRecord.defaults)
     def __init__(self, values: Mapping[str, Value] | None = None, *,
                  system_timezone: bool = False) -> None:
         """The defaults, by request with the system's time zone, then what `values` has."""
-        self._record = _core.PreferenceRecord(system_timezone)
+        self._record = _core.PreferenceRecord.defaults(system_timezone)
         self.update(values or {})
 
     @classmethod
@@ -111,7 +111,7 @@ class Preferences(Mapping[str, Value]):
 
     def reset(self, key: str) -> None:
         """Gives a key its default."""
-        self._record.set(key, _core.PreferenceRecord().get(key))
+        self._record.set(key, _core.PreferenceRecord.defaults().get(key))
 
     def __getitem__(self, key: str) -> Value:
         return self._record.get(key)

@@ -107,6 +107,7 @@ class AddressesTest(unittest.TestCase):
         self.assertEqual(addresses.system_lists_changed("ann@site.test"), 0)
         with self.assertRaises(OSError) as caught:
             AddressList("u", "n" * 5000).path  # pylint: disable=expression-not-assigned
+        self.assertIn("nnnn", repr(AddressList("u", "n" * 5000)))
         self.assertEqual(caught.exception.errno, errno.ENAMETOOLONG)
 
 

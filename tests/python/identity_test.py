@@ -116,6 +116,14 @@ class TotalsTest(unittest.TestCase):
         box.distrust_sizes()
         self.assertTrue(os.path.exists(f"{MAIL}/.maildirsize.dirty"))
         os.unlink(f"{MAIL}/.maildirsize.dirty")
+        identity.demand_recount("ann@site.test")
+        self.assertTrue(os.path.exists(f"{MAIL}/.maildirsize.dirty"))
+        os.unlink(f"{MAIL}/.maildirsize.dirty")
+        with self.assertRaises(OSError):
+            identity.demand_recount("")
+        tsmail.folders.append_mailbox_size(f"{MAIL}/.maildirsize", 7, 1)
+        self.assertEqual(box.size(), (7, 1))
+        box.append_size(-7, -1)
         box.append_size(-1, -1)
         with self.assertRaisesRegex(tsmail.UnknownTotalsError, "damaged"):
             box.size()

@@ -231,11 +231,17 @@ class MaildirTest(Case):
             daemon.bind("/tmp/quotad.socket")
             try:
                 key = self.inbox.add(MESSAGE)
+                self.inbox[key] = MESSAGE + b"xx"
+                self.inbox[key] = MESSAGE[::-1].strip() + b"\n"
+                self.inbox.set_flags(key, "S")
                 self.inbox.remove(key)
-                told = [daemon.recv(600) for _ in range(2)]
+                told = [daemon.recv(600) for _ in range(4)]
+                daemon.setblocking(False)
+                self.assertRaises(BlockingIOError, daemon.recv, 600)
             finally:
                 os.unlink("/tmp/quotad.socket")
-        self.assertEqual(told, [f"S{sign}{len(MESSAGE)},F({MAIL}/Inbox)".encode() for sign in ("", "-")])
+        sizes = (len(MESSAGE), 2, -2, -len(MESSAGE))
+        self.assertEqual(told, [f"S{size},F({MAIL}/Inbox)".encode() for size in sizes])
 
     def test_names_that_are_no_text(self):
         with open(f"{MAIL}/Inbox/cur/".encode() + b"\xff:2,S", "wb") as file:
