@@ -1,5 +1,7 @@
 #include "binding.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace tsmail_python {
@@ -27,6 +29,27 @@ bool read_str(PyObject* text, std::string& out) {
     return bytes && read_bytes(bytes.ptr(), out);
 }
 
+bool is_ascii(std::string_view text) {
+    constexpr std::uint64_t kHighBits = 0x8080808080808080;
+    std::size_t at = 0;
+    for (; at + sizeof kHighBits <= text.size(); at += sizeof kHighBits) {
+        std::uint64_t bytes;
+        std::memcpy(&bytes, text.data() + at, sizeof bytes);
+        if ((bytes & kHighBits) != 0) return false;
+    }
+    return std::all_of(text.begin() + static_cast<std::ptrdiff_t>(at), text.end(),
+                       [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+}
+
+// Nearly all texts are ASCII, which is ASCII in every encoding of a file system.
+PyObject* new_text(std::string_view bytes) {
+    const auto size = static_cast<Py_ssize_t>(bytes.size());
+    if (!is_ascii(bytes)) return PyUnicode_DecodeFSDefaultAndSize(bytes.data(), size);
+    PyObject* text = PyUnicode_New(size, 0x7f);
+    if (text != nullptr) std::memcpy(PyUnicode_1BYTE_DATA(text), bytes.data(), bytes.size());
+    return text;
+}
+
 }  // namespace
 
 bool read_text(PyObject* object, std::string& out) {
@@ -40,8 +63,7 @@ bool read_text(PyObject* object, std::string& out) {
 }
 
 py::str python_text(std::string_view bytes) {
-    PyObject* text =
-        PyUnicode_DecodeFSDefaultAndSize(bytes.data(), static_cast<Py_ssize_t>(bytes.size()));
+    PyObject* text = new_text(bytes);
     if (text == nullptr) throw py::error_already_set();
     return py::reinterpret_steal<py::str>(text);
 }

@@ -6,10 +6,12 @@
 #include <tessaly/mailstore.h>
 
 #include <climits>
+#include <cstring>
 #include <ctime>
-#include <memory>
 #include <optional>
 
+#include "base/dir_reader.h"
+#include "base/fd.h"
 #include "binding.h"
 
 namespace tsmail_python {
@@ -49,23 +51,26 @@ std::string_view key_of(std::string_view name) {
     return name.substr(0, name.find(kSizeField, first + kSizeField.size()));
 }
 
-using Directory = std::unique_ptr<DIR, int (*)(DIR*)>;
+using Tessaly::base::DirReader;
+using Tessaly::base::Fd;
+using Tessaly::base::retry;
 
-bool is_directory(DIR* dir, const dirent& entry) {
+constexpr std::size_t kPiece = 1 << 17;  // bytes of names that are turned into Python's at a time
+
+bool is_directory(int dir, const dirent64& entry) {
     if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type == DT_DIR;
     struct stat st;
-    return ::fstatat(::dirfd(dir), entry.d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
+    return ::fstatat(dir, entry.d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The names in a directory that are no directories, each ended by NUL.
-std::string names_in(const std::string& path) {
-    std::string names;
-    const Directory dir(::opendir(path.c_str()), ::closedir);
-    if (!dir) return names;
-    for (errno = 0; const dirent* entry = ::readdir(dir.get()); errno = 0) {
-        if (!is_directory(dir.get(), *entry)) names.append(entry->d_name).push_back('\0');
+// The next names of a directory that are no directories, each ended by NUL. False at the end.
+bool next_names(int dir, DirReader& reader, std::string& names) {
+    names.clear();
+    const dirent64* entry = nullptr;
+    while (names.size() < kPiece && (entry = reader.next_real()) != nullptr) {
+        if (!is_directory(dir, *entry)) names.append(entry->d_name, std::strlen(entry->d_name) + 1);
     }
-    return names;
+    return entry != nullptr;
 }
 
 void add_entries(py::dict& table, const std::string& names, std::string_view sub) {
@@ -74,19 +79,31 @@ void add_entries(py::dict& table, const std::string& names, std::string_view sub
         const std::string_view name = names.data() + begin;
         path.resize(sub.size());
         path.append(name);
-        table[python_text(key_of(name))] = python_text(path);
+        const py::str key = python_text(key_of(name)), place = python_text(path);
+        if (PyDict_SetItem(table.ptr(), key.ptr(), place.ptr()) != 0) throw py::error_already_set();
         begin += name.size() + 1;
+    }
+}
+
+void add_directory(py::dict& table, const Text& path, std::string_view sub) {
+    const auto dir = outcome_of([&] {
+        return Fd(retry([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    });
+    if (!dir.result) throw_os_error(dir.error, path);
+    DirReader reader(dir.result.get());
+    std::string names;
+    for (bool more = true; more;) {
+        const auto read = outcome_of([&] { return next_names(dir.result.get(), reader, names); });
+        if (reader.failed()) throw_os_error(read.error, path);
+        add_entries(table, names, sub);
+        more = read.result;
     }
 }
 
 // {key: "cur/NAME" or "new/NAME"}
 py::dict messages_in(const Text& folder) {
     py::dict table;
-    for (const std::string sub : {"cur/", "new/"}) {
-        const auto listed = outcome_of([&] { return names_in(folder.bytes + '/' + sub); });
-        if (listed.error != 0) throw_os_error(listed.error, Text{folder.bytes + '/' + sub});
-        add_entries(table, listed.result, sub);
-    }
+    for (const char* sub : {"cur/", "new/"}) add_directory(table, {folder.bytes + '/' + sub}, sub);
     return table;
 }
 

@@ -171,8 +171,11 @@ void add_making(Class& type) {
         "defaults",
         [](bool system_timezone) {
             auto record = std::make_unique<user_pref>();
-            system_timezone ? get_default_user_pref_with_tz(record.get())
-                            : get_default_user_pref(record.get());
+            if (system_timezone) {
+                without_gil([&] { get_default_user_pref_with_tz(record.get()); });
+            } else {
+                get_default_user_pref(record.get());
+            }
             return record;
         },
         documented("The defaults.",
