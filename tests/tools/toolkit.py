@@ -97,25 +97,44 @@ def limited(**limits):
     return apply
 
 
+class Call(str):
+    """A system call as strace writes it; `process` made it."""
+
+    def __new__(cls, line):
+        process, text = line.split(None, 1)
+        call = super().__new__(cls, text)
+        call.process = process
+        return call
+
+
+def processes_of(process):
+    """The process and those that it has started."""
+    started = []
+    for task in glob.glob(f"/proc/{process.pid}/task/*/children"):
+        with open(task, encoding="ascii") as file:
+            started += file.read().split()
+    return [str(process.pid), *started]
+
+
 def traced(options, words, **more):
     """Runs words under strace; returns the result and the list of the system calls' lines."""
     log = "/tmp/trace.log"
     env = environment(ASAN_OPTIONS="detect_leaks=0")  # leaks cannot be looked for under a tracer
     done = run(["strace", "-f", "-qq", "-o", log, *options, "--", *words], env=env, **more)
     with open(log, encoding="utf-8", errors="replace") as file:
-        calls = [line.split(None, 1)[1].rstrip("\n") for line in file]
+        calls = [Call(line.rstrip("\n")) for line in file]
     return done, calls
 
 
 def numbered(calls):
-    """(name, n, line) of each system call: the n-th of its name."""
+    """(name, n, line) of each system call: the n-th of its name in its process, as strace counts."""
     counts, result = {}, []
     for line in calls:
         match = re.match(r"(\w+)\(", line)
         if match:
-            name = match.group(1)
-            counts[name] = counts.get(name, 0) + 1
-            result.append((name, counts[name], line))
+            key = (line.process, match.group(1))
+            counts[key] = counts.get(key, 0) + 1
+            result.append((match.group(1), counts[key], line))
     return result
 
 
@@ -206,6 +225,9 @@ class SpoolCase(unittest.TestCase):
     def setUp(self):
         for name in os.listdir("/var/spool"):
             shutil.rmtree(os.path.join("/var/spool", name))
+        if os.geteuid() == 0:
+            os.chown("/var/spool", 0, 0)
+            os.chmod("/var/spool", 0o755)
 
     def succeed(self, *words, **options):
         done = tsmail(*words, **options)

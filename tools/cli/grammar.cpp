@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <thread>
 
 #include "tools/cli/manual.h"
 #include "tools/cli/nearest.h"
@@ -163,6 +164,13 @@ void declare(CLI::App& app, Session& session, Choices& choices, std::vector<stri
     app.add_flag("--json", session.json, "Show results as JSON, one object a line");
     app.add_flag("-q,--quiet", session.quiet, "Say nothing but errors");
     app.add_flag("-v,--verbose", session.verbosity, "Say more about what is done");
+    app.add_option_function<string>(
+        "--timeout",
+        [&session](const string& given) {
+            constexpr long long kDay = 86400;
+            session.timeout = std::chrono::seconds(whole_number("--timeout", given, 1, kDay));
+        },
+        "Give up on a mailbox after so many seconds (default: 300)");
     for (const auto add : kVerbFamilies) add({app, session, choices});
     app.add_subcommand(kHelp, "Show the manual page of a verb")
         ->add_option("VERB", asked, "The verb, as list add (default: the command itself)")
@@ -236,6 +244,17 @@ Verb& Verb::address(string& value) {
     return text("ADDRESS", value, "The mailbox, as ann@site.test").required();
 }
 
+Verb& Verb::choice(Choice& choice) {
+    return text("ADDRESS", choice.address, "The mailbox, as ann@site.test")
+        .flag("--all", choice.all, "All mailboxes")
+        .text("--domain", choice.domain, "All mailboxes of this domain");
+}
+
+Verb& Verb::jobs(std::optional<string>& value) {
+    return text("--jobs", value,
+                "How many mailboxes at a time, up to 64 (default: one for each processor)");
+}
+
 VerbGroup VerbGroup::group(const string& name, const string& help) const {
     CLI::App* app = app_->add_subcommand(name, help);
     app->require_subcommand(1);
@@ -269,6 +288,12 @@ long long whole_number(string_view what, string_view given, long long least, lon
     if (whole && number >= least && number <= most) return number;
     throw Failure(kExitUsage, fmt::format("{} \"{}\": a whole number from {} to {} is wanted", what,
                                           printable(given), least, most));
+}
+
+std::size_t jobs_of(const std::optional<string>& given) {
+    constexpr long long kMostJobs = 64;
+    if (!given) return std::max(1U, std::thread::hardware_concurrency());
+    return static_cast<std::size_t>(whole_number("--jobs", *given, 1, kMostJobs));
 }
 
 bool read_command_line(int argc, const char* const* argv, Session& session) {

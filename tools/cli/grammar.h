@@ -30,6 +30,13 @@ struct Word {
 // What an argument may be, where that is a matter of a few words: for completion and documents.
 using Choices = std::map<const CLI::Option*, std::vector<std::string>>;
 
+// Which mailboxes a command is about, as its words say it.
+struct Choice {
+    std::optional<std::string> address;
+    bool all = false;
+    std::optional<std::string> domain;
+};
+
 // A verb's arguments, as they are declared: "--name" for options, a word for positional ones.
 // Values are taken as they stand. What is declared lives as long as the verb can run.
 class Verb {
@@ -47,6 +54,10 @@ class Verb {
     Verb& one_of(std::vector<std::string> words);
     // The mailbox that nearly every verb is about.
     Verb& address(std::string& value);
+    // The same, or all mailboxes, or those of a domain.
+    Verb& choice(Choice& choice);
+    // How many of them at a time.
+    Verb& jobs(std::optional<std::string>& value);
 
   private:
     CLI::App* app_;
@@ -90,6 +101,9 @@ const Word& word_of(std::span<const Word> words, std::string_view what, std::str
 // else.
 long long whole_number(std::string_view what, std::string_view given, long long least,
                        long long most);
+
+// What --jobs says; one for each processor if it was not given. A Failure with code kExitUsage.
+std::size_t jobs_of(const std::optional<std::string>& given);
 
 // Reads the command line into the session. Returns true if there is a verb to run; false if all was
 // said (help, version). Failure with code kExitUsage for what is not in the grammar.

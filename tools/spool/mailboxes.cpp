@@ -1,13 +1,12 @@
 #include "tools/spool/mailboxes.h"
 
-#include <algorithm>
-#include <filesystem>
 #include <optional>
 
 #include "tools/cli/address.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/work/folder.h"
+#include "tools/work/paths.h"
 
 namespace Tessaly::tool {
 
@@ -28,25 +27,6 @@ std::optional<TSMailUserId> mailbox_at(const string& home) {
 }
 
 }  // namespace
-
-string in(const string& directory, std::string_view name) {
-    string path = directory;
-    return path.append("/").append(name);
-}
-
-std::vector<string> names_in(const string& directory) {
-    std::vector<string> names;
-    std::error_code error;
-    std::filesystem::directory_iterator entry(directory, error);
-    for (; !error && entry != end(entry); entry.increment(error)) {
-        names.push_back(entry->path().filename());
-    }
-    if (error && error.value() != ENOENT && error.value() != ENOTDIR) {
-        throw system_failure(printable(directory), error.value());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 TSMailUserId existing_mailbox(const string& address) {
     TSMailUserId id = mailbox_of(address);

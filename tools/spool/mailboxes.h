@@ -6,17 +6,9 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 namespace Tessaly::tool {
-
-// The path of a name in a directory.
-std::string in(const std::string& directory, std::string_view name);
-
-// The names in a directory but "." and "..", in byte order; none if there is no such directory. A
-// Failure if it cannot be read.
-std::vector<std::string> names_in(const std::string& directory);
 
 // The mailbox of a user that is there; a Failure if there is none.
 TSMailUserId existing_mailbox(const std::string& address);

@@ -1,17 +1,10 @@
-// doctor - says what is wrong in mailboxes, and mends it if asked to.
-#include <fmt/format.h>
-#include <nlohmann/json.hpp>
-
+// doctor - says what is wrong in mailboxes, and repairs it if asked to.
 #include <algorithm>
 
-#include "tools/cli/failure.h"
-#include "tools/cli/progress.h"
 #include "tools/cli/text.h"
 #include "tools/doctor/checks.h"
-#include "tools/spool/identity.h"
-#include "tools/spool/mailboxes.h"
+#include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
-#include "tools/work/mailbox_lock.h"
 
 namespace Tessaly::tool {
 
@@ -20,106 +13,106 @@ namespace {
 using std::string;
 
 struct Arguments {
-    std::optional<string> address;
-    bool all = false;
+    Choice choice;
     bool repair = false;
+    std::optional<string> jobs;
 };
 
-// What came of the checks so far.
-struct Outcome {
-    std::uint64_t findings = 0;
-    std::uint64_t mended = 0;
-    int failure = kExitOk;  // the largest exit code of a check that could not be made
-};
+// ---- the worker's part
 
-// Whether it was mended.
-bool try_to_mend(const Session& session, const Finding& finding) {
+// Whether it was repaired.
+bool try_to_repair(const Finding& finding, Report& report) {
     try {
         finding.mend();
         return true;
     } catch (const Failure& failure) {
-        session.error(failure.what());
+        report.warn(failure.what());
         return false;
     }
 }
 
-void show(Session& session, const Patient& patient, const Check& check, const Finding& finding,
-          bool repair, bool mended) {
-    if (session.json) {
-        session.out.object(Json{{"address", patient.id.address(true)},
-                                {"check", check.name},
-                                {"path", finding.path},
-                                {"what", finding.what},
-                                {"why", check.why},
-                                {"repair", finding.repair},
-                                {"repaired", mended}});
-        return;
+void run_check(const Patient& patient, const Check& check, bool repair, Report& report) {
+    for (const Finding& finding : check.look(patient)) {
+        const bool repaired = repair && finding.mend && try_to_repair(finding, report);
+        report.object({{"address", patient.id.address(true)},
+                       {"check", check.name},
+                       {"path", finding.path},
+                       {"what", finding.what},
+                       {"why", check.why},
+                       {"repair", finding.repair},
+                       {"repaired", repaired}});
     }
+}
+
+// A check that cannot be made does not keep the others.
+int look_at(const Patient& patient, bool repair, Report& report) {
+    for (const Check& check : all_checks()) {
+        try {
+            run_check(patient, check, repair, report);
+        } catch (const Failure& failure) {
+            report.error(Failure(
+                failure.code(),
+                fmt::format("the check \"{}\" could not be made: {}", check.name, failure.what()),
+                failure.error()));
+        }
+    }
+    return kExitOk;
+}
+
+// ---- what is shown
+
+void show(Session& session, const Json& finding, bool repair) {
+    if (session.json) return session.out.object(finding);
+    const auto text = [&](const char* field) { return finding.at(field).get<string>(); };
     Output& out = session.out;
-    out.line(out.strong(printable(finding.path)) + ": " + printable(finding.what));
-    out.line(fmt::format("  why it matters: {}", check.why));
-    if (mended) {
-        out.line("  repaired: " + finding.repair);
-    } else if (finding.repair.empty()) {
+    out.line(out.strong(printable(text("path"))) + ": " + printable(text("what")));
+    out.line(fmt::format("  why it matters: {}", text("why")));
+    if (finding.at("repaired").get<bool>()) {
+        out.line("  repaired: " + text("repair"));
+    } else if (text("repair").empty()) {
         out.line("  repair: none, please look at it");
     } else {
-        out.line((repair ? "  not repaired: " : "  repair: ") + finding.repair);
+        out.line((repair ? "  not repaired: " : "  repair: ") + text("repair"));
     }
-}
-
-void run_check(Session& session, const Patient& patient, const Check& check, bool repair,
-               Outcome& outcome) {
-    try {
-        for (const Finding& finding : check.look(patient)) {
-            const bool mended = repair && finding.mend && try_to_mend(session, finding);
-            ++outcome.findings;
-            outcome.mended += mended ? 1 : 0;
-            show(session, patient, check, finding, repair, mended);
-        }
-    } catch (const Failure& failure) {
-        session.error(fmt::format("{}: the check \"{}\" could not be made: {}",
-                                  printable(patient.id.address(true)), check.name, failure.what()));
-        outcome.failure = std::max<int>(outcome.failure, failure.code());
-    }
-}
-
-// Clean is what is clean in the end.
-int code_of(const Outcome& outcome) {
-    if (outcome.failure != kExitOk) return outcome.failure;
-    return outcome.findings == outcome.mended ? kExitOk : kExitNo;
 }
 
 int run_doctor(Session& session, const Arguments& arguments) {
-    raise_open_file_limit();
-    const auto mailboxes = chosen_mailboxes(arguments.address, arguments.all);
-    Progress progress(session, "looking at mailboxes", mailboxes.size());
-    Outcome outcome;
-    std::uint64_t done = 0;
-    for (const TSMailUserId& id : mailboxes) {
-        const AsOwner owner(session, id);
-        const Patient patient = {id, FolderMaker(session.callers_umask)};
-        for (const Check& check : all_checks()) {
-            run_check(session, patient, check, arguments.repair, outcome);
-        }
-        progress.advance(++done);
-    }
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    const FolderMaker maker(session.callers_umask);
+    std::uint64_t findings = 0, repaired = 0;
+    MailboxJob job;
+    job.progress = "looking at mailboxes";
+    job.jobs = jobs_of(arguments.jobs);
+    job.changes_sizes = arguments.repair;
+    job.work = [&](const TSMailUserId& id, Report& report) {
+        return look_at({id, maker}, arguments.repair, report);
+    };
+    job.show = [&](const TSMailUserId&, const Json& finding) {
+        ++findings;
+        if (finding.at("repaired").get<bool>()) ++repaired;
+        show(session, finding, arguments.repair);
+    };
+    const JobResult result = run_quietly_on(session, mailboxes, job);
     if (!session.json) {
-        session.out.line(fmt::format("{} findings in {} mailboxes, {} repaired", outcome.findings,
-                                     done, outcome.mended));
+        session.out.line(fmt::format("{} finding{} in {} mailbox{}, {} repaired", findings,
+                                     findings == 1 ? "" : "s", mailboxes.ids.size(),
+                                     mailboxes.ids.size() == 1 ? "" : "es", repaired));
     }
-    return code_of(outcome);
+    if (mailboxes.all) show_left_out(session, result);
+    if (result.code != kExitOk) return result.code;
+    return findings == repaired ? kExitOk : kExitNo;
 }
 
 void declare_doctor(Verb& verb, Arguments& arguments) {
-    verb.text("ADDRESS", arguments.address, "The mailbox, as ann@site.test")
-        .flag("--all", arguments.all, "All mailboxes")
-        .flag("--repair", arguments.repair, "Mend what can be mended without losing mail");
+    verb.choice(arguments.choice)
+        .flag("--repair", arguments.repair, "Repair what can be repaired without losing mail")
+        .jobs(arguments.jobs);
 }
 
 }  // namespace
 
 void add_doctor_verb(const VerbGroup& top) {
-    top.verb("doctor", "Say what is wrong in a mailbox, and mend it", declare_doctor, run_doctor);
+    top.verb("doctor", "Say what is wrong in a mailbox, and repair it", declare_doctor, run_doctor);
 }
 
 }  // namespace Tessaly::tool

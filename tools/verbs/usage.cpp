@@ -1,21 +1,14 @@
 // usage - all mailboxes at a glance.
 #include <fmt/chrono.h>
-#include <fmt/format.h>
-#include <sys/stat.h>
-#include <unistd.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
-#include <functional>
+#include <ctime>
+#include <utility>
 
-#include "tools/cli/address.h"
-#include "tools/cli/progress.h"
 #include "tools/cli/text.h"
-#include "tools/spool/identity.h"
-#include "tools/spool/mailboxes.h"
+#include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
-#include "tools/work/size_file.h"
 #include "tools/work/usage.h"
 
 namespace Tessaly::tool {
@@ -34,44 +27,65 @@ struct Arguments {
 enum Order { kBySize, kByMessages, kByName };
 constexpr Word kOrders[] = {{kBySize, "size"}, {kByMessages, "messages"}, {kByName, "name"}};
 
-// The largest first; equal ones by name, in which order they come.
-void sort_rows(std::vector<MailboxUsage>& rows, int order) {
-    if (order == kByName) return;
-    const auto key = order == kBySize ? &KeptTotal::bytes : &KeptTotal::messages;
-    std::stable_sort(rows.begin(), rows.end(), [key](const MailboxUsage& a, const MailboxUsage& b) {
-        return a.kept.*key > b.kept.*key;
-    });
-}
+// ---- the worker's part
 
-string date_text(std::time_t time) {
-    std::tm parts;
-    if (time <= 0 || ::gmtime_r(&time, &parts) == nullptr) return "-";
-    return fmt::format("{:%Y-%m-%d %H:%M}", parts);
-}
-
-Json json_of(const MailboxUsage& row) {
-    Json object = {{"address", row.id.address(true)}, {"path", row.id.mailpath()}};
-    object["bytes"] = row.kept.damaged ? Json(nullptr) : Json(row.kept.bytes);
-    object["messages"] = row.kept.damaged ? Json(nullptr) : Json(row.kept.messages);
-    object["dirty"] = row.dirty;
-    object["warning"] = row.warning;
-    object["exceeded"] = row.exceeded;
-    object["changed"] = row.changed > 0 ? Json(row.changed) : Json(nullptr);
-    if (row.verified) {
-        object["actual_bytes"] = row.verified->actual.bytes;
-        object["actual_messages"] = row.verified->actual.messages;
-        object["newest"] = row.verified->newest > 0 ? Json(row.verified->newest) : Json(nullptr);
-        object["agrees"] = row.agrees();
-    }
+Json json_of(const TSMailUserId& id, const MailboxUsage& usage) {
+    Json object = {{"address", id.address(true)}, {"path", id.mailpath()}};
+    object["bytes"] = usage.kept.damaged ? Json(nullptr) : Json(usage.kept.bytes);
+    object["messages"] = usage.kept.damaged ? Json(nullptr) : Json(usage.kept.messages);
+    object["dirty"] = usage.dirty;
+    object["warning"] = usage.warning;
+    object["exceeded"] = usage.exceeded;
+    object["changed"] = usage.changed > 0 ? Json(usage.changed) : Json(nullptr);
     return object;
 }
 
-string flags_text(const MailboxUsage& row) {
+Json json_of(const Verified& verified) {
+    return {{"actual_bytes", verified.actual.bytes},
+            {"actual_messages", verified.actual.messages},
+            {"newest", verified.newest > 0 ? Json(verified.newest) : Json(nullptr)}};
+}
+
+// ---- what is shown
+
+struct Row {
+    TSMailUserId id;
+    Json object;
+};
+using Rows = std::vector<Row>;
+
+long long number(const Json& object, const char* field) {
+    const Json& value = object.at(field);
+    return value.is_null() ? 0 : value.get<long long>();
+}
+
+bool agrees(const Json& row) {
+    return row.at("actual_bytes") == row.at("bytes") &&
+           row.at("actual_messages") == row.at("messages");
+}
+
+// The largest first; equal ones by name, in which order they come.
+void sort_rows(Rows& rows, int order) {
+    if (order == kByName) return;
+    const char* key = order == kBySize ? "bytes" : "messages";
+    std::stable_sort(rows.begin(), rows.end(), [key](const Row& a, const Row& b) {
+        return number(a.object, key) > number(b.object, key);
+    });
+}
+
+string date_text(const Json& time) {
+    const std::time_t seconds = time.is_null() ? 0 : time.get<std::time_t>();
+    std::tm parts;
+    if (seconds <= 0 || ::gmtime_r(&seconds, &parts) == nullptr) return "-";
+    return fmt::format("{:%Y-%m-%d %H:%M}", parts);
+}
+
+string flags_text(const Json& row) {
     string text;
-    for (const auto& [is_set, word] :
-         {std::pair{row.exceeded, "exceeded"}, std::pair{row.warning, "warning"},
-          std::pair{row.dirty, "recount"}}) {
-        if (is_set) text += (text.empty() ? "" : " ") + string(word);
+    for (const auto& [field, word] :
+         {std::pair{"exceeded", "exceeded"}, std::pair{"warning", "warning"},
+          std::pair{"dirty", "recount"}}) {
+        if (row.at(field).get<bool>()) text += (text.empty() ? "" : " ") + string(word);
     }
     return text;
 }
@@ -83,24 +97,26 @@ string bar(long long bytes, long long most) {
     return string(static_cast<std::size_t>(std::lround(part * kWidth)), '#');
 }
 
-std::vector<string> cells(const MailboxUsage& row, long long most) {
-    const KeptTotal& kept = row.kept;
-    std::vector<string> cells = {
-        row.id.address(true),
-        kept.damaged ? "-" : std::to_string(kept.messages),
-        kept.damaged ? "damaged" : size_text(static_cast<std::uint64_t>(kept.bytes)),
-        bar(kept.bytes, most),
-        date_text(row.changed),
-        flags_text(row)};
-    if (!row.verified) return cells;
-    const KeptTotal& actual = row.verified->actual;
-    cells.insert(cells.end(), {date_text(row.verified->newest), std::to_string(actual.messages),
-                               size_text(static_cast<std::uint64_t>(actual.bytes)),
-                               row.agrees() ? "" : "differs"});
+string bytes_text(const Json& row, const char* field) {
+    return size_text(static_cast<std::uint64_t>(number(row, field)));
+}
+
+std::vector<string> cells(const Json& row, long long most) {
+    const bool damaged = row.at("bytes").is_null();
+    std::vector<string> cells = {row.at("address").get<string>(),
+                                 damaged ? "-" : std::to_string(number(row, "messages")),
+                                 damaged ? "damaged" : bytes_text(row, "bytes"),
+                                 bar(number(row, "bytes"), most),
+                                 date_text(row.at("changed")),
+                                 flags_text(row)};
+    if (!row.contains("actual_bytes")) return cells;
+    cells.insert(cells.end(),
+                 {date_text(row.at("newest")), std::to_string(number(row, "actual_messages")),
+                  bytes_text(row, "actual_bytes"), agrees(row) ? "" : "differs"});
     return cells;
 }
 
-void show_table(Session& session, const std::vector<MailboxUsage>& rows, bool verify) {
+void show_table(Session& session, const Rows& rows, bool verify) {
     std::vector<Table::Column> columns = {
         {"mailbox"}, {"messages", Align::right}, {"size", Align::right},
         {""},        {"changed (UTC)"},          {"flags"}};
@@ -110,56 +126,65 @@ void show_table(Session& session, const std::vector<MailboxUsage>& rows, bool ve
     }
     Table table(std::move(columns));
     long long most = 0;
-    for (const MailboxUsage& row : rows) most = std::max(most, row.kept.bytes);
-    for (const MailboxUsage& row : rows) table.row(cells(row, most));
+    for (const Row& row : rows) most = std::max(most, number(row.object, "bytes"));
+    for (const Row& row : rows) table.row(cells(row.object, most));
     table.print(session.out);
 }
 
-std::vector<MailboxUsage> read_all(const Session& session, const Arguments& arguments) {
-    const std::vector<TSMailUserId> mailboxes = all_mailboxes(arguments.domain);
-    Progress progress(session, "looking at mailboxes", mailboxes.size());
-    std::vector<MailboxUsage> rows;
-    for (const TSMailUserId& id : mailboxes) {
-        const AsOwner owner(session, id);
-        rows.push_back(usage_of(id));
-        progress.advance(rows.size());
-    }
-    return rows;
+// ---- the two rounds
+
+JobResult read_all(Session& session, const Arguments& arguments, Rows& rows) {
+    MailboxJob job;
+    job.progress = "looking at mailboxes";
+    job.work = [](const TSMailUserId& id, Report& report) {
+        report.object(json_of(id, usage_of(id)));
+        return kExitOk;
+    };
+    job.show = [&](const TSMailUserId& id, const Json& object) { rows.push_back({id, object}); };
+    return run_quietly_on(session, every_mailbox(arguments.domain), job);
 }
 
 // Only of those that are shown: this looks into every folder.
-int verify_all(const Session& session, std::vector<MailboxUsage>& rows) {
-    Progress progress(session, "verifying mailboxes", rows.size());
-    int worst = kExitOk;
-    std::uint64_t done = 0;
-    for (MailboxUsage& row : rows) {
-        try {
-            const AsOwner owner(session, row.id);
-            row.verified = verify(row.id);
-        } catch (const Failure& failure) {
-            session.error(printable(row.id.address(true)) + ": " + failure.what());
-            row.verified = Verified();
-            worst = std::max<int>(worst, failure.code());
-        }
-        progress.advance(++done);
+JobResult verify_all(Session& session, Rows& rows) {
+    Mailboxes mailboxes;
+    mailboxes.all = true;
+    for (const Row& row : rows) mailboxes.ids.push_back(row.id);
+    MailboxJob job;
+    job.progress = "verifying mailboxes";
+    job.work = [](const TSMailUserId& id, Report& report) {
+        report.object(json_of(verify(id)));
+        return kExitOk;
+    };
+    auto next = rows.begin();
+    job.show = [&](const TSMailUserId& id, const Json& verified) {
+        next = std::find_if(next, rows.end(),
+                            [&](const Row& row) { return row.id.tilde_name() == id.tilde_name(); });
+        if (next != rows.end()) next->object.update(verified);
+    };
+    const JobResult result = run_quietly_on(session, mailboxes, job);
+    for (Row& row : rows) {
+        if (!row.object.contains("actual_bytes")) row.object.update(json_of(Verified()));
+        row.object["agrees"] = agrees(row.object);
     }
-    return worst;
+    return result;
 }
 
 int run_usage(Session& session, const Arguments& arguments) {
     const Word& order = word_of(kOrders, "order", arguments.sort);
     const auto limit =
         arguments.limit ? whole_number("limit", *arguments.limit, 0, INT32_MAX) : INT32_MAX;
-    std::vector<MailboxUsage> rows = read_all(session, arguments);
+    Rows rows;
+    JobResult result = read_all(session, arguments, rows);
     sort_rows(rows, order.number);
     rows.resize(std::min(rows.size(), static_cast<std::size_t>(limit)));
-    const int code = arguments.verify ? verify_all(session, rows) : kExitOk;
+    if (arguments.verify) result = worst_of(result, verify_all(session, rows));
     if (session.json) {
-        for (const MailboxUsage& row : rows) session.out.object(json_of(row));
+        for (const Row& row : rows) session.out.object(row.object);
     } else {
         show_table(session, rows, arguments.verify);
     }
-    return code;
+    show_left_out(session, result);
+    return result.code;
 }
 
 void declare_usage(Verb& verb, Arguments& arguments) {

@@ -10,7 +10,10 @@ namespace Tessaly::tool {
 void add_paths_verb(const VerbGroup& top);
 void add_mailbox_verbs(const VerbGroup& top);
 void add_deliver_verb(const VerbGroup& top);
-void add_size_verbs(const VerbGroup& top);
+void add_size_verb(const VerbGroup& top);
+void add_recount_verb(const VerbGroup& top);
+void add_tag_verb(const VerbGroup& top);
+void add_messages_verb(const VerbGroup& top);
 void add_usage_verb(const VerbGroup& top);
 void add_doctor_verb(const VerbGroup& top);
 void add_pref_verbs(const VerbGroup& top);
@@ -21,9 +24,9 @@ void add_config_verbs(const VerbGroup& top);
 
 // In the order in which help lists them.
 constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
-    add_paths_verb,    add_mailbox_verbs, add_deliver_verb, add_size_verbs,
-    add_usage_verb,    add_pref_verbs,    add_list_verbs,   add_quota_verbs,
-    add_removal_verbs, add_doctor_verb,   add_config_verbs,
+    add_paths_verb,  add_mailbox_verbs, add_deliver_verb, add_size_verb,    add_recount_verb,
+    add_tag_verb,    add_messages_verb, add_usage_verb,   add_pref_verbs,   add_list_verbs,
+    add_quota_verbs, add_removal_verbs, add_doctor_verb,  add_config_verbs,
 };
 
 }  // namespace Tessaly::tool

@@ -1,5 +1,7 @@
 #include "tools/work/records.h"
 
+#include <unistd.h>
+
 #include <exception>
 
 #include "tools/work/size_file.h"
@@ -42,6 +44,10 @@ void mark_for_recount(const TSMailUserId& id) noexcept {
     } catch (const std::exception&) {
         return;
     }
+}
+
+bool is_marked(const TSMailUserId& id) {
+    return ::access((mailbox_size_file(id) + ".dirty").c_str(), F_OK) == 0;
 }
 
 }  // namespace Tessaly::tool

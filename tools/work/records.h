@@ -17,6 +17,8 @@ bool add_to_mailbox_record(const TSMailUserId& id, long long size, long long cou
 // Says in the mailbox that its records are not to be trusted until somebody recounts; as far as it
 // can be said.
 void mark_for_recount(const TSMailUserId& id) noexcept;
+// Whether that was said.
+bool is_marked(const TSMailUserId& id);
 
 }  // namespace Tessaly::tool
 

@@ -6,8 +6,8 @@
 
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailboxes.h"
 #include "tools/work/folder_lock.h"
+#include "tools/work/paths.h"
 #include "tools/work/records.h"
 
 namespace Tessaly::tool {

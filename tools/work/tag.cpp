@@ -11,9 +11,9 @@
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailboxes.h"
 #include "tools/work/folder.h"
 #include "tools/work/folder_lock.h"
+#include "tools/work/paths.h"
 #include "tools/work/scan.h"
 
 namespace Tessaly::tool {

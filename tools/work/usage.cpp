@@ -1,5 +1,6 @@
 #include "tools/work/usage.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -19,12 +20,10 @@ bool exists(const std::string& path) { return ::access(path.c_str(), F_OK) == 0;
 
 MailboxUsage usage_of(const TSMailUserId& id) {
     const std::string file = mailbox_size_file(id);
-    return {id,
-            kept_total(file).value_or(KeptTotal()),
-            stamp_of(file).written.tv_sec,
-            exists(file + ".dirty"),
-            exists(id.fname(MUF_QUOTA_WARNING_FLAG)),
-            exists(id.fname(MUF_QUOTA_EXCEEDED_FLAG))};
+    struct stat st = {};
+    if (::stat(file.c_str(), &st) != 0 && errno != ENOENT) throw system_failure(printable(file));
+    return {kept_total(file).value_or(KeptTotal()), st.st_mtim.tv_sec, exists(file + ".dirty"),
+            exists(id.fname(MUF_QUOTA_WARNING_FLAG)), exists(id.fname(MUF_QUOTA_EXCEEDED_FLAG))};
 }
 
 Verified verify(const TSMailUserId& id) {

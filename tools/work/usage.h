@@ -5,7 +5,6 @@
 #include <tessaly/MailUserId.h>
 
 #include <ctime>
-#include <optional>
 
 #include "tools/work/size_file.h"
 
@@ -18,18 +17,14 @@ struct Verified {
 };
 
 struct MailboxUsage {
-    TSMailUserId id;
     KeptTotal kept;
     std::time_t changed;  // when the size file was last written: by a delivery, a removal or a
                           // recount; 0 if there is none
     bool dirty;           // marked for a recount
     bool warning, exceeded;
-    std::optional<Verified> verified = std::nullopt;
-
-    bool agrees() const { return verified && verified->actual == kept; }
 };
 
-// Opens one file: the mailbox's size file.
+// Opens one file: the mailbox's size file. A Failure if that cannot be looked at.
 MailboxUsage usage_of(const TSMailUserId& id);
 
 // Counts the messages of all folders. A Failure if one cannot be read.

@@ -1,0 +1,196 @@
+#include "tools/spool/worker.h"
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <utility>
+
+#include "tools/cli/text.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+constexpr int kSocket = 3;  // the worker's end; behind the standard streams
+constexpr rlim_t kMemory = rlim_t{4} << 30;
+constexpr rlim_t kOpenFiles = 65536;
+
+// A sanitizer reserves more address space than any limit allows.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kLimitMemory = false;
+#else
+constexpr bool kLimitMemory = true;
+#endif
+
+// ---- handing over a task: its number, and perhaps a descriptor
+
+union Control {
+    char bytes[CMSG_SPACE(sizeof(int))];
+    cmsghdr align;
+};
+
+struct Given {
+    std::size_t task;
+    Fd input;
+};
+
+bool send_task(int socket, std::size_t task, int input) {
+    iovec part = {&task, sizeof task};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    Control control = {};
+    if (input >= 0) {
+        message.msg_control = control.bytes;
+        message.msg_controllen = sizeof control.bytes;
+        cmsghdr* head = CMSG_FIRSTHDR(&message);
+        head->cmsg_level = SOL_SOCKET;
+        head->cmsg_type = SCM_RIGHTS;
+        head->cmsg_len = CMSG_LEN(sizeof input);
+        std::memcpy(CMSG_DATA(head), &input, sizeof input);
+    }
+    return retry([&] { return ::sendmsg(socket, &message, MSG_NOSIGNAL); }) == sizeof task;
+}
+
+// Nothing when the parent has closed its end.
+std::optional<Given> receive_task() {
+    Given given = {0, Fd()};
+    iovec part = {&given.task, sizeof given.task};
+    Control control = {};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.bytes;
+    message.msg_controllen = sizeof control.bytes;
+    const ssize_t n =
+        retry([&] { return ::recvmsg(kSocket, &message, MSG_CMSG_CLOEXEC | MSG_WAITALL); });
+    if (n != sizeof given.task) return std::nullopt;
+    if (const cmsghdr* head = CMSG_FIRSTHDR(&message)) {
+        int input = -1;
+        std::memcpy(&input, CMSG_DATA(head), sizeof input);
+        given.input.reset(input);
+    }
+    return given;
+}
+
+// ---- the worker's process
+
+void limit(int resource, rlim_t most) {
+    struct rlimit limit;
+    if (::getrlimit(static_cast<__rlimit_resource>(resource), &limit) != 0) return;
+    limit.rlim_max = std::min(limit.rlim_max, most);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(static_cast<__rlimit_resource>(resource), &limit);
+}
+
+void set_limits() {
+    if (kLimitMemory) limit(RLIMIT_AS, kMemory);
+    limit(RLIMIT_NOFILE, kOpenFiles);  // the folders that are locked are open
+    limit(RLIMIT_CORE, 0);             // a dump would lie about with somebody's mail in it
+}
+
+// Keeps the standard streams and the socket: a worker has no use for what its parent has open, and
+// no right to it.
+void keep_own_descriptors(int socket) {
+    if (socket != kSocket) ::dup2(socket, kSocket);
+    ::close_range(kSocket + 1, ~0U, 0);
+    ::fcntl(kSocket, F_SETFD, FD_CLOEXEC);
+}
+
+// The parent's end is this process's end. (A change of user forgets the wish, so it comes after.)
+void end_with_parent(pid_t parent) {
+    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (::getppid() != parent) ::_exit(kExitTryAgain);
+}
+
+int do_task(const Job& job, const Given& given, Report& report) {
+    try {
+        return job.work(given.task, given.input.get(), report);
+    } catch (const Failure& failure) {
+        report.error(failure);
+    } catch (const std::bad_alloc&) {
+        report.error(Failure(kExitTryAgain, "out of memory", ENOMEM));
+    } catch (const std::exception& e) {
+        report.error(Failure(kExitSoftware, std::string("internal error: ") + printable(e.what())));
+    }
+    return kExitOk;
+}
+
+void do_tasks(const Job& job, const std::optional<Failure>& refused) {
+    Report report(kSocket);
+    while (const auto given = receive_task()) {
+        if (refused) report.error(*refused);
+        report.end(refused ? int{refused->code()} : do_task(job, *given, report));
+    }
+}
+
+[[noreturn]] void work(const Job& job, const Owner& owner, int socket, pid_t parent) {
+    keep_own_descriptors(socket);
+    set_limits();
+    std::optional<Failure> refused;
+    try {
+        become(owner);
+    } catch (const Failure& failure) {
+        refused = failure;
+    }
+    end_with_parent(parent);
+    // The directory that the program was started in may be closed to the owner.
+    if (::chdir("/") != 0) refused = system_failure("/");
+    do_tasks(job, refused);
+    ::_exit(kExitOk);
+}
+
+}  // namespace
+
+Worker::Worker(const Job& job, const Owner& owner) : owner_(owner) {
+    int ends[2];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) {
+        throw system_failure("a worker's socket");
+    }
+    socket_.reset(ends[0]);
+    const Fd other(ends[1]);
+    const pid_t parent = ::getpid();
+    process_ = ::fork();
+    if (process_ < 0) throw system_failure("starting a worker");
+    if (process_ == 0) work(job, owner, other.get(), parent);
+}
+
+Worker::~Worker() {
+    if (socket_) end(!tasks_.empty());
+}
+
+bool Worker::give(std::size_t task, int input) {
+    if (!send_task(socket_.get(), task, input)) return false;
+    if (tasks_.empty()) began_ = Clock::now();
+    tasks_.push_back(task);
+    return true;
+}
+
+void Worker::finish_task() {
+    tasks_.pop_front();
+    passed_ = false;
+    began_ = Clock::now();
+}
+
+void Worker::signal(int number) const { ::kill(process_, number); }
+
+int Worker::end(bool kill) {
+    ::shutdown(socket_.get(),
+               SHUT_RDWR);  // ends the worker, even if somebody else has the socket, too
+    socket_.reset();
+    if (kill) signal(SIGKILL);
+    int status = 0;
+    if (retry([&] { return ::waitpid(process_, &status, 0); }) < 0) return 0;
+    return status;
+}
+
+}  // namespace Tessaly::tool

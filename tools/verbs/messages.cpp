@@ -1,0 +1,134 @@
+// messages - shows the messages of a folder.
+#include <fmt/chrono.h>
+
+#include <algorithm>
+#include <ctime>
+#include <optional>
+#include <tuple>
+
+#include "tools/cli/address.h"
+#include "tools/cli/text.h"
+#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
+#include "tools/work/scan.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+struct Arguments {
+    string address;
+    string folder;
+};
+
+struct DatedMessage {
+    std::time_t received, created;
+    MessageRow row;
+};
+
+std::vector<DatedMessage> dated(const std::vector<MessageRow>& rows) {
+    std::vector<DatedMessage> all;
+    for (const MessageRow& row : rows) {
+        const char* name = row.name.c_str();
+        all.push_back({tsl_get_mail_received_date(name), tsl_get_mail_creation_date(name), row});
+    }
+    std::sort(all.begin(), all.end(), [](const DatedMessage& a, const DatedMessage& b) {
+        return std::tie(a.received, a.row.name) < std::tie(b.received, b.row.name);
+    });
+    return all;
+}
+
+// What mail readers put behind the name: letters, as S for seen.
+string flags_of(const string& name) {
+    constexpr std::string_view kInfo = ":2,";
+    const auto at = name.rfind(kInfo);
+    return at == string::npos ? "" : name.substr(at + kInfo.size());
+}
+
+// Names hold any number; a date has to be one of four digits.
+std::optional<std::tm> utc_of(std::time_t time) {
+    constexpr std::time_t kEnd = 253402300800;  // of the year 9999
+    std::tm parts;
+    if (time < 0 || time >= kEnd || ::gmtime_r(&time, &parts) == nullptr) return std::nullopt;
+    return parts;
+}
+
+Json json_of(std::time_t time) { return utc_of(time) ? Json(time) : Json(nullptr); }
+
+void report_messages(const std::vector<DatedMessage>& messages, Report& report) {
+    for (const auto& [received, created, row] : messages) {
+        report.object({{"name", row.name},
+                       {"place", row.is_new ? "new" : "cur"},
+                       {"received", json_of(received)},
+                       {"created", json_of(created)},
+                       {"bytes", row.bytes},
+                       {"flags", flags_of(row.name)}});
+    }
+}
+
+int list_messages(const TSMailUserId& id, const string& folder, Report& report) {
+    const string path = existing_folder(id, folder);
+    int error = 0;
+    report_messages(dated(messages_of(path, error)), report);
+    if (error != 0) report.error(system_failure(printable(path), error));
+    return kExitOk;
+}
+
+// ---- what is shown
+
+string date_text(const Json& time) {
+    const auto parts = time.is_null() ? std::nullopt : utc_of(time.get<std::time_t>());
+    return parts ? fmt::format("{:%Y-%m-%d %H:%M:%S}", *parts) : "-";
+}
+
+Table message_table() {
+    return Table({{"received (UTC)"},
+                  {"created (UTC)"},
+                  {"size", Align::right},
+                  {"place"},
+                  {"flags"},
+                  {"name"}});
+}
+
+std::vector<string> cells(const Json& row) {
+    return {date_text(row.at("received")),
+            date_text(row.at("created")),
+            size_text(row.at("bytes").get<std::uint64_t>()),
+            row.at("place").get<string>(),
+            row.at("flags").get<string>(),
+            row.at("name").get<string>()};
+}
+
+int run_messages(Session& session, const Arguments& arguments) {
+    check_folder_name(arguments.folder);
+    Table table = message_table();
+    bool any = false;
+    MailboxJob job;
+    job.work = [&](const TSMailUserId& id, Report& report) {
+        return list_messages(id, arguments.folder, report);
+    };
+    job.show = [&](const TSMailUserId&, const Json& row) {
+        if (session.json) return session.out.object(row);
+        table.row(cells(row));
+        any = true;
+    };
+    const int code = run_on(session, one_mailbox(arguments.address), job);
+    if (!session.json && (any || code == kExitOk)) table.print(session.out);
+    return code;
+}
+
+void declare_messages(Verb& verb, Arguments& arguments) {
+    verb.address(arguments.address);
+    verb.text("FOLDER", arguments.folder, "The folder, as Work/2024").required();
+}
+
+}  // namespace
+
+void add_messages_verb(const VerbGroup& top) {
+    top.verb("messages", "Show the messages of a folder", declare_messages, run_messages);
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,154 @@
+// recount - rebuilds the stored sizes from the folders.
+#include "tools/work/recount.h"
+#include "tools/cli/text.h"
+#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
+#include "tools/work/quota_daemon.h"
+#include "tools/work/records.h"
+
+namespace Tessaly::tool {
+
+namespace {
+
+using std::string;
+
+struct Arguments {
+    Choice choice;
+    bool marked = false;
+    std::optional<string> jobs;
+};
+
+// ---- the worker's part
+
+Json json_of(const Recounted& record) {
+    Json object;
+    object["messages"] = record.after.messages;
+    object["bytes"] = record.after.bytes;
+    object["messages_before"] = record.before.messages;
+    object["bytes_before"] = record.before.bytes;
+    object["damaged_before"] = record.before.damaged;
+    return object;
+}
+
+Json json_of(const TSMailUserId& id, const MailboxRecount& result) {
+    Json object = {{"address", id.address(true)}, {"path", id.mailpath()}};
+    object.update(json_of(result.mailbox));
+    object["dirty_before"] = result.was_marked;
+    object["dirty"] = result.is_marked;
+    object["corrected"] = Json::array();
+    for (const Recounted& folder : result.folders) {
+        if (!folder.changed()) continue;
+        Json row = {{"folder", folder.name}};
+        row.update(json_of(folder));
+        object["corrected"].push_back(row);
+    }
+    return object;
+}
+
+// A mailbox that was removed while all are recounted is passed over.
+int recount_one(const TSMailUserId& id, bool all, bool only_marked, Report& report) {
+    try {
+        if (only_marked && !is_marked(id)) return kExitOk;
+        const auto done = [&](std::size_t n, std::size_t of) {
+            if (!all) report.progress(n, of);
+        };
+        const MailboxRecount result = recount(id, done);
+        report.object(json_of(id, result));
+        if (result.is_marked) {
+            report.warn(printable(id.address(true)) + " was marked again meanwhile");
+        }
+        return kExitOk;
+    } catch (const Failure&) {
+        if (all && !mailbox_exists(id)) return kExitOk;
+        throw;
+    }
+}
+
+// ---- what is shown
+
+string messages_text(std::uint64_t number) {
+    return fmt::format("{} message{}", number, number == 1 ? "" : "s");
+}
+
+string total_text(const Json& messages, const Json& bytes) {
+    return fmt::format("{} ({})", messages_text(messages.get<std::uint64_t>()),
+                       size_text(bytes.get<std::uint64_t>()));
+}
+
+bool is_changed(const Json& record) {
+    return record.at("damaged_before").get<bool>() ||
+           record.at("messages") != record.at("messages_before") ||
+           record.at("bytes") != record.at("bytes_before");
+}
+
+string change_text(const string& name, const Json& record) {
+    const string now = fmt::format("{}: {}", printable(name),
+                                   total_text(record.at("messages"), record.at("bytes")));
+    if (!is_changed(record)) return now;
+    const string before = record.at("damaged_before").get<bool>()
+                              ? "damaged"
+                              : total_text(record.at("messages_before"), record.at("bytes_before"));
+    return fmt::format("{}, kept was {}", now, before);
+}
+
+void show_lines(Session& session, const string& address, const Json& object, bool always) {
+    const Json& corrected = object.at("corrected");
+    for (const Json& folder : corrected) {
+        session.out.line(change_text(address + ' ' + folder.at("folder").get<string>(), folder));
+    }
+    const bool marked = object.at("dirty_before").get<bool>();
+    if (!always && !marked && corrected.empty() && !is_changed(object)) return;
+    session.out.line(change_text(address, object) + (marked ? "; it was marked" : ""));
+}
+
+// The parent tells the daemon, whose socket the mailbox's owner may have no right to.
+void tell(QuotaDaemon& daemon, const Json& object) {
+    const auto change =
+        object.at("bytes").get<long long>() - object.at("bytes_before").get<long long>();
+    if (change != 0) daemon.tell(object.at("path").get<string>(), change);
+}
+
+int run_recount(Session& session, const Arguments& arguments) {
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    const bool all = mailboxes.all, only_marked = arguments.marked;
+    std::size_t recounted = 0;
+    QuotaDaemon daemon;
+    MailboxJob job;
+    job.progress = all ? "recounting mailboxes" : "recounting folders";
+    job.jobs = jobs_of(arguments.jobs);
+    job.changes_sizes = true;
+    job.work = [=](const TSMailUserId& id, Report& report) {
+        return recount_one(id, all, only_marked, report);
+    };
+    job.show = [&](const TSMailUserId& id, const Json& object) {
+        ++recounted;
+        if (session.json) {
+            session.out.object(object);
+        } else {
+            show_lines(session, id.address(true), object, !all || session.verbosity > 0);
+        }
+        tell(daemon, object);
+    };
+    const JobResult result = run_quietly_on(session, mailboxes, job);
+    if (all && !session.json) {
+        session.out.line(
+            fmt::format("{} mailbox{} recounted", recounted, recounted == 1 ? "" : "es"));
+        show_left_out(session, result);
+    }
+    return result.code;
+}
+
+void declare_recount(Verb& verb, Arguments& arguments) {
+    verb.choice(arguments.choice)
+        .flag("--marked", arguments.marked, "Recount only what is marked for a recount")
+        .jobs(arguments.jobs);
+}
+
+}  // namespace
+
+void add_recount_verb(const VerbGroup& top) {
+    top.verb("recount", "Rebuild the stored sizes from the folders", declare_recount, run_recount);
+}
+
+}  // namespace Tessaly::tool

@@ -1,0 +1,72 @@
+// What a worker tells the process that started it, and how it crosses the socket between them.
+#ifndef TSMAIL_TOOLS_WORK_REPORT_H
+#define TSMAIL_TOOLS_WORK_REPORT_H
+
+#include <cstddef>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "tools/cli/failure.h"
+#include "tools/cli/output.h"
+
+namespace Tessaly::tool {
+
+enum class Event : unsigned char {
+    object,    // a result, as --json prints it
+    warning,   // {"text"}
+    detail,    // {"text"}
+    error,     // {"text", "code", "errno"}: something was left out; the work goes on
+    progress,  // {"done", "total"}
+    passed,    // nothing that happens from here on makes the task fail
+    end,       // {"code"}: the task is over
+};
+
+struct Message {
+    Event event;
+    Json body;
+};
+
+// The worker's end. Messages are collected; those that somebody waits for are sent at once.
+class Report {
+  public:
+    explicit Report(int socket) : socket_(socket) {}
+
+    void object(const Json& object) { put(Event::object, object); }
+    void warn(std::string_view text) { put(Event::warning, {{"text", text}}); }
+    void detail(std::string_view text) { put(Event::detail, {{"text", text}}); }
+    void error(const Failure& failure);
+    void progress(std::size_t done, std::size_t total);
+    // From here on the task succeeds, whatever comes: a message was delivered, say.
+    void passed();
+    // The task's exit code is the larger one of `code` and those of its errors.
+    void end(int code);
+
+  private:
+    void put(Event event, const Json& body);
+    void send();
+
+    int socket_;
+    int worst_ = kExitOk;
+    std::string pending_;
+};
+
+// The parent's end: bytes as they come, messages as soon as they are whole. What comes from a
+// worker is checked, as its user may have had a hand in it.
+class Incoming {
+  public:
+    // Reads what is there. False at the end; a Failure for an error.
+    bool fill(int socket);
+    // The next whole message; nothing if there is none yet. A Failure with kExitSoftware for bytes
+    // that are not a message.
+    std::optional<Message> next();
+
+  private:
+    std::string bytes_;
+    std::size_t begin_ = 0;
+};
+
+}  // namespace Tessaly::tool
+
+#endif
