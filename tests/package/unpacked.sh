@@ -25,7 +25,7 @@ done
 "$source/scripts/sandbox" --over "$root" --rw "$build" -- bash -euc '
     root=$1 source=$2 python=$3
     [ "$(command -v tsmail)" = /usr/bin/tsmail ]
-    ldd /usr/bin/tsmail | grep "libtsmail.so.1 => /lib/"
+    ldd /usr/bin/tsmail | grep "libtssupport.so.1 => /lib/"
     # Searched for nowhere but where the loader looks.
     if readelf -d /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 | grep -E "RPATH|RUNPATH"; then exit 1; fi
     # Hardened: addresses known at start only, tables read-only, buffers checked.

@@ -18,7 +18,10 @@ def strict(schema):
         return schema
     inner = {key: strict(part) for key, part in schema.items()}
     describes_fields = isinstance(schema.get("type"), str) and "properties" in schema
-    return {**inner, "unevaluatedProperties": False} if "$schema" in schema or describes_fields else inner
+    # (A validator of today takes what "additionalProperties" of a reference allows for not evaluated.)
+    any_field = schema.get("$ref") == "#/$defs/preferences"
+    closed = ("$schema" in schema and not any_field) or describes_fields
+    return {**inner, "unevaluatedProperties": False} if closed else inner
 
 
 @functools.cache
