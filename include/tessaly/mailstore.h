@@ -25,10 +25,10 @@
  *   Files      New files get mode 0666, directories the mode that is stated, both less the umask.
  *              Nothing is flushed to the disk. What a crash of the machine leaves depends on the
  *              file system. A file that is read must be a regular one of at most 64 MiB; any other
- *              counts as one that cannot be read. Nothing is created, emptied or appended to through
- *              a symbolic link as last component, unless root or the effective user owns the link.
- *   Locks      "Locks" means open_and_lock_file of <tessaly/support.h>: a lock between processes
- *              that is waited for without a limit and held until the function returns.
+ *              counts as one that cannot be read. Nothing is created, emptied or appended to
+ * through a symbolic link as last component, unless root or the effective user owns the link. Locks
+ * "Locks" means open_and_lock_file of <tessaly/support.h>: a lock between processes that is waited
+ * for without a limit and held until the function returns.
  */
 #ifndef TESSALY_MAILSTORE_H
 #define TESSALY_MAILSTORE_H
@@ -437,9 +437,9 @@ int tsm_delete_path(const char* path);
  * then the rest as tsm_delete_path does. Of these directories, one that cannot be opened is left to
  * the last step. What is not a directory is removed as by tsm_delete_path. If `path` is a link to a
  * folder, the first step works in that folder, and then the link is removed; the folder stays. If
- * "cur", "new" or "tmp" is a link, it is removed; what it leads to stays. Returns as tsm_delete_path
- * does, or -1 if path is NULL or empty or stat of it fails. So a link to nowhere gives -1 and
- * stays. */
+ * "cur", "new" or "tmp" is a link, it is removed; what it leads to stays. Returns as
+ * tsm_delete_path does, or -1 if path is NULL or empty or stat of it fails. So a link to nowhere
+ * gives -1 and stays. */
 int tsm_delete_maildir(const char* path);
 
 /* Removes the messages of a maildir folder, which are the files in "cur", "new" and "tmp", and its

@@ -33,10 +33,11 @@ extern "C" {
  * exclusive lock; the first read starts at the beginning. A file is created with mode 0666 less
  * the umask. Any other mode fails with EINVAL.
  *
- * Waits for the lock without a limit, whatever signals come. Fails with EISDIR or EINVAL for what is
- * not a regular file, without waiting, and in a writing mode with EACCES for a symbolic link that
- * neither root nor the effective user owns. Returns a stream for close_and_unlock_file or fclose, or
- * NULL with errno of the failed open, flock or truncation; a file that the call created stays. */
+ * Waits for the lock without a limit, whatever signals come. Fails with EISDIR or EINVAL for what
+ * is not a regular file, without waiting, and in a writing mode with EACCES for a symbolic link
+ * that neither root nor the effective user owns. Returns a stream for close_and_unlock_file or
+ * fclose, or NULL with errno of the failed open, flock or truncation; a file that the call created
+ * stays. */
 FILE* open_and_lock_file(const char* path, const char* mode);
 
 /* Flushes and closes a stream of open_and_lock_file; the lock is released by the close, after the

@@ -50,7 +50,7 @@ const CLI::App* verb_named(const CLI::App& app, string_view name) {
 
 // What to say about a word where one of the verbs is expected.
 string unknown_verb(string_view word, const std::vector<string>& verbs) {
-    const string text = fmt::format("there is no verb \"{}\"", printable(word));
+    string text = fmt::format("there is no verb \"{}\"", printable(word));
     if (verbs.empty()) return text;
     if (const string near = nearest(word, verbs); !near.empty()) {
         return text + fmt::format("; did you mean \"{}\"?", near);

@@ -1,4 +1,6 @@
 // doctor - says what is wrong in mailboxes, and repairs it if asked to.
+#include <fmt/format.h>
+
 #include <algorithm>
 
 #include "tools/cli/text.h"

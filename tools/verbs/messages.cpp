@@ -1,5 +1,6 @@
 // messages - shows the messages of a folder.
 #include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <ctime>

@@ -1,11 +1,13 @@
 // recount - rebuilds the stored sizes from the folders.
-#include "tools/work/recount.h"
+#include <fmt/format.h>
+
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder.h"
 #include "tools/work/quota_daemon.h"
 #include "tools/work/records.h"
+#include "tools/work/recount.h"
 
 namespace Tessaly::tool {
 
@@ -83,8 +85,8 @@ bool is_changed(const Json& record) {
 }
 
 string change_text(const string& name, const Json& record) {
-    const string now = fmt::format("{}: {}", printable(name),
-                                   total_text(record.at("messages"), record.at("bytes")));
+    string now = fmt::format("{}: {}", printable(name),
+                             total_text(record.at("messages"), record.at("bytes")));
     if (!is_changed(record)) return now;
     const string before = record.at("damaged_before").get<bool>()
                               ? "damaged"

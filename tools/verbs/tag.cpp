@@ -1,10 +1,12 @@
 // tag - puts the sizes of messages into their names.
-#include "tools/work/tag.h"
+#include <fmt/format.h>
+
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder_list.h"
+#include "tools/work/tag.h"
 
 namespace Tessaly::tool {
 

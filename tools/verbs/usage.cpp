@@ -1,5 +1,6 @@
 // usage - all mailboxes at a glance.
 #include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cmath>

@@ -56,8 +56,7 @@ void put_actual(const SizeRow& row, Json& object) {
 
 SizeRow report_folder(const TSMailUserId& id, const string& name, Report& report) {
     const string path = id.mailfolder(name);
-    const SizeRow row = {path, kept_total(folder_size_file(path)),
-                         count_folder(AT_FDCWD, path.c_str())};
+    SizeRow row = {path, kept_total(folder_size_file(path)), count_folder(AT_FDCWD, path.c_str())};
     Json object = {{"folder", name}, {"path", path}};
     put_kept(row.kept, object);
     object["cached_bytes"] = cached_size(path);
