@@ -2,6 +2,7 @@
 #include "mailsize/cache.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
@@ -64,11 +65,14 @@ class FileCursor {
 // length of another, or two texts one over the other.
 template <class Look, class Found>
 Found settled(Found found, Look look) {
-    constexpr int kLooks = 100;
-    for (int i = 0; i < kLooks && !found.failed; ++i) {
+    constexpr int kLooks = 100, kAlike = 3;
+    for (int i = 0, alike = 0; i < kLooks && !found.failed; ++i) {
         const Found again = look();
-        if (again == found) return found;
+        alike = again == found ? alike + 1 : 0;
+        if (alike == kAlike) return found;
         found = again;
+        // A writer that was stopped between a text and its end goes on.
+        if (i > 0) ::sched_yield();
     }
     return {};
 }
