@@ -27,7 +27,7 @@ class Output {
     std::string strong(std::string_view text) const;
 
     void line(std::string_view text);
-    // One object on one line; bytes that are no UTF-8 become U+FFFD.
+    // One object on one line; bytes that are not UTF-8 become U+FFFD.
     void object(const Json& object);
 
     // Writes what is left. False with errno if anything could not be written since the last call.
