@@ -6,6 +6,7 @@ set -euo pipefail
 . "$(dirname "$0")/lib.sh"
 
 ensure_packages build test
-build_preset tsan concurrency_threads tools_units tsmail_tool
+# The command's tests compare what it prints with its grammar and its schemas.
+build_preset tsan concurrency_threads tools_units tsmail_tool tsmail_grammar tsmail_schema
 cd "$top"
 exec ctest --preset tsan -R '^(concurrency_threads|tools_units\.InOrder|tools_recount\.RecountTest)'
