@@ -31,6 +31,7 @@ void fill_standard_streams() {
 
 // A reader that went away and a file size limit are errors of the call like any other.
 void take_errors_instead_of_signals() {
+    std::signal(SIGCHLD, SIG_DFL);  // a caller may have it ignored, and workers' ends would be lost
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
 }

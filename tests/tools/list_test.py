@@ -127,7 +127,7 @@ class ListTest(ListCase):
                              ["replace", "1", "x"]):
             self.fail_with(66, "list", verb, ANN, "none", *words, saying="there is no list")
         for verb, *words in (["show"], ["add", "x"], ["find", "x"]):
-            self.fail_with(67, "list", verb, "bob@site.test", "friends", *words, saying="no mailbox")
+            self.fail_with(67, "list", verb, "bob@site.test", "friends", *words, saying="no such mailbox")
 
     def test_a_last_line_without_end_is_not_joined(self):
         self.write(b"a\nlast")

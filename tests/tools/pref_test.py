@@ -101,7 +101,7 @@ class PrefTest(SpoolCase):
 
     def test_usage(self):
         self.fail_with(64, "pref", "set", ANN, saying="KEY=VALUE is missing")
-        self.fail_with(64, "pref", "set", ANN, "npage", saying='"npage" is no KEY=VALUE')
+        self.fail_with(64, "pref", "set", ANN, "npage", saying='"npage" is not KEY=VALUE')
         self.fail_with(64, "pref", "get", ANN, saying="KEY")
         self.fail_with(65, "pref", "get", ANN, "nothing", saying="no preference")
 
@@ -114,14 +114,14 @@ class PrefTest(SpoolCase):
         self.succeed("--json", "pref", "set", ANN, stdin=b"{}")
 
     def test_json_that_is_refused(self):
-        rows = [(b"", "no JSON object"), (b"[1]", "no JSON object"), (b"{", "no JSON object"),
+        rows = [(b"", "not a JSON object"), (b"[1]", "not a JSON object"), (b"{", "not a JSON object"),
                 (b'{"npage": 1.5}', "whole number"), (b'{"npage": "7"}', "whole number"),
                 (b'{"npage": true}', "whole number"), (b'{"npage": null}', "whole number"),
                 (b'{"npage": 1e3}', "whole number"), (b'{"npage": 99999999999999999999}', "whole"),
                 (b'{"uname": 7}', "text"), (b'{"uname": "a\\nb"}', "line breaks"),
                 (b'{"uname": "a\\u0000b"}', "NUL"), (b'{"dspam": 2}', "0 or 1"),
                 (b'{"dspam": "1"}', "0 or 1"), (b'{"x": 1}', "no preference"),
-                (b'{"npage": [1]}', "whole"), (b'{"uname": "\xff"}', "no JSON object")]
+                (b'{"npage": [1]}', "whole"), (b'{"uname": "\xff"}', "not a JSON object")]
         before = snapshot("/var/spool")
         for text, saying in rows:
             with self.subTest(text):
@@ -155,7 +155,7 @@ class PrefTest(SpoolCase):
     def test_no_mailbox(self):
         for words in (["show"], ["get", "npage"], ["set", "npage=1"], ["reset"]):
             verb, *rest = words
-            self.fail_with(67, "pref", verb, "bob@site.test", *rest, saying="no mailbox")
+            self.fail_with(67, "pref", verb, "bob@site.test", *rest, saying="no such mailbox")
         self.assertFalse(os.path.exists(mail("bob@site.test")))
 
     def test_an_unreadable_file_is_not_replaced_by_defaults(self):

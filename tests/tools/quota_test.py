@@ -75,7 +75,7 @@ class FlagsTest(QuotaCase):
                 self.fail_with(64, "quota", *words)
         for words in (("set", "bob@site.test", "warning"), ("clear", "bob@site.test", "warning"),
                       ("show", "bob@site.test"), ("reset", "bob@site.test")):
-            self.fail_with(67, "quota", *words, saying="no mailbox")
+            self.fail_with(67, "quota", *words, saying="no such mailbox")
         self.fail_with(65, "quota", "show", "../x@site.test")
         self.assertEqual([p for p in FLAGS.values() if os.path.exists(p)], [])
 

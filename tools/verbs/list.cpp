@@ -1,21 +1,19 @@
 // list - address lists.
-#include <fmt/format.h>
-#include <sys/stat.h>
+#include <fcntl.h>
 #include <tessaly/maillist.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <climits>
-#include <nlohmann/json.hpp>
+#include <functional>
+#include <optional>
 
 #include "tools/cli/address.h"
 #include "tools/cli/input.h"
-#include "tools/cli/progress.h"
 #include "tools/cli/text.h"
-#include "tools/spool/identity.h"
+#include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/address_list.h"
-#include "tools/work/folder.h"
 
 namespace Tessaly::tool {
 
@@ -38,28 +36,6 @@ struct Arguments {
 constexpr Word kScopes[] = {
     {MAIL_LIST_USER, "user"}, {MAIL_LIST_HOME, "home"}, {MAIL_LIST_SYSTEM, "system"}};
 
-// The list that the arguments name, for as long as this lives worked on as its owner.
-struct Opened {
-    std::unique_ptr<AsOwner> owner;
-    AddressList list;
-};
-
-Opened open_list(const Session& session, const Arguments& arguments) {
-    const auto scope = static_cast<unsigned>(word_of(kScopes, "scope", arguments.scope).number);
-    check_list_name(arguments.list);
-    if (scope == MAIL_LIST_HOME) check_home_name(arguments.address);
-    Opened opened{nullptr, AddressList(arguments.address, arguments.list, scope)};
-    if (scope == MAIL_LIST_USER) {
-        const TSMailUserId id = mailbox_of(arguments.address);
-        if (opened.list.path() == id.fname(MUF_PREF_FILE)) {
-            throw Failure(kExitData, "\"pref\" is no list: the user's preferences have that name");
-        }
-        demand_mailbox(id);
-        opened.owner = std::make_unique<AsOwner>(session, id);
-    }
-    return opened;
-}
-
 void check_entry(const string& entry) {
     if (const char* reason = against_entry(entry)) {
         throw Failure(kExitData,
@@ -67,85 +43,162 @@ void check_entry(const string& entry) {
     }
 }
 
+// The list that the arguments name.
+struct Named {
+    AddressList list;
+    std::optional<TSMailUserId> user;  // whose list it is, if it is a user's
+};
+
+Named named_list(const Arguments& arguments) {
+    const auto scope = static_cast<unsigned>(word_of(kScopes, "scope", arguments.scope).number);
+    check_list_name(arguments.list);
+    if (scope == MAIL_LIST_HOME) check_home_name(arguments.address);
+    Named named{AddressList(arguments.address, arguments.list, scope), std::nullopt};
+    if (scope == MAIL_LIST_USER) {
+        named.user = mailbox_of(arguments.address);
+        if (named.list.path() == named.user->fname(MUF_PREF_FILE)) {
+            throw Failure(kExitData,
+                          "\"pref\" is not a list: the user's preferences have that name");
+        }
+    }
+    return named;
+}
+
+// The owner of the directory; of the one above it while it is missing, so that the work finds that
+// out.
+Owner owner_of_directory(string path) {
+    for (;;) {
+        try {
+            return owner_of(place_at(path));
+        } catch (const Failure& failure) {
+            if (failure.error() != ENOENT) throw;
+            path.erase(path.rfind('/'));
+        }
+    }
+}
+
+Owner owner_of_list(const Named& named) {
+    if (named.user) return Homes().owner(*named.user);
+    const string& path = named.list.path();
+    return owner_of_directory(path.substr(0, path.rfind('/')));
+}
+
+// Works on the list in a worker of its directory's owner.
+int run_on_list(Session& session, const Arguments& arguments,
+                const std::function<int(const AddressList&, Report&)>& work,
+                const std::function<void(const Json&)>& show = {}) {
+    const Named named = named_list(arguments);
+    Job job;
+    job.owner = [&](std::size_t) { return owner_of_list(named); };
+    job.work = [&](std::size_t, int, Report& report) { return work(named.list, report); };
+    job.show = [&](std::size_t, const Json& object) {
+        session.json ? session.out.object(object) : show(object);
+    };
+    return run_job(session, job).code;
+}
+
 Failure full(const AddressList& list) {
     return {kExitCannotCreate,
             fmt::format("{} has {} lines, more are not added", printable(list.path()), kListLines)};
 }
 
+string entry_of(const Json& object) { return object.at("entry").get<string>(); }
+
 // Entries as they stand in the list: escaped for eyes, exact for programs.
-void show_entry(Session& session, std::size_t line, const string& entry) {
-    if (session.json) {
-        Json object;
-        if (line > 0) object["line"] = line;
-        object["entry"] = entry;
-        session.out.object(object);
-    } else if (line > 0) {
-        session.out.line(fmt::format("{:>5}  {}", line, printable(entry)));
-    } else {
-        session.out.line(::isatty(STDOUT_FILENO) == 1 ? printable(entry) : entry);
+void show_plain(Session& session, const Json& object) {
+    const string entry = entry_of(object);
+    session.out.line(::isatty(STDOUT_FILENO) == 1 ? printable(entry) : entry);
+}
+
+void show_numbered(Session& session, const Json& object) {
+    session.out.line(fmt::format("{:>5}  {}", object.at("line").get<std::size_t>(),
+                                 printable(entry_of(object))));
+}
+
+int report_lines(const AddressList& list, Report& report) {
+    std::size_t line = 0;
+    for (const string& entry : list.lines()) report.object({{"line", ++line}, {"entry", entry}});
+    return kExitOk;
+}
+
+int report_entries(const std::vector<string>& entries, Report& report) {
+    for (const string& entry : entries) {
+        if (!entry.empty()) report.object({{"entry", entry}});
     }
+    return kExitOk;
 }
 
 int run_show(Session& session, const Arguments& arguments) {
-    const Opened opened = open_list(session, arguments);
-    if (arguments.sorted) {
-        for (const string& entry : opened.list.sorted()) show_entry(session, 0, entry);
-        return kExitOk;
+    if (!arguments.sorted) {
+        return run_on_list(session, arguments, report_lines,
+                           [&](const Json& object) { show_numbered(session, object); });
     }
-    std::size_t line = 0;
-    for (const string& entry : opened.list.lines()) show_entry(session, ++line, entry);
-    return kExitOk;
+    const auto work = [](const AddressList& list, Report& report) {
+        return report_entries(list.sorted(), report);
+    };
+    return run_on_list(session, arguments, work,
+                       [&](const Json& object) { show_plain(session, object); });
 }
 
 int run_export(Session& session, const Arguments& arguments) {
-    const Opened opened = open_list(session, arguments);
-    for (const string& entry : opened.list.lines()) {
-        if (!entry.empty()) show_entry(session, 0, entry);
-    }
-    return kExitOk;
+    const auto work = [](const AddressList& list, Report& report) {
+        return report_entries(list.lines(), report);
+    };
+    return run_on_list(session, arguments, work,
+                       [&](const Json& object) { show_plain(session, object); });
 }
 
-// One line about an entry, "added ann@site.test", or an object with the same as a member.
-void say(Session& session, const string& entry, const char* field, bool value, const char* words) {
-    if (session.json) {
-        session.out.object(Json{{"entry", entry}, {field, value}});
-    } else {
-        session.out.line(fmt::format("{} {}", words, printable(entry)));
-    }
+// What is said of an entry: "added ann@site.test", or an object with the same as a member.
+struct Answers {
+    const char* field;
+    const char *yes, *no;
+};
+
+int run_on_words(Session& session, const Arguments& arguments, const Answers& answers,
+                 const std::function<int(const AddressList&, Report&)>& work) {
+    return run_on_list(session, arguments, work, [&](const Json& object) {
+        const bool yes = object.at(answers.field).get<bool>();
+        session.out.line(
+            fmt::format("{} {}", yes ? answers.yes : answers.no, printable(entry_of(object))));
+    });
 }
 
 int run_add(Session& session, const Arguments& arguments) {
     std::for_each(arguments.words.begin(), arguments.words.end(), check_entry);
-    const Opened opened = open_list(session, arguments);
-    for (const string& entry : arguments.words) {
-        const Added added = opened.list.add(entry);
-        if (added == Added::full) throw full(opened.list);
-        say(session, entry, "added", added == Added::added,
-            added == Added::added ? "added" : "was there:");
-    }
-    return kExitOk;
+    const auto work = [&](const AddressList& list, Report& report) {
+        for (const string& entry : arguments.words) {
+            const Added added = list.add(entry);
+            if (added == Added::full) throw full(list);
+            report.object({{"entry", entry}, {"added", added == Added::added}});
+        }
+        return kExitOk;
+    };
+    return run_on_words(session, arguments, {"added", "added", "was there:"}, work);
 }
 
 int run_remove(Session& session, const Arguments& arguments) {
-    const Opened opened = open_list(session, arguments);
-    for (const string& entry : arguments.words) {
-        const bool removed = opened.list.remove(entry);
-        say(session, entry, "removed", removed, removed ? "removed" : "was not there:");
-    }
-    return kExitOk;
+    const auto work = [&](const AddressList& list, Report& report) {
+        for (const string& entry : arguments.words) {
+            report.object({{"entry", entry}, {"removed", list.remove(entry)}});
+        }
+        return kExitOk;
+    };
+    return run_on_words(session, arguments, {"removed", "removed", "was not there:"}, work);
 }
 
 // A question about words: exit code 0 if the answer is yes for all of them.
 int ask(Session& session, const Arguments& arguments, const char* field,
         bool (AddressList::*question)(const string&) const) {
-    const Opened opened = open_list(session, arguments);
-    bool all = true;
-    for (const string& word : arguments.words) {
-        const bool yes = (opened.list.*question)(word);
-        say(session, word, field, yes, yes ? "yes:" : "no:");
-        all = all && yes;
-    }
-    return all ? kExitOk : kExitNo;
+    const auto work = [&](const AddressList& list, Report& report) {
+        bool all = true;
+        for (const string& word : arguments.words) {
+            const bool yes = (list.*question)(word);
+            report.object({{"entry", word}, {field, yes}});
+            all = all && yes;
+        }
+        return all ? kExitOk : kExitNo;
+    };
+    return run_on_words(session, arguments, {field, "yes:", "no:"}, work);
 }
 
 int run_find(Session& session, const Arguments& arguments) {
@@ -159,22 +212,24 @@ int run_match(Session& session, const Arguments& arguments) {
 int run_replace(Session& session, const Arguments& arguments) {
     check_entry(arguments.entry);
     const auto line = static_cast<unsigned>(whole_number("line", arguments.line, 1, UINT_MAX));
-    open_list(session, arguments).list.replace(line, arguments.entry);
-    return kExitOk;
+    return run_on_list(session, arguments, [&](const AddressList& list, Report&) {
+        list.replace(line, arguments.entry);
+        return kExitOk;
+    });
 }
 
 struct Tally {
     std::uint64_t added = 0, present = 0, refused = 0;
 };
 
-void import_line(Session& session, const AddressList& list, const Input& input,
+void import_line(Report& report, const AddressList& list, const Input& input,
                  const LineReader& reader, Tally& tally) {
     const string& entry = reader.line();
     if (entry.empty() && !reader.cut()) return;
     if (const char* reason = reader.cut() ? "it is too long" : against_entry(entry)) {
         ++tally.refused;
-        session.error(
-            fmt::format("{}:{}: entry is refused: {}", input.name, reader.number(), reason));
+        report.error(Failure(kExitData, fmt::format("{}:{}: entry is refused: {}", input.name,
+                                                    reader.number(), reason)));
         return;
     }
     const Added added = list.add(entry);
@@ -186,24 +241,34 @@ void import_line(Session& session, const AddressList& list, const Input& input,
     ++(added == Added::added ? tally.added : tally.present);
 }
 
-int run_import(Session& session, const Arguments& arguments) {
-    const Input input = open_input(arguments.file);
-    const Opened opened = open_list(session, arguments);
+int import_all(const AddressList& list, const Input& input, Report& report) {
     LineReader reader(input);
-    Progress progress(session, "importing " + input.name + ", bytes", size_of(input));
     Tally tally;
-    while (reader.next()) {
-        import_line(session, opened.list, input, reader, tally);
-        progress.advance(reader.bytes());
+    for (const std::uint64_t size = size_of(input); reader.next();) {
+        import_line(report, list, input, reader, tally);
+        report.progress(reader.bytes(), size);
     }
-    if (session.json) {
-        session.out.object(
-            Json{{"added", tally.added}, {"present", tally.present}, {"refused", tally.refused}});
-    } else {
-        session.out.line(fmt::format("{} added, {} were there, {} refused", tally.added,
-                                     tally.present, tally.refused));
-    }
-    return tally.refused == 0 ? kExitOk : kExitData;
+    report.object({{"added", tally.added}, {"present", tally.present}, {"refused", tally.refused}});
+    return kExitOk;
+}
+
+int run_import(Session& session, const Arguments& arguments) {
+    const Named named = named_list(arguments);
+    const Input input = open_input(arguments.file);
+    Job job;
+    job.progress = "importing " + input.name + ", bytes";
+    job.owner = [&](std::size_t) { return owner_of_list(named); };
+    job.input = [&](std::size_t) { return Fd(::fcntl(input.fd, F_DUPFD_CLOEXEC, 0)); };
+    job.work = [&](std::size_t, int fd, Report& report) {
+        return import_all(named.list, {Fd(), fd, input.name}, report);
+    };
+    job.show = [&](std::size_t, const Json& tally) {
+        if (session.json) return session.out.object(tally);
+        const auto number = [&](const char* field) { return tally.at(field).get<std::uint64_t>(); };
+        session.out.line(fmt::format("{} added, {} were there, {} refused", number("added"),
+                                     number("present"), number("refused")));
+    };
+    return run_job(session, job).code;
 }
 
 Verb& declare_list(Verb& verb, Arguments& arguments) {

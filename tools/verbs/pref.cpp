@@ -1,15 +1,10 @@
 // pref - a user's preferences.
-#include <fmt/format.h>
-#include <unistd.h>
+#include <functional>
 
-#include <nlohmann/json.hpp>
-
-#include "tools/cli/address.h"
 #include "tools/cli/input.h"
 #include "tools/cli/text.h"
-#include "tools/spool/identity.h"
+#include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
-#include "tools/work/folder.h"
 #include "tools/work/preferences.h"
 
 namespace Tessaly::tool {
@@ -24,12 +19,6 @@ struct Arguments {
     string address;
     std::vector<string> words;
 };
-
-TSMailUserId user_of(const Arguments& arguments) {
-    TSMailUserId id = mailbox_of(arguments.address);
-    demand_mailbox(id);
-    return id;
-}
 
 Keys keys_of(const std::vector<string>& names) {
     Keys keys;
@@ -55,82 +44,97 @@ Json object_of(const Preferences& preferences, const Keys& keys) {
     return object;
 }
 
-int run_show(Session& session, const Arguments& arguments) {
-    const TSMailUserId id = user_of(arguments);
-    const AsOwner owner(session, id);
-    const Preferences preferences = Preferences::of(id);
-    if (session.json) {
-        session.out.object(object_of(preferences, all_keys()));
+// Reads the user's preferences in a worker and shows those with the keys.
+int run_reading(Session& session, const Arguments& arguments, const Keys& keys,
+                const std::function<void(const Json&)>& show) {
+    MailboxJob job;
+    job.work = [&](const TSMailUserId& id, Report& report) {
+        report.object(object_of(Preferences::of(id), keys));
         return kExitOk;
-    }
+    };
+    job.show = [&](const TSMailUserId&, const Json& object) {
+        session.json ? session.out.object(object) : show(object);
+    };
+    return run_on(session, one_mailbox(arguments.address), job);
+}
+
+void show_table(Session& session, const Json& object) {
     const Preferences defaults;
     Table table({{"preference"}, {"value"}, {"default, where it differs"}});
     for (const pref_property& property : all_preferences()) {
-        const string value = preferences.text(property), usual = defaults.text(property);
+        const string value = preference_text(object.at(property.name));
+        const string usual = defaults.text(property);
         table.row({property.name, value, value == usual ? "" : usual});
     }
     table.print(session.out);
-    return kExitOk;
+}
+
+int run_show(Session& session, const Arguments& arguments) {
+    return run_reading(session, arguments, all_keys(),
+                       [&](const Json& object) { show_table(session, object); });
 }
 
 int run_get(Session& session, const Arguments& arguments) {
     const Keys keys = keys_of(arguments.words);
-    const TSMailUserId id = user_of(arguments);
-    const AsOwner owner(session, id);
-    const Preferences preferences = Preferences::of(id);
-    if (session.json) {
-        session.out.object(object_of(preferences, keys));
+    return run_reading(session, arguments, keys, [&](const Json& object) {
+        for (const pref_property* key : keys) {
+            const string value = printable(preference_text(object.at(key->name)));
+            session.out.line(keys.size() == 1 ? value : fmt::format("{}={}", key->name, value));
+        }
+    });
+}
+
+// Changes the user's preferences in a worker, under their lock.
+int run_changing(Session& session, const Arguments& arguments,
+                 const std::function<Preferences(const TSMailUserId&)>& changed) {
+    MailboxJob job;
+    job.work = [&](const TSMailUserId& id, Report&) {
+        const PreferencesLock lock(id);
+        changed(id).store(id);
         return kExitOk;
-    }
-    for (const pref_property* key : keys) {
-        const string value = printable(preferences.text(*key));
-        session.out.line(keys.size() == 1 ? value : fmt::format("{}={}", key->name, value));
-    }
-    return kExitOk;
+    };
+    return run_on(session, one_mailbox(arguments.address), job);
 }
 
 // "key=value"
 void set_by_word(Preferences& preferences, const string& word) {
     const std::size_t equals = word.find('=');
     if (equals == string::npos) {
-        throw Failure(kExitUsage, fmt::format("\"{}\" is no KEY=VALUE", printable(word)));
+        throw Failure(kExitUsage, fmt::format("\"{}\" is not KEY=VALUE", printable(word)));
     }
     preferences.set(preference_named(word.substr(0, equals)),
                     std::string_view(word).substr(equals + 1));
 }
 
 // A JSON object from standard input.
-void set_by_input(Preferences& preferences) {
-    const Json object = Json::parse(read_standard_input(), nullptr, false);
-    if (!object.is_object()) throw Failure(kExitData, "standard input is no JSON object");
-    for (const auto& [key, value] : object.items()) {
-        preferences.set(preference_named(key), value);
-    }
+Json object_of_input() {
+    Json object = Json::parse(read_standard_input(), nullptr, false);
+    if (!object.is_object()) throw Failure(kExitData, "standard input is not a JSON object");
+    return object;
 }
 
 int run_set(Session& session, const Arguments& arguments) {
     if (arguments.words.empty() && !session.json) {
         throw Failure(kExitUsage, "KEY=VALUE is missing, or --json with an object to read");
     }
-    const TSMailUserId id = user_of(arguments);
-    const AsOwner owner(session, id);
-    const PreferencesLock lock(id);
-    Preferences preferences = Preferences::of(id);
-    for (const string& word : arguments.words) set_by_word(preferences, word);
-    if (arguments.words.empty()) set_by_input(preferences);
-    preferences.store(id);
-    return kExitOk;
+    const Json given = arguments.words.empty() ? object_of_input() : Json::object();
+    return run_changing(session, arguments, [&](const TSMailUserId& id) {
+        Preferences preferences = Preferences::of(id);
+        for (const string& word : arguments.words) set_by_word(preferences, word);
+        for (const auto& [key, value] : given.items()) {
+            preferences.set(preference_named(key), value);
+        }
+        return preferences;
+    });
 }
 
 int run_reset(Session& session, const Arguments& arguments) {
     const Keys keys = arguments.words.empty() ? all_keys() : keys_of(arguments.words);
-    const TSMailUserId id = user_of(arguments);
-    const AsOwner owner(session, id);
-    const PreferencesLock lock(id);
-    Preferences preferences = arguments.words.empty() ? Preferences() : Preferences::of(id);
-    for (const pref_property* key : keys) preferences.reset(*key);
-    preferences.store(id);
-    return kExitOk;
+    return run_changing(session, arguments, [&](const TSMailUserId& id) {
+        Preferences preferences = arguments.words.empty() ? Preferences() : Preferences::of(id);
+        for (const pref_property* key : keys) preferences.reset(*key);
+        return preferences;
+    });
 }
 
 void declare_show(Verb& verb, Arguments& arguments) { verb.address(arguments.address); }

@@ -1,17 +1,16 @@
 // quota - flags, kept totals and notices of a mailbox; the share of the archive accounts.
 #include "tools/work/quota.h"
 
-#include <fmt/format.h>
 #include <sys/stat.h>
-#include <nlohmann/json.hpp>
 
 #include <charconv>
+#include <ctime>
+#include <functional>
 
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
-#include "tools/spool/identity.h"
+#include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
-#include "tools/work/folder.h"
 
 namespace Tessaly::tool {
 
@@ -23,12 +22,6 @@ constexpr Word kFlagWords[] = {{kWarningFlag, "warning"}, {kExceededFlag, "excee
 
 QuotaFlag flag_of(const string& given) {
     return static_cast<QuotaFlag>(word_of(kFlagWords, "flag", given).number);
-}
-
-TSMailUserId existing(const string& address) {
-    TSMailUserId id = mailbox_of(address);
-    demand_mailbox(id);
-    return id;
 }
 
 // In UTC, as "2024-02-29 12:00:00Z".
@@ -50,56 +43,58 @@ void declare_address(Verb& verb, AddressArguments& arguments) { verb.address(arg
 
 Json json_of(const FlagState& flag) { return {{"set", flag.set}, {"value", flag.value}}; }
 
-template <class Value>
-Json json_or_null(bool known, Value value) {
-    return known ? Json(value) : Json(nullptr);
+Json json_of(const TSMailUserId& id, const QuotaState& state) {
+    Json object = {{"address", id.address(true)},
+                   {"warning", json_of(state.warning)},
+                   {"exceeded", json_of(state.exceeded)}};
+    object["bytes"] = state.kept ? Json(state.kept->bytes) : Json(nullptr);
+    object["messages"] = state.kept ? Json(state.kept->messages) : Json(nullptr);
+    object["dirty"] = state.dirty;
+    object["last_notice"] = state.last_notice ? Json(*state.last_notice) : Json(nullptr);
+    object["notice_due"] = state.notice_due;
+    return object;
 }
 
-void show_state_object(Session& session, const TSMailUserId& id, const QuotaState& state) {
-    const KeptTotals kept = state.kept.value_or(KeptTotals{});
-    session.out.object(Json{
-        {"address", id.address(true)},
-        {"warning", json_of(state.warning)},
-        {"exceeded", json_of(state.exceeded)},
-        {"bytes", json_or_null(state.kept.has_value(), kept.bytes)},
-        {"messages", json_or_null(state.kept.has_value(), kept.messages)},
-        {"dirty", state.dirty},
-        {"last_notice", json_or_null(state.last_notice.has_value(),
-                                     static_cast<std::int64_t>(state.last_notice.value_or(0)))},
-        {"notice_due", state.notice_due}});
+string flag_text(const Json& flag) {
+    if (!flag.at("set").get<bool>()) return "not set";
+    return fmt::format("set, value {}", flag.at("value").get<int>());
 }
 
-string flag_text(const FlagState& flag) {
-    return flag.set ? fmt::format("set, value {}", flag.value) : "not set";
+string kept_text(const Json& state) {
+    if (state.at("bytes").is_null()) return "unknown";
+    const auto bytes = state.at("bytes").get<std::uint64_t>();
+    return fmt::format("{} ({} bytes) in {} messages", size_text(bytes), bytes,
+                       state.at("messages").get<std::uint64_t>());
 }
 
-string kept_text(const QuotaState& state) {
-    if (!state.kept) return "unknown";
-    return fmt::format("{} ({} bytes) in {} messages", size_text(state.kept->bytes),
-                       state.kept->bytes, state.kept->messages);
+string last_notice_text(const Json& time) {
+    return time.is_null() ? "never" : time_text(time.get<std::time_t>());
 }
 
-void show_state_table(Session& session, const QuotaState& state) {
+void show_state_table(Session& session, const Json& state) {
+    const auto yes_or_no = [&](const char* field) {
+        return state.at(field).get<bool>() ? "yes" : "no";
+    };
     Table table({{"what"}, {"state"}});
-    table.row({"warning flag", flag_text(state.warning)});
-    table.row({"exceeded flag", flag_text(state.exceeded)});
+    table.row({"warning flag", flag_text(state.at("warning"))});
+    table.row({"exceeded flag", flag_text(state.at("exceeded"))});
     table.row({"kept total", kept_text(state)});
-    table.row({"to be recounted", state.dirty ? "yes" : "no"});
-    table.row({"last notice", state.last_notice ? time_text(*state.last_notice) : "never"});
-    table.row({"notice due", state.notice_due ? "yes" : "no"});
+    table.row({"to be recounted", yes_or_no("dirty")});
+    table.row({"last notice", last_notice_text(state.at("last_notice"))});
+    table.row({"notice due", yes_or_no("notice_due")});
     table.print(session.out);
 }
 
 int run_show(Session& session, const AddressArguments& arguments) {
-    const TSMailUserId id = existing(arguments.address);
-    const AsOwner owner(session, id);
-    const QuotaState state = quota_state(id);
-    if (session.json) {
-        show_state_object(session, id, state);
-    } else {
-        show_state_table(session, state);
-    }
-    return kExitOk;
+    MailboxJob job;
+    job.work = [](const TSMailUserId& id, Report& report) {
+        report.object(json_of(id, quota_state(id)));
+        return kExitOk;
+    };
+    job.show = [&](const TSMailUserId&, const Json& state) {
+        session.json ? session.out.object(state) : show_state_table(session, state);
+    };
+    return run_on(session, one_mailbox(arguments.address), job);
 }
 
 // ---- set, clear, reset
@@ -115,24 +110,31 @@ int value_of(const string& text) {
     const char* end = text.data() + text.size();
     const auto [rest, error] = std::from_chars(text.data(), end, value);
     if (error == std::errc() && rest == end) return value;
-    throw Failure(kExitUsage, "\"" + printable(text) + "\" is no number of 32 bits");
+    throw Failure(kExitUsage, "\"" + printable(text) + "\" is not a 32-bit number");
+}
+
+// Work that shows nothing.
+int run_silently(Session& session, const string& address,
+                 const std::function<void(const TSMailUserId&)>& work) {
+    MailboxJob job;
+    job.work = [&](const TSMailUserId& id, Report&) {
+        work(id);
+        return kExitOk;
+    };
+    return run_on(session, one_mailbox(address), job);
 }
 
 int run_set(Session& session, const FlagArguments& arguments) {
     const QuotaFlag flag = flag_of(arguments.flag);
     const int value = value_of(arguments.value);
-    const TSMailUserId id = existing(arguments.address);
-    const AsOwner owner(session, id);
-    set_quota_flag(id, flag, value);
-    return kExitOk;
+    return run_silently(session, arguments.address,
+                        [=](const TSMailUserId& id) { set_quota_flag(id, flag, value); });
 }
 
 int run_clear(Session& session, const FlagArguments& arguments) {
     const QuotaFlag flag = flag_of(arguments.flag);
-    const TSMailUserId id = existing(arguments.address);
-    const AsOwner owner(session, id);
-    clear_quota_flag(id, flag);
-    return kExitOk;
+    return run_silently(session, arguments.address,
+                        [=](const TSMailUserId& id) { clear_quota_flag(id, flag); });
 }
 
 void declare_clear(Verb& verb, FlagArguments& arguments) {
@@ -148,10 +150,7 @@ void declare_set(Verb& verb, FlagArguments& arguments) {
 }
 
 int run_reset(Session& session, const AddressArguments& arguments) {
-    const TSMailUserId id = existing(arguments.address);
-    const AsOwner owner(session, id);
-    mark_totals_untrusted(id);
-    return kExitOk;
+    return run_silently(session, arguments.address, mark_totals_untrusted);
 }
 
 // ---- notify
@@ -180,22 +179,33 @@ Notice notice_of(const TSMailUserId& id, const NotifyArguments& arguments) {
     return notice;
 }
 
-// Whether to send. Of a forced notice the time is kept only if one was due anyway.
-bool may_notify(const Session& session, const TSMailUserId& id, bool force) {
-    const AsOwner owner(session, id);
+// The worker's part: whether a notice is due; its time is kept then.
+int pass_guard(const TSMailUserId& id, Report& report) {
     const Guard guard = pass_notice_guard(id);
     if (guard.due && !guard.kept) {
-        session.warn("the time of this notice could not be kept: the next one is due at once");
+        report.warn("the time of this notice could not be kept: the next one is due at once");
     }
-    return guard.due || force;
+    report.object({{"due", guard.due}});
+    return kExitOk;
 }
 
+// Of a forced notice the time is kept only if one was due anyway. The submission program is started
+// by this process, with the rights of the caller: it may need to gain some.
 int run_notify(Session& session, const NotifyArguments& arguments) {
-    const TSMailUserId id = existing(arguments.address);
+    const Mailboxes mailbox = one_mailbox(arguments.address);
+    const TSMailUserId& id = mailbox.ids.front();
+    Homes().owner(id);  // a Failure if there is no such mailbox
     const Notice notice = notice_of(id, arguments);
     // Before the guard, so that the day's notice is not used up by one that nobody could send.
     demand_submission_program();
-    const bool send = may_notify(session, id, arguments.force);
+    bool send = arguments.force;
+    MailboxJob job;
+    job.work = pass_guard;
+    job.show = [&](const TSMailUserId&, const Json& guard) {
+        send = send || guard.at("due").get<bool>();
+    };
+    const int code = run_on(session, mailbox, job);
+    if (code != kExitOk) return code;
     if (send) {
         // The program makes files of its own, with modes of its own.
         ::umask(session.callers_umask);

@@ -188,6 +188,8 @@ Json Preferences::value(const pref_property& property) const {
     }
 }
 
+string preference_text(const Json& value) { return text_of(value); }
+
 string Preferences::text(const pref_property& property) const { return text_of(value(property)); }
 
 void Preferences::set(const pref_property& property, string_view text) {

@@ -19,6 +19,9 @@ std::span<const pref_property> all_preferences();
 // The one with this key; a Failure with code kExitData for an unknown key.
 const pref_property& preference_named(std::string_view key);
 
+// A preference's JSON value as people write it.
+std::string preference_text(const Json& value);
+
 class Preferences {
   public:
     // The defaults, with the system's time zone.

@@ -215,8 +215,9 @@ void demand_submission_program() {
 }
 
 void send_notice(const Notice& notice) {
-    // A caller that ignores its children would keep the program's answer from us.
-    std::signal(SIGCHLD, SIG_DFL);
+    // The submission program must not inherit that these are ignored; a caller that ignores its
+    // children would keep the program's answer from us.
+    for (const int signal : {SIGCHLD, SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_DFL);
     const int status =
         tsl_send_quota_msg(notice.from ? notice.from->c_str() : nullptr, notice.to.c_str(),
                            notice.subject.c_str(), notice.body.c_str());

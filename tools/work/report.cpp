@@ -35,6 +35,10 @@ void Report::error(const Failure& failure) {
 }
 
 void Report::progress(std::size_t done, std::size_t total) {
+    constexpr std::chrono::milliseconds kPause{100};
+    const auto now = std::chrono::steady_clock::now();
+    if (now < next_progress_) return;
+    next_progress_ = now + kPause;
     put(Event::progress, {{"done", done}, {"total", total}});
     send();
 }

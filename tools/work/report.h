@@ -2,6 +2,7 @@
 #ifndef TSMAIL_TOOLS_WORK_REPORT_H
 #define TSMAIL_TOOLS_WORK_REPORT_H
 
+#include <chrono>
 #include <cstddef>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -37,6 +38,7 @@ class Report {
     void warn(std::string_view text) { put(Event::warning, {{"text", text}}); }
     void detail(std::string_view text) { put(Event::detail, {{"text", text}}); }
     void error(const Failure& failure);
+    // Ten times a second at most.
     void progress(std::size_t done, std::size_t total);
     // From here on the task succeeds, whatever comes: a message was delivered, say.
     void passed();
@@ -49,6 +51,7 @@ class Report {
 
     int socket_;
     int worst_ = kExitOk;
+    std::chrono::steady_clock::time_point next_progress_;
     std::string pending_;
 };
 
