@@ -205,6 +205,30 @@ class SweepTest(RemovalCase):
         self.assertEqual(done.code, 73, done)
         self.assertEqual(scheduled(), [".deleted.b"])
 
+    def test_what_is_older_goes(self):
+        self.succeed("rm", ANN, "Work")
+        for age in ("7d", "1h", "1w"):
+            self.assertEqual(self.succeed("sweep", ANN, "--older", age).out, "")
+        self.assertEqual(len(scheduled()), 1)
+        status = os.lstat(f"{HOME}/{scheduled()[0]}")
+        while time.time() < status.st_ctime + 2.1:
+            time.sleep(0.1)
+        dry = self.succeed("sweep", "--all", "--older", "1s", "--dry-run").lines
+        self.assertRegex(dry[0], "^would remove .*Work.1: 0 messages")
+        os.chmod(f"{HOME}/{scheduled()[0]}", 0o700)  # as new as just scheduled
+        self.assertEqual(self.succeed("sweep", ANN, "--older", "2s").out, "")
+        while time.time() < os.lstat(f"{HOME}/{scheduled()[0]}").st_ctime + 2.1:
+            time.sleep(0.1)
+        self.succeed("sweep", "--domain", "site.test", "--older", "1s")
+        self.assertEqual(scheduled(), [])
+
+    def test_ages(self):
+        for age in ("", "7", "d", "-1d", "7m", "7 d", "7dd", "1.5h", "100001d"):
+            with self.subTest(age=age):
+                self.fail_with(64, "sweep", ANN, "--older", age, saying="older")
+        for age in ("0s", "12h", "30d", "100000w"):
+            self.succeed("sweep", ANN, "--older", age)
+
     def test_one_or_all(self):
         self.fail_with(64, "sweep")
         self.fail_with(64, "sweep", ANN, "--all")
@@ -283,6 +307,31 @@ class MailboxTest(RemovalCase):
             os.rmdir(directory)
         self.succeed("mailbox", "remove", ANN, "--yes")
         self.check_removed()
+
+    def test_partners_that_are_not_mailboxes(self):
+        self.write_list(ANN, "primaryaddr", "bert@site.test\nx@../../../..\nno@site.test\n\n../..\n")
+        done = self.succeed("mailbox", "remove", ANN, "--yes")
+        self.assertEqual(len(done.err.splitlines()), 2, done)
+        self.assertIn("is left alone", done.err)
+        self.check_removed()
+
+    def test_a_home_that_is_a_link(self):
+        os.rename(HOME, "/var/spool/elsewhere")
+        os.symlink("/var/spool/elsewhere", HOME)
+        self.succeed("mailbox", "remove", ANN, "--yes")
+        self.check_removed()
+        self.assertEqual(os.listdir("/var/spool/elsewhere"), [])
+
+    def test_a_partner_whose_list_cannot_be_changed(self):
+        """That is said; the mailbox goes all the same."""
+        theirs = f"{os.path.dirname(mail(BERT))}/pref/bert~site.test.secondaryaddr"
+        os.unlink(theirs)
+        os.mkdir(theirs)
+        done = tsmail("mailbox", "remove", ANN, "--yes")
+        self.assertEqual(done.code, 73, done)
+        self.assertIn(theirs, done.err)
+        self.assertIn(f"removed {HOME}", done.out)
+        self.assertEqual(os.listdir("/var/spool/home/site.test"), ["bert~site.test"])
 
     def test_what_stays_is_said(self):
         self.give_to_nobody()

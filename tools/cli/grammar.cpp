@@ -290,6 +290,19 @@ long long whole_number(string_view what, string_view given, long long least, lon
                                           printable(given), least, most));
 }
 
+std::chrono::seconds age_of(string_view what, string_view given) {
+    constexpr std::pair<char, long long> kUnits[] = {
+        {'s', 1}, {'h', 3600}, {'d', 86400}, {'w', 7 * 86400}};
+    constexpr long long kMost = 100000;
+    for (const auto& [letter, seconds] : kUnits) {
+        if (!given.ends_with(letter)) continue;
+        given.remove_suffix(1);
+        return std::chrono::seconds(seconds * whole_number(what, given, 0, kMost));
+    }
+    throw Failure(kExitUsage, fmt::format("{} \"{}\": an age as 30d, 12h or 8w is wanted", what,
+                                          printable(given)));
+}
+
 std::size_t jobs_of(const std::optional<string>& given) {
     constexpr long long kMostJobs = 64;
     if (!given) return std::max(1U, std::thread::hardware_concurrency());

@@ -102,6 +102,10 @@ const Word& word_of(std::span<const Word> words, std::string_view what, std::str
 long long whole_number(std::string_view what, std::string_view given, long long least,
                        long long most);
 
+// The age that is given: a whole number with s, h, d or w behind it for seconds, hours, days or
+// weeks. A Failure with code kExitUsage for anything else.
+std::chrono::seconds age_of(std::string_view what, std::string_view given);
+
 // What --jobs says; one for each processor if it was not given. A Failure with code kExitUsage.
 std::size_t jobs_of(const std::optional<std::string>& given);
 

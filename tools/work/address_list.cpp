@@ -132,10 +132,14 @@ void AddressList::replace(unsigned line, string entry) const {
     rewritten(mail_list_modify_from(user_.c_str(), list_.c_str(), entry.data(), line, scope_));
 }
 
+bool AddressList::exists() const {
+    if (::access(path_.c_str(), F_OK) == 0) return true;
+    if (errno == ENOENT || errno == ENOTDIR) return false;
+    throw system_failure(printable(path_));
+}
+
 void AddressList::demand() const {
-    if (::access(path_.c_str(), F_OK) == 0) return;
-    if (errno != ENOENT && errno != ENOTDIR) throw system_failure(printable(path_));
-    throw Failure(kExitNoInput, "there is no list " + printable(path_));
+    if (!exists()) throw Failure(kExitNoInput, "there is no list " + printable(path_));
 }
 
 // A new entry would become part of a last line without an end. Any rewrite ends it: this one takes

@@ -20,6 +20,8 @@ class AddressList {
     AddressList(std::string user, std::string list, unsigned scope);
 
     const std::string& path() const { return path_; }
+    // A Failure if that cannot be told.
+    bool exists() const;
 
     // All lines, numbered from 1 by their place, as the library counts them: empty ones too, and
     // the pieces of overlong ones. A Failure with code kExitNoInput if there is no such list.

@@ -1,6 +1,7 @@
 #include "tools/work/removal.h"
 
 #include <sys/stat.h>
+#include <tessaly/support.h>
 
 #include <ctime>
 
@@ -52,6 +53,15 @@ bool is_regular(const string& path) {
     throw system_failure(printable(path));
 }
 
+// The move to the hidden name sets the time of change.
+bool is_older(const string& path, std::chrono::seconds age) {
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0) return false;
+    struct timespec now;
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return std::chrono::seconds(now.tv_sec - st.st_ctim.tv_sec) > age;
+}
+
 }  // namespace
 
 string present_folder(const TSMailUserId& id, const string& name) {
@@ -93,11 +103,14 @@ Removal delete_folder(const TSMailUserId& id, const string& name) {
     return {amount, settle_if_any(id, amount)};
 }
 
-std::vector<string> scheduled_in(const TSMailUserId& id) {
+std::vector<string> scheduled_in(const TSMailUserId& id,
+                                 std::optional<std::chrono::seconds> older) {
     std::vector<string> paths;
     for (const string& directory : {id.homepath(), id.mailpath()}) {
         for (const string& name : names_in(directory)) {
-            if (tsm_is_deleted_user_path(name.c_str()) != 0) paths.push_back(in(directory, name));
+            if (tsm_is_deleted_user_path(name.c_str()) == 0) continue;
+            string path = in(directory, name);
+            if (!older || is_older(path, *older)) paths.push_back(std::move(path));
         }
     }
     return paths;
@@ -106,6 +119,10 @@ std::vector<string> scheduled_in(const TSMailUserId& id) {
 void delete_tree(const string& path) {
     const int error = tsm_delete_path(path.c_str());
     if (error != 0) throw deletion_failure(path, error);
+}
+
+void clean_directory(const string& path) {
+    if (tsm_clean_dir(path.c_str(), 0) != 0) throw deletion_failure(path, errno);
 }
 
 void check_message_name(std::string_view name) {
@@ -154,21 +171,6 @@ MessageRemoval delete_message(const TSMailUserId& id, const string& folder, cons
     const bool counted = amount.bytes > 0 || add_to_folder_record(id.mailfolder(folder), 0, -1);
     if (!counted) mark_for_recount(id);
     return {{amount, settle(id, amount) && counted}, path};
-}
-
-void demand_home(const TSMailUserId& id) {
-    struct stat st;
-    if (::lstat(id.homepath().c_str(), &st) == 0) return;
-    if (errno != ENOENT && errno != ENOTDIR) throw system_failure(printable(id.homepath()));
-    throw Failure(kExitNoUser, "there is no mailbox " + printable(id.address(true)));
-}
-
-void delete_mailbox(const TSMailUserId& id) {
-    const string home = id.homepath();
-    if (tsl_delete_user_file(MUF_HOMEPATH, id.address(true).c_str()) != 0) {
-        throw deletion_failure(home, errno);
-    }
-    delete_tree(home);
 }
 
 }  // namespace Tessaly::tool

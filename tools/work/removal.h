@@ -4,6 +4,8 @@
 
 #include <tessaly/MailUserId.h>
 
+#include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -31,10 +33,14 @@ Removal schedule_folder(const TSMailUserId& id, const std::string& name);
 // A Failure if something of it stayed; the mailbox is marked for a recount then.
 Removal delete_folder(const TSMailUserId& id, const std::string& name);
 
-// What was scheduled in the mailbox's home and in its maildir root.
-std::vector<std::string> scheduled_in(const TSMailUserId& id);
+// What was scheduled in the mailbox's home and in its maildir root; with `older`, what was
+// scheduled longer ago than that: a change of its directory counts as a new schedule.
+std::vector<std::string> scheduled_in(const TSMailUserId& id,
+                                      std::optional<std::chrono::seconds> older = {});
 // Removes the path and all below it; a Failure if something of it stayed.
 void delete_tree(const std::string& path);
+// Removes all below the directory; a Failure if something of it stayed.
+void clean_directory(const std::string& path);
 
 // A message's name is one component and not hidden; what is not is a Failure with code kExitData.
 void check_message_name(std::string_view name);
@@ -49,13 +55,6 @@ struct MessageRemoval : Removal {
 // Removes it from the folder; sizes as above.
 MessageRemoval delete_message(const TSMailUserId& id, const std::string& folder,
                               const std::string& name);
-
-// A Failure with code kExitNoUser if nothing is left of the mailbox. One that was removed in part
-// has a home still.
-void demand_home(const TSMailUserId& id);
-// Takes the mailbox out of its partners' address lists and removes its home. A Failure if something
-// stayed.
-void delete_mailbox(const TSMailUserId& id);
 
 }  // namespace Tessaly::tool
 
