@@ -5,12 +5,17 @@
 #include <tessaly/support.h>
 
 #include <cstdio>
+#include <string_view>
 #include <utility>
+
+#include "base/io.h"
 
 namespace Tessaly::base {
 
 // Opens and locks in the constructor, closes and unlocks at the end. The library works on the
-// descriptor of such a stream, never on its buffer, so both views of the file agree.
+// descriptor of the stream and not on its buffer, so that both views of the file agree. An
+// executable that defines open_and_lock_file itself may return a stream without a descriptor (fd()
+// is -1). The library reads and writes such a stream through its buffer.
 class LockedStream {
   public:
     LockedStream(const char* path, const char* mode) : stream_(::open_and_lock_file(path, mode)) {}
@@ -20,8 +25,15 @@ class LockedStream {
 
     explicit operator bool() const { return stream_ != nullptr; }
     std::FILE* get() const { return stream_; }
-    // -1 for a stream of an executable's own open_and_lock_file that has none.
     int fd() const { return ::fileno(stream_); }
+
+    // Writes all of the text where the stream stands. False with errno if not; a beginning may have
+    // been written. Nothing is left in the buffer that the close could lose.
+    bool write(std::string_view text) const {
+        if (fd() >= 0) return write_all(fd(), text);
+        return std::fwrite(text.data(), 1, text.size(), stream_) == text.size() &&
+               std::fflush(stream_) == 0;
+    }
 
     bool close_and_unlock() {
         std::FILE* stream = std::exchange(stream_, nullptr);

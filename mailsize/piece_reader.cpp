@@ -35,15 +35,21 @@ void PieceReader::fill() {
     filled_ -= position_;
     std::memmove(buffer_, buffer_ + position_, filled_);
     position_ = 0;
-    const std::size_t room = sizeof buffer_ - filled_;
-    const ssize_t n =
-        base::retry([&] { return ::pread(fd_, buffer_ + filled_, room, file_offset_); });
+    const ssize_t n = read_some(buffer_ + filled_, sizeof buffer_ - filled_);
     ++reads_;
     failed_ = n < 0 || file_offset_ + n > longest_;
     at_end_ = n == 0;
     if (failed_ || at_end_) return;
     filled_ += static_cast<std::size_t>(n);
     file_offset_ += n;
+}
+
+ssize_t PieceReader::read_some(char* to, std::size_t room) {
+    if (fd_ >= 0 || stream_ == nullptr) {
+        return base::retry([=, this] { return ::pread(fd_, to, room, file_offset_); });
+    }
+    const std::size_t n = std::fread(to, 1, room, stream_);
+    return n == 0 && std::ferror(stream_) != 0 ? -1 : static_cast<ssize_t>(n);
 }
 
 }  // namespace Tessaly::mailsize

@@ -5,9 +5,11 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <string_view>
 
 #include "base/io.h"
+#include "base/locked_stream.h"
 
 namespace Tessaly::mailsize {
 
@@ -19,6 +21,10 @@ class PieceReader {
     // of more than `longest` bytes ends by an error.
     PieceReader(int fd, std::size_t limit, off_t longest = base::kLongestFile)
         : fd_(fd), limit_(limit), longest_(longest) {}
+    // The same for a stream. One without a descriptor is read from where it stands.
+    PieceReader(const base::LockedStream& file, std::size_t limit) : PieceReader(file.fd(), limit) {
+        stream_ = file.get();
+    }
     PieceReader(const PieceReader&) = delete;
     PieceReader& operator=(const PieceReader&) = delete;
 
@@ -35,8 +41,10 @@ class PieceReader {
     std::string_view first_piece() const;
     bool is_whole(std::string_view piece) const;
     void fill();
+    ssize_t read_some(char* to, std::size_t room);
 
     int fd_;
+    std::FILE* stream_ = nullptr;  // read if there is no descriptor
     std::size_t limit_;
     off_t longest_;
     bool at_end_ = false;

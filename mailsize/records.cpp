@@ -123,7 +123,7 @@ int append_size_record(const char* path, const Record& record, Header header) {
     const LockedFile file = look_at(path, stream.get());
     const string_view first_line = header == Header::when_compacted ? kHeader : string_view();
     if (file.length > kCompactAbove && compact(file, record, first_line)) return 0;
-    write_whole(file.fd, RecordText(record).view(), file.length);
+    write_whole(stream, RecordText(record).view(), file.length);
     return 0;
 }
 
@@ -137,10 +137,10 @@ struct Totals : Record {
     }
 };
 
-Totals read_totals(int fd) {
+Totals read_totals(const base::LockedStream& file) {
     constexpr Totals kDamaged{{}, true};
     Totals totals;
-    PieceReader reader(fd, kRecordPiece);
+    PieceReader reader(file, kRecordPiece);
     for (string_view piece = reader.next(); !piece.empty(); piece = reader.next()) {
         const auto record = parse_record(piece);
         if (record && !totals.add(*record)) return kDamaged;
@@ -156,7 +156,7 @@ int read_size_record(const char* path, unsigned long long* size, unsigned long l
     if (path == nullptr) return 0;
     Totals totals;
     if (base::LockedStream stream(path, "r"); stream) {
-        totals = read_totals(stream.fd());
+        totals = read_totals(stream);
         stream.close_plainly();
     }
     store(size, totals.size);
@@ -195,7 +195,7 @@ int tsl_get_maildirsize(const void*, const char* maildir, unsigned long long* si
 int tsl_write_mail_folder_size(const char* path, long long size, long long count) {
     if (path == nullptr) return 0;
     const Tessaly::base::LockedStream stream(path, "w");
-    if (stream) write_whole(stream.fd(), RecordText({size, count}).view(), 0);
+    if (stream) write_whole(stream, RecordText({size, count}).view(), 0);
     return 0;
 }
 

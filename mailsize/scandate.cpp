@@ -29,9 +29,9 @@ std::optional<int> parse_date(std::string_view piece) {
     return static_cast<int>(number.as_signed());
 }
 
-std::optional<int> read_date(int fd) {
+std::optional<int> read_date(const base::LockedStream& file) {
     std::optional<int> date;
-    PieceReader reader(fd, kDatePiece);
+    PieceReader reader(file, kDatePiece);
     for (std::string_view piece = reader.next(); !piece.empty(); piece = reader.next()) {
         if (const auto found = parse_date(piece)) date = found;
     }
@@ -52,7 +52,7 @@ int tsl_set_mail_unread_scandate(const char* dir, int date) {
     char buffer[16];  // "-2147483648\n"
     Tessaly::base::BoundedText text(buffer, sizeof buffer);
     text << date << '\n';
-    write_whole(stream.fd(), text.view(), 0);
+    write_whole(stream, text.view(), 0);
     return 0;
 }
 
@@ -62,7 +62,7 @@ int tsl_get_mail_unread_scandate(const char* dir, long* date) {
     if (::access(path.c_str(), F_OK) != 0) return -1;
     Tessaly::base::LockedStream stream(path.c_str(), "r");
     if (!stream) return -1;
-    const auto found = read_date(stream.fd());
+    const auto found = read_date(stream);
     stream.close_plainly();
     if (!found) return -1;
     if (date != nullptr) *date = *found;

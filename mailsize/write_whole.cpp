@@ -3,14 +3,12 @@
 #include <unistd.h>
 
 #include "base/fd.h"
-#include "base/io.h"
 
 namespace Tessaly::mailsize {
 
-bool write_whole(int fd, std::string_view text, off_t length) {
-    if (base::write_all(fd, text)) return true;
-    if (length >= 0) base::retry([=] { return ::ftruncate(fd, length); });
-    return false;
+void write_whole(const base::LockedStream& file, std::string_view text, off_t length) {
+    if (file.write(text) || length < 0) return;
+    base::retry([&] { return ::ftruncate(file.fd(), length); });
 }
 
 }  // namespace Tessaly::mailsize

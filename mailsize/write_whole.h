@@ -6,12 +6,13 @@
 
 #include <string_view>
 
+#include "base/locked_stream.h"
+
 namespace Tessaly::mailsize {
 
-// Writes at the end of a file of this length, where the descriptor stands (or appends). False if
-// not all could be written; the file is cut back to its length then (if that is known: not
-// negative).
-bool write_whole(int fd, std::string_view text, off_t length);
+// Writes at the end of a file of this length, where the stream stands (or appends). If not all
+// could be written, the file is cut back to its length, unless the length is unknown (negative).
+void write_whole(const base::LockedStream& file, std::string_view text, off_t length);
 
 }  // namespace Tessaly::mailsize
 

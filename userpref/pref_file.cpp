@@ -121,19 +121,11 @@ class Text {
     char text_[kLongestText + kLineCapacity];  // the last line may ask for a whole one's room
 };
 
-// On the descriptor nothing is left in the stream's buffer that the close could lose. A stream that
-// an executable makes itself may have no descriptor.
-bool write_text(const LockedStream& stream, std::string_view text) {
-    if (stream.fd() >= 0) return base::write_all(stream.fd(), text);
-    std::FILE* const out = stream.get();
-    return std::fwrite(text.data(), 1, text.size(), out) == text.size() && std::fflush(out) == 0;
-}
-
 bool store(const user_pref& p, const std::string& path) {
     const Text text(p);
     LockedStream stream(path.c_str(), "w");
     if (!stream) return false;
-    const bool written = write_text(stream, text.view());
+    const bool written = stream.write(text.view());
     const int error = errno;
     stream.close_and_unlock();  // its result has no meaning that is known
     errno = error;
