@@ -24,11 +24,13 @@
  *              leaves a descriptor open.
  *   Files      New files get mode 0666, directories the mode that is stated, both less the umask.
  *              Nothing is flushed to the disk. What a crash of the machine leaves depends on the
- *              file system. A file that is read must be a regular one of at most 64 MiB; any other
- *              counts as one that cannot be read. Nothing is created, emptied or appended to
- * through a symbolic link as last component, unless root or the effective user owns the link. Locks
- * "Locks" means open_and_lock_file of <tessaly/support.h>: a lock between processes that is waited
- * for without a limit and held until the function returns.
+ *              file system. A file of the store that is read must be a regular one of at most
+ *              64 MiB; any other counts as one that cannot be read. Nothing is created, emptied or
+ *              appended to through a symbolic link as last component, unless root or the effective
+ *              user owns the link. A file on which another process holds a lease (fcntl F_SETLEASE)
+ *              is waited for, for one second; if the lease stays, the file cannot be opened.
+ *   Locks      "Under its lock" means open_and_lock_file of <tessaly/support.h>: a lock between
+ *              processes that is waited for without a limit and held until the function returns.
  */
 #ifndef TESSALY_MAILSTORE_H
 #define TESSALY_MAILSTORE_H
@@ -130,8 +132,7 @@ int tsl_is_mbox_folder(const char* path);
  *
  * Returns a nonzero number if so. It is negative: the offset of the blank before the time of day
  * from the end of the date. Returns 0 if not, for an empty file, for NULL, and if the file cannot
- * be read. Does not wait for the writer of a FIFO. Waits for a lease on the file (fcntl
- * F_SETLEASE) to be given up. Takes no lock. */
+ * be read. The file may be of any size. Does not wait for the writer of a FIFO. Takes no lock. */
 int tsl_is_mbox(const char* file);
 
 /* Returns 1 if `dir` holds an entry ".maildirfolder", or else all of "cur", "new" and "tmp". The
@@ -318,9 +319,9 @@ int tsl_write_maildir_cache_file(const char* path, long mtime, unsigned long siz
 
 /* Reads a scan cache of that form, with numbers as "%ld" and "%lu" of scanf take them. The form of
  * two lines that the mailbox scan writes is not understood. Returns 1 and sets both outputs (each
- * may be NULL), or returns 0 and leaves both untouched. Takes no lock: the file is read until two
- * readings agree, so that both numbers come from one writer. If 100 readings differ, the result is
- * 0. */
+ * may be NULL), or returns 0 and leaves both untouched. Takes no lock: the file is read until four
+ * readings in a row agree, so that both numbers come from one writer. If 100 readings do not come
+ * to rest, the result is 0. */
 int tsl_read_maildir_cache_file(const char* path, long* mtime, unsigned long* size);
 
 /* Writes the date of the last scan for unread messages (seconds since the epoch) as the only line
@@ -443,9 +444,10 @@ int tsm_delete_path(const char* path);
 int tsm_delete_maildir(const char* path);
 
 /* Removes the messages of a maildir folder, which are the files in "cur", "new" and "tmp", and its
- * scan cache. The three directories stay, and so does any directory in them. If `path` or one of
- * the three is a link, it is left out. Returns 0, whatever could not be removed. Returns -1 if path
- * is NULL or empty, if stat of it fails, and if it is not a directory. */
+ * scan cache. The three directories stay, and so does any directory in them. If one of the three is
+ * a link, it is left out. If `path` is a link to a folder, that folder is cleaned. Returns 0,
+ * whatever could not be removed. Returns -1 if path is NULL or empty, if stat of it fails, and if
+ * it is not a directory. */
 int tsm_clean_maildir(const char* path);
 
 /* Removes what a file kind names (enum MailUserFileKind) for the user `address`. For

@@ -108,12 +108,16 @@ typedef struct pref_property {
 extern const pref_property pref_properties[];
 
 /* Converts the text behind the '=' of a line (line end included) into the field. Returns 0, or -1
- * if field or text is NULL. A field of size 0 is left alone. PREF_TYPE_INT, PREF_TYPE_UINT16  The
- * number is read as by strtoll in base 10: blanks in front are skipped, what follows the digits is
- * ignored, a text without digits is 0, and a number beyond 64 bits is the nearest that fits. The
- * low bytes of the number are kept, as many as the field has. PREF_TYPE_BOOL  The number is read as
- * by strtol. The field is 1 if one of the low 8 bits of the number is set, else 0 (so "256" is 0).
- *   PREF_TYPE_STRING  The first size - 1 bytes are kept; white space at their end is removed. */
+ * if field or text is NULL. A field of size 0 is left alone.
+ *
+ * PREF_TYPE_INT and PREF_TYPE_UINT16: the number is read as by strtoll in base 10. Blanks in front
+ * are skipped, what follows the digits is ignored, a text without digits is 0, and a number beyond
+ * 64 bits is the nearest that fits. The field keeps the low bytes of the number.
+ *
+ * PREF_TYPE_BOOL: the number is read as by strtol. The field is 1 if one of the low 8 bits of the
+ * number is set, else 0 (so "256" is 0).
+ *
+ * PREF_TYPE_STRING: the first size - 1 bytes are kept; white space at their end is removed. */
 typedef int (*pref_text_to_field)(void* field, unsigned int size, const char* text);
 
 /* Writes the line "<key>=<value>\n" of a field as snprintf(line, capacity, ...) does: cut at

@@ -293,8 +293,7 @@ TEST_F(Maildir, DeleteThroughALinkAtTheTop) {
     EXPECT_EQ(list(folder + "/new"), Names{"sub"});
 }
 
-// A linked sub-directory is followed one step: its files go, what lies deeper stays, and so does
-// the directory itself.
+// A link in the place of a sub-directory may lead anywhere: what it leads to stays.
 TEST_F(Maildir, LinkedSubDirectoriesAreLeft) {
     for (const auto operation : {tsm_delete_maildir, tsm_clean_maildir}) {
         write(dir_ / "elsewhere/message", "x");
@@ -351,6 +350,15 @@ TEST_F(Maildir, CleanRemovesMessagesAndTheCache) {
     }
     EXPECT_EQ(list(folder + "/Sub/cur"), Names{"message"});
     EXPECT_EQ(tsm_clean_maildir(folder.c_str()), 0);
+}
+
+TEST_F(Maildir, CleanThroughALinkAtTheTop) {
+    const std::string folder = make_folder("real");
+    make_link("real", dir_ / "link");
+    EXPECT_EQ(tsm_clean_maildir((dir_ / "link").c_str()), 0);
+    EXPECT_EQ(list(dir_.path()), (Names{"link", "real"}));
+    EXPECT_EQ(list(folder), (Names{".ts_folder_size", "Sub", "cur", "new", "tmp"}));
+    EXPECT_EQ(list(folder + "/cur"), Names{"sub"});
 }
 
 TEST_F(Maildir, CleanOfOtherObjects) {
