@@ -15,14 +15,14 @@ inline bool is_dot_or_dotdot(const char* name) {
     return name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0'));
 }
 
-// Reads from the descriptor's present offset on; entries are valid until the next call of next().
-// The buffer (32 KiB, what the C library uses too) lies inside the object: one at a time on a
-// stack, not one for each level of a tree.
+// Reads from the descriptor's present offset on. An entry is valid until the next call of next().
+// The buffer (32 KiB, as in the C library) lies inside the object, so a stack should hold one
+// reader at a time, not one for each level of a tree.
 class DirReader {
   public:
     explicit DirReader(int fd) : fd_(fd) {}
 
-    // The next entry ("." and ".." included), or nullptr at the end or on an error; failed() tells.
+    // The next entry ("." and ".." included), or nullptr at the end or on an error (see failed()).
     const dirent64* next() {
         if (position_ >= filled_ && !fill()) return nullptr;
         auto* entry = reinterpret_cast<const dirent64*>(buffer_ + position_);
@@ -36,9 +36,9 @@ class DirReader {
         return entry;
     }
 
-    // Whether the reading ended by an error instead of the directory's end; errno holds it then.
+    // Whether an error, which is in errno, and not the directory's end ended the reading.
     bool failed() const { return failed_; }
-    // Starts again from the beginning; if that cannot be, the reading has failed.
+    // Starts again from the beginning. If that fails, the reading has failed.
     void rewind() {
         position_ = filled_ = 0;
         failed_ = ::lseek(fd_, 0, SEEK_SET) != 0;

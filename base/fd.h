@@ -1,5 +1,5 @@
-// Fd - the one owner of a file descriptor; off_standard - not one of the standard streams'; retry -
-// a system call again after an interruption.
+// Fd - the one owner of a file descriptor; off_standard - moves it off the standard streams'
+// numbers; retry - makes a system call again after an interruption.
 #ifndef TSMAIL_BASE_FD_H
 #define TSMAIL_BASE_FD_H
 
@@ -11,8 +11,8 @@
 
 namespace Tessaly::base {
 
-// Calls until the answer is not "-1, interrupted". Not for close: on Linux the descriptor is gone
-// then, and a second close could hit another thread's.
+// Calls until the result is not "-1, interrupted". Do not use it for close: on Linux an interrupted
+// close has closed the descriptor, and a second close could hit another thread's.
 template <class Call>
 auto retry(Call&& call) {
     for (;;) {
@@ -52,8 +52,8 @@ class Fd {
     int fd_ = -1;
 };
 
-// Moves a descriptor off the standard ones: in a process that has those closed, what it prints must
-// not end up in a mailbox's files.
+// Moves a descriptor off the numbers of the standard streams. A process that has those closed must
+// not print into a mailbox's files.
 inline Fd off_standard(Fd fd) {
     if (!fd || fd.get() > STDERR_FILENO) return fd;
     return Fd(::fcntl(fd.get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));

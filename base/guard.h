@@ -1,4 +1,4 @@
-// Where the library's C++ meets its C callers.
+// The border between the library's C++ and its C callers.
 #ifndef TSMAIL_BASE_GUARD_H
 #define TSMAIL_BASE_GUARD_H
 
@@ -7,8 +7,9 @@
 
 namespace Tessaly::base {
 
-// Runs the body of a flat function; a lack of memory gets the function's failure answer instead of
-// passing through C callers. (std::length_error is how std::string puts an impossible size.)
+// Runs the body of a flat function. A lack of memory gives the function's failure answer, so that
+// no exception passes through C callers. (std::string throws std::length_error for an impossible
+// size.)
 template <class Result, class Body>
 Result no_throw(Result failure, Body&& body) noexcept {
     try {

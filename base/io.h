@@ -15,17 +15,18 @@ bool write_all(int fd, std::string_view text);
 // The same at an offset, for descriptors that are not in append mode.
 bool pwrite_all(int fd, std::string_view text, off_t offset);
 
-// Makes the text the whole content of a file that has just been emptied, without a lock. Of several
-// processes that do so at the same time the last one's text stays. False with errno if the text
-// could not be written whole; the file is empty then. The descriptor is not in append mode.
+// Makes the text the whole content of a file that has just been emptied. Takes no lock: if several
+// processes do so at the same time, the last one's text stays. False with errno if the text could
+// not be written whole; the file is empty then. The descriptor must not be in append mode.
 bool replace_content(int fd, std::string_view text);
 
 // Reads up to `room` bytes from the offset on, until the room is full or the file ends. The count,
 // or -1 with errno. The descriptor's own offset does not move.
 ssize_t pread_full(int fd, char* buffer, std::size_t room, off_t offset);
 
-// What is read of one of the store's files at most. An honest one is far shorter; a longer one (it
-// may have holes of any size, and grow while it is read) counts as one that cannot be read.
+// The most that is read of one of the store's files. The library's own are far shorter. A longer
+// one (which may have holes of any size, and grow while it is read) counts as one that cannot be
+// read.
 inline constexpr off_t kLongestFile = off_t{64} << 20;
 
 // Appends the whole file, from its beginning, to `text`. False with errno on a read error, EFBIG

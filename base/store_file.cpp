@@ -20,9 +20,9 @@ constexpr int kCommonFlags = O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
 constexpr mode_t kMode = 0666;
 constexpr int kMostLinks = 40;  // as many as the kernel follows
 
-// How often, and how long each time, a file is waited for that somebody holds a lease on. A file
-// server gives its lease back within this second; a file's owner could let it stall each open for
-// as long as the kernel allows (45 seconds).
+// How often, and for how long each time, an open waits while another process holds a lease on the
+// file. A file server gives its lease back within this second. The owner of a file could let a
+// lease stall each open for as long as the kernel allows (45 seconds).
 constexpr int kLeaseAttempts = 100;
 constexpr timespec kLeasePause = {0, 10'000'000};
 
@@ -38,8 +38,8 @@ Fd find_at(int dir, const char* path, int flags) {
     return Fd(retry([=] { return ::openat(dir, path, O_PATH | O_CLOEXEC | flags); }));
 }
 
-// Nothing with errno if the descriptor's file is not a regular one. (Of an open file whose kind
-// cannot be asked for nothing is known to be wrong; what is read is bounded all the same.)
+// Nothing with errno if the descriptor's file is not a regular one. (A file whose fstat fails is
+// accepted; the reading is bounded in any case.)
 Fd only_regular(Fd fd) {
     struct stat st;
     if (!fd) return {};
@@ -48,7 +48,7 @@ Fd only_regular(Fd fd) {
     return {};
 }
 
-// Opens for reading what has been found. Without /proc the path has to do.
+// Opens the found file for reading; by its path if there is no /proc.
 Fd open_found(const Fd& found, const char* path) {
     char self[64];
     BoundedText(self, sizeof self) << "/proc/self/fd/" << found.get() << '\0';
@@ -64,8 +64,8 @@ Fd read_through_link(const char* path) {
 
 bool is_trusted(uid_t owner) { return owner == 0 || owner == ::geteuid(); }
 
-// Puts a trusted link's text in the place of its name; what is not a link (any more) keeps its
-// name. False with errno, EACCES for another person's link.
+// Replaces the name of a trusted link by the link's text. The name of what is not a link (any more)
+// stays. False with errno, EACCES for another person's link.
 bool follow(int dir, std::string& name) {
     const Fd link = find_at(dir, name.c_str(), O_NOFOLLOW);
     struct stat st;
@@ -91,7 +91,7 @@ std::string cut_directory(std::string& path) {
 }
 
 // Follows the links in the place of a path's last component one by one, each only if it is trusted.
-// None is left to the kernel, which would follow what stands there by then.
+// The kernel follows none of them: another link may have taken the place meanwhile.
 Fd open_through_links(std::string path, int flags) {
     Fd dir;
     int error = ELOOP;
@@ -132,7 +132,7 @@ Fd open_for_update(const char* path, int flags) {
 }
 
 Fd open_for_emptying(const char* path) {
-    // A slash at the end would have the kernel follow a link, and ENOTDIR is all it says of one.
+    // The kernel follows a link with a slash behind it, and says of a link only ENOTDIR.
     return no_throw(Fd(), [=] { return open_through_links(path, O_RDONLY | O_DIRECTORY); });
 }
 

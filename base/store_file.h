@@ -1,10 +1,11 @@
 // Opening files in directories whose owners change them at any moment.
 //
-// A file's name may belong to a FIFO, a device, a socket or a link to anywhere instead. So no open
-// waits for a FIFO's other end, what is read is a regular file (nothing else behind a link is even
-// opened), and nothing is created, emptied or written through a link as last component that a third
-// person made: the link's owner must be root or the process's effective user. Links before the last
-// component are followed. A file that somebody holds a lease on is waited for, a second at most.
+// A file's name may belong to a FIFO, a device, a socket or a link to anywhere instead. So
+//   - no open waits for the other end of a FIFO;
+//   - only regular files are read, and nothing else behind a link is even opened;
+//   - nothing is created, emptied or written through a link as last component, unless root or the
+//     process's effective user owns the link. Links before the last component are followed;
+//   - a file that is under a lease of another process is waited for, for a second at most.
 #ifndef TSMAIL_BASE_STORE_FILE_H
 #define TSMAIL_BASE_STORE_FILE_H
 
@@ -22,10 +23,10 @@ Fd open_for_reading(const char* path);
 // umask), O_TRUNC and O_APPEND. EACCES for another person's link.
 Fd open_for_writing(const char* path, int flags);
 
-// The same for a file that is read as well, so that it must be a regular one.
+// The same for a file that is also read, which must therefore be a regular one.
 Fd open_for_update(const char* path, int flags);
 
-// Opens a directory to remove what is in it, by the rule for writing.
+// Opens a directory whose entries are going to be removed, by the rule for writing.
 Fd open_for_emptying(const char* path);
 
 }  // namespace Tessaly::base

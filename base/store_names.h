@@ -16,8 +16,8 @@ static_assert(kDirtyMarker.starts_with(kMaildirSize));
 
 // In a folder.
 inline constexpr string_view kCur = "cur", kNew = "new", kTmp = "tmp";
-// In the order in which a folder is tested, made and emptied: who sees tmp, which comes last, sees
-// a whole folder.
+// In the order in which a folder is tested, made and emptied: a process that sees tmp, the last
+// one, sees a whole folder.
 inline constexpr const char* kSubDirs[] = {kCur.data(), kNew.data(), kTmp.data()};
 inline constexpr string_view kFolderMarker = ".maildirfolder";
 inline constexpr string_view kFolderSize = ".ts_folder_size";
@@ -38,7 +38,7 @@ inline constexpr string_view kSecondaryAddresses = "secondaryaddr";
 inline constexpr string_view kListLock = ".lock";
 inline constexpr string_view kListTemporary = ".tmp";
 
-// In front of the name of what is scheduled for deletion.
+// In front of the name of a directory or file that is scheduled for deletion.
 inline constexpr string_view kDeletedPrefix = ".deleted.";
 
 }  // namespace Tessaly::names

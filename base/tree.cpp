@@ -17,7 +17,7 @@ namespace Tessaly::base {
 
 namespace {
 
-// Levels of a tree that are kept open; the way back to those above is "..".
+// The number of levels of a tree that are kept open. Those above are reached again by "..".
 constexpr std::size_t kOpenLevels = 32;
 
 bool is_not_empty(int error) { return error == ENOTEMPTY || error == EEXIST; }
@@ -56,15 +56,14 @@ struct Level {
     std::unordered_set<std::string> stuck;  // subdirectories that are not tried again
 };
 
-// Works in passes: each removes the files of a directory while it reads it and notes the names of
-// its subdirectories, then enters them one by one. A directory that is not empty after a pass had
-// entries that the reading skipped or that came late; it gets passes as long as they achieve
-// something.
+// Works in passes. A pass removes the files of a directory while it reads it, notes the names of
+// its subdirectories, and enters them one by one. If the directory is not empty then, the reading
+// skipped entries or others came late. It gets further passes as long as each removes something.
 class Remover {
   public:
     explicit Remover(int top) : top_(top), levels_(1) {}
 
-    // One pass over the top directory. Whether any entry of it went.
+    // Makes one pass over the top directory. Whether any entry of it was removed.
     bool pass();
     int first_error() const { return first_error_; }
 
@@ -87,7 +86,7 @@ class Remover {
 
     int top_;
     int first_error_ = 0;
-    std::vector<Level> levels_;   // the top first; that one is open as long as the caller has it
+    std::vector<Level> levels_;   // the top first, which the caller holds open
     std::size_t first_open_ = 1;  // the levels from here on are open, those between are not
     std::string names_;           // subdirectories still to do, each with its NUL, the deepest last
 };
@@ -143,8 +142,8 @@ void Remover::note(Level& level, int error) {
     if (first_error_ == 0) first_error_ = error;
 }
 
-// Goes down into the deepest level's last name. What could not be removed if it were empty is left
-// with its contents, and what is empty goes at once.
+// Enters the last name of the deepest level. An empty directory is removed at once. A directory
+// that the process may not remove keeps its contents.
 void Remover::enter_next() {
     const int refused = remove_directory(fd_of(levels_.back()), last_name());
     if (!is_not_empty(refused) && refused != ENOTDIR) return done_with_child(refused);
@@ -154,13 +153,13 @@ void Remover::enter_next() {
         if (levels_.size() - first_open_ > kOpenLevels) close_one();
         return scan();
     }
-    // What cannot be opened may be empty by now, or no directory any more.
+    // It may be empty by now, or may not be a directory any more.
     const int error = errno;
     const int again = remove_one(fd_of(levels_.back()), last_name());
     done_with_child(is_not_empty(again) ? error : again);
 }
 
-// The last name of the deepest level is settled: removed, or not for this reason.
+// Notes what became of the last name of the deepest level: removed, or the error that kept it.
 void Remover::done_with_child(int error) {
     Level& level = levels_.back();
     if (error == 0) {
@@ -172,7 +171,7 @@ void Remover::done_with_child(int error) {
     drop_name();
 }
 
-// Goes up from a level whose names are done, and removes it.
+// Goes up from a level whose names are all done, and removes its directory.
 void Remover::leave() {
     const std::size_t parent = levels_.size() - 2;
     if (!reopen(parent)) return abandon(errno);
@@ -199,7 +198,7 @@ Fd Remover::open_child(const char* name) {
     }
 }
 
-// Closes the open level that is nearest to the top, if it is not the deepest one.
+// Closes the open level nearest to the top, unless it is the deepest one.
 bool Remover::close_one() {
     const int error = errno;
     if (first_open_ + 1 >= levels_.size()) return false;
@@ -214,8 +213,8 @@ bool Remover::close_one() {
     return true;
 }
 
-// Makes sure that the parent of the deepest level is open. False with errno if it cannot be, ESTALE
-// if the level has got another parent.
+// Makes sure that the parent of the deepest level is open. False with errno if that fails, ESTALE
+// if the level has another parent by now.
 bool Remover::reopen(std::size_t index) {
     if (index == 0 || index >= first_open_) return true;
     Level& level = levels_[index];
