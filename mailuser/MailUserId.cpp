@@ -119,7 +119,7 @@ void TSMailUserId::parse(const string& text) {
     tilde_name_ = text;
     if (type_ == MAILBOX_DIRECT) return;
 
-    // Domain. Without a separator the one of an earlier parse stays.
+    // Domain. Without a separator the domain of an earlier parse stays.
     if (const auto at = tilde_name_.find('@'); at != string::npos) {
         tilde_name_[at] = '~';
         domain_.assign(tilde_name_, at + 1);
@@ -127,7 +127,8 @@ void TSMailUserId::parse(const string& text) {
         domain_.assign(tilde_name_, tilde + 1);
     }
 
-    // Tag. A '+' behind the last '~' starts none. Without a tag the one of an earlier parse stays.
+    // Tag. A '+' behind the last '~' does not start one. Without a tag that of an earlier parse
+    // stays.
     const auto plus = tilde_name_.find('+');
     const auto tilde = tilde_name_.rfind('~');
     if (plus != string::npos && (tilde == string::npos || plus < tilde)) {
@@ -244,7 +245,7 @@ string TSMailUserId::maildrop(const string& name) const { return mailfolder(loca
 
 namespace {
 
-// From where a file kind's path starts, and what is done with the row's text.
+// What the path of a file kind begins with, and how the row's text continues it.
 enum class Start {
     nothing,      // the empty path
     home,         // H

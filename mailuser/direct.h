@@ -6,8 +6,8 @@
 
 namespace Tessaly {
 
-// Throws Tessaly::Exception " TSDirectMailUserId::<what>() - Not Implimented"; a `what` that brings
-// its own parentheses is taken as it stands.
+// Throws Tessaly::Exception " TSDirectMailUserId::<what>() - Not Implimented". A `what` that ends
+// with parentheses of its own gets no others.
 [[noreturn]] void throw_not_implemented(const char* what, int line);
 
 }  // namespace Tessaly
