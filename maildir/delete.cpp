@@ -27,9 +27,9 @@ Fd open_folder(const char* path) {
     return Fd(retry([=] { return ::open(path, O_PATH | O_DIRECTORY | O_CLOEXEC); }));
 }
 
-// Removes the files of a sub-directory; a directory in it stays. A link in the place of the
-// sub-directory may lead to files of anybody's, and counts as one that cannot be opened. False if
-// the sub-directory cannot be opened.
+// Removes the files of a sub-directory; a directory in it stays. False if the sub-directory cannot
+// be opened. A link in its place may lead to anybody's files and counts as one that cannot be
+// opened.
 bool empty_sub_dir(int folder, const char* name) {
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
     const Fd dir(retry([=] { return ::openat(folder, name, kFlags); }));

@@ -66,8 +66,8 @@ std::string_view last_component(std::string_view path) {
     return path.substr(path.rfind('/') + 1);  // npos + 1 is the beginning
 }
 
-// Makes one sub-directory. Another process may make it at the same moment. What exists then is
-// tested again, because a dangling link gives the same error and is not a directory.
+// Makes one sub-directory. Another process may make it at the same moment, which gives EEXIST. So
+// does a dangling link, which is not a directory: the second test tells them apart.
 bool make_sub_dir(int dir, const char* name) {
     if (exists_at(dir, name) || make_at(dir, name)) return true;
     return errno == EEXIST && exists_at(dir, name);
@@ -102,7 +102,7 @@ bool is_maildir_folder_at(int dirfd, const char* dir) {
     base::BoundedText text(path, sizeof path);
     text << dir << '/';
     if (text.room() < names::kFolderMarker.size())
-        return false;  // nothing of a folder can be reached then
+        return false;  // no entry of the folder can be reached
     char* name = path + text.view().size();
     const auto has = [=, &path](std::string_view entry) {
         *std::copy(entry.begin(), entry.end(), name) = '\0';

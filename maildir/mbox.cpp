@@ -38,7 +38,7 @@ class Beginning {
     char buffer_[kBefore + kLooked + 1] = {};
 };
 
-// The 'F' of "From " behind leading line ends and blanks, of which the last must be a line feed.
+// The 'F' of "From ". Line ends and blanks may stand before it if the last of them is a line feed.
 const char* find_from(const char* text) {
     const size_t skipped = std::strspn(text, "\n\r \t");
     if (skipped > 0 && text[skipped - 1] != '\n') return nullptr;
@@ -46,8 +46,8 @@ const char* find_from(const char* text) {
     return std::strncmp(text, kFrom.data(), kFrom.size()) == 0 ? text : nullptr;
 }
 
-// Where the date of the line that begins at `from` ends: at the line's end, or in front of
-// " remote from host". nullptr for a line that is not whole or too short.
+// The end of the date in the line that begins at `from`: the line's end, or the beginning of
+// " remote from host". nullptr for a line that is not whole or is too short.
 const char* find_date_end(const char* from) {
     const char* end = std::strchr(from, '\n');
     if (end == nullptr) return nullptr;
@@ -63,8 +63,8 @@ const char* find_date_end(const char* from) {
 
 bool is_sign(char c) { return c == '+' || c == '-'; }
 
-// The offset from `end` of the blank behind the time of day, by where year and zone stand; 0 if
-// they stand nowhere.
+// The offset from `end` of the blank behind the time of day. It depends on the places of year and
+// zone; 0 if neither is found.
 int find_time_end(const char* end) {
     if (end[-5] == ' ') {  // the year is last, a zone may stand before it
         if (end[-8] == ':') return -5;

@@ -1,4 +1,4 @@
-// Deletion by a later sweep: the hidden names under which directories wait for it.
+// Deletion by a later sweep: the hidden names under which directories wait for the sweep.
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
@@ -37,8 +37,8 @@ class CountedNames {
   public:
     // The beginning has been written to `text`.
     explicit CountedNames(BoundedText& text) : beginning_(text) {}
-    // The next name, or nullptr if there is no room for another one. The first name goes without
-    // its counter where the beginning fills the buffer.
+    // The next name, or nullptr if the buffer has no room for another one. If the beginning fills
+    // the buffer, the first name has no counter.
     const char* next() {
         char digits[2 * sizeof counter_];
         const char* end = std::to_chars(digits, digits + sizeof digits, ++counter_, 16).ptr;

@@ -47,7 +47,7 @@ constexpr KindRow kKinds[] = {
     {MUF_LOCAL_HOMEPATH, clean_directory},
 };
 
-// Addresses of one person come in pairs of lists: each names the other in the opposite list.
+// An address in a user's primary list has that user in its secondary list, and the other way round.
 struct Relation {
     Step step;
     const char* own_list;

@@ -1,8 +1,8 @@
 // The walk over a tree of mail folders.
 //
-// Directories are looked into through descriptors; the working directory, which a visitor may rely
-// on, follows only when a visit needs it. The levels of the walk lie on the heap and only the
-// deepest ones keep their descriptors, so that neither stack nor descriptors limit the depth.
+// Directories are read through descriptors. The working directory, which a visitor may rely on, is
+// moved only when a visit needs it. The levels of the walk lie on the heap, and only the deepest
+// ones keep their descriptors, so that neither the stack nor the descriptors limit the depth.
 #include <dirent.h>
 #include <fcntl.h>
 #include <strings.h>
@@ -66,8 +66,8 @@ bool move_to(const char* path) {
     return base::retry([=] { return ::chdir(path); }) == 0;
 }
 
-// Puts the working directory back, whatever ends the walk. A process that may not search its
-// working directory cannot come back to it; it is left in the top of the walk, the only directory
+// Moves the process back to its working directory, whatever ends the walk. A process that may not
+// search that directory cannot return to it; it is left in the top of the walk, the only directory
 // that its caller knows.
 class WorkingDirectoryKeeper {
   public:
@@ -108,8 +108,8 @@ class Listing {
     size_t next_ = 0;
 };
 
-// Directories, and what may turn out to be one; but no sub-directory of a maildir folder, in
-// whatever letter case.
+// Directories, and entries that may turn out to be directories. The sub-directories of a maildir
+// folder are left out, in any letter case.
 bool may_be_folder(const dirent64& entry) {
     if (entry.d_type != DT_DIR && entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) {
         return false;
@@ -236,8 +236,8 @@ bool Walk::stand_in_deepest() {
     return moved;
 }
 
-// Makes a directory the deepest level; one that cannot be entered is left out. (Without a parent:
-// the top.)
+// Makes a directory the deepest level, or leaves it out if it cannot be entered. Without a parent
+// it is the top.
 void Walk::enter(const Level* parent, const char* name) {
     base::no_throw(false, [=, this] { return try_to_enter(parent, name); });
 }
@@ -294,7 +294,7 @@ bool Walk::is_inside(const Identity& identity) const {
                        [&](const Level& level) { return level.identity == identity; });
 }
 
-// Ends the deepest level; the one above it becomes the deepest again.
+// Ends the deepest level. The level above it becomes the deepest again.
 void Walk::leave() {
     const Fd child = std::move(levels_.back().fd);
     levels_.pop_back();
