@@ -25,7 +25,7 @@ constexpr std::string_view kMtime = "mtime=";
 constexpr std::string_view kSize = "size=";
 // A longer line of the two-line form is read in pieces of this many bytes.
 constexpr std::size_t kCachePiece = 127;
-// A longer file is no cache: no writer makes one, and it is read until two readings agree.
+// A longer file is not a cache: no writer makes one, and reading it again and again takes time.
 constexpr off_t kLongestCache = 65536;
 
 // The bytes of a file one after the other, for scan_number.
@@ -60,9 +60,9 @@ class FileCursor {
     char buffer_[128];
 };
 
-// Looks until two looks in a row find the same, or one fails; a file that never comes to rest holds
-// nothing. Nobody is locked out, and a read beside writers may see the bytes of one text up to the
-// length of another, or two texts one over the other.
+// Looks until several looks in a row find the same, or one fails. A file that does not come to rest
+// counts as empty. There is no lock, so a read beside writers may see the bytes of one text up to
+// the length of another, or one text over another.
 template <class Look, class Found>
 Found settled(Found found, Look look) {
     constexpr int kLooks = 100, kAlike = 3;
@@ -112,7 +112,7 @@ base::Fd open_emptied(const char* path) {
     return path == nullptr ? base::Fd() : base::open_for_writing(path, kReplace);
 }
 
-// Takes over the number behind a field's name, if both are in the line.
+// Stores the number behind a field's name, if both are in the line.
 void take_field(std::string_view line, std::string_view name, Fields fields, long& value) {
     const auto at = line.find(name);
     if (at == line.npos || (at != 0 && fields == Fields::at_start)) return;

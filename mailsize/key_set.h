@@ -8,8 +8,8 @@
 
 namespace Tessaly::mailsize {
 
-// Open addressing in one vector: some 20 bytes a key, where a std::unordered_set takes 40 and an
-// allocation. Keys are spread evenly already and not 0.
+// Open addressing in one vector takes some 20 bytes a key; a std::unordered_set takes 40 and an
+// allocation. Keys must be spread evenly and must not be 0.
 class KeySet {
   public:
     // Throws std::bad_alloc.

@@ -25,8 +25,7 @@ class TextCursor {
     const char* end_;
 };
 
-// What was read: sign and magnitude; where a number does not fit it is taken as the nearest that
-// does.
+// What was read: sign and magnitude. A number that does not fit stands as the nearest that does.
 struct Number {
     bool found = false;
     bool negative = false;

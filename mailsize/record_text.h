@@ -8,7 +8,7 @@
 
 namespace Tessaly::mailsize {
 
-// A longer line is read in pieces of this many bytes, each of which may be a record.
+// A longer line is read in pieces of this many bytes. Each piece may be a record.
 inline constexpr std::size_t kRecordPiece = 254;
 
 struct Record {
@@ -20,8 +20,8 @@ struct ParsedRecord : Record {
     bool out_of_range = false;  // a number does not fit 64 bits; it stands as the nearest that does
 };
 
-// The record that a piece of a size file begins with: two numbers after optional white space, the
-// second one right after the first where it brings its own sign. Nothing if there are not two.
+// The record that a piece of a size file begins with: two numbers, each after optional white space.
+// A sign of the second number separates the two as well. Nothing if there are not two.
 std::optional<ParsedRecord> parse_record(std::string_view piece);
 
 // A record as it is written; the text lives in the object.

@@ -37,7 +37,7 @@ constexpr string_view kHeader = "0S, 0C\n";
 
 enum class Header { none, when_compacted };
 
-// Addition as the machine does it; a compaction has no way to report.
+// Addition that wraps; a compaction has no way to report an overflow.
 long long wrapping_sum(long long a, long long b) {
     return static_cast<long long>(static_cast<unsigned long long>(a) +
                                   static_cast<unsigned long long>(b));
@@ -75,12 +75,13 @@ base::Fd open_to_overwrite(const LockedFile& file) {
     return same ? std::move(fd) : base::Fd();
 }
 
-// Puts `text`, which sums to the same as the whole file and the new record, in the place of the
-// file's text. One write puts the text at the beginning, then line ends up to the last line, in
-// front of which a '#' makes it no record; then the rest is cut off. In a file that has just
-// outgrown a page the last line begins within that page, so the write stays in it, and the kernel
-// copies a page whole: whenever the process is killed, the file sums to the old or the new value. A
-// longer file, as a failed compaction leaves it, has no such promise. False if the old text stands.
+// Replaces the file's text by `text`, which has the sum of the whole file and the new record. One
+// write puts the text at the beginning and line ends behind it up to the last line, which gets a
+// '#' in front so that it is not a record. Then the rest is cut off. In a file that has just
+// outgrown a page the last line begins within that page. So the write stays within the page, and
+// the kernel copies a page whole: whenever the process is killed, the file has the old sum or the
+// new one. For a longer file, which a failed compaction leaves, this is not promised. False if the
+// old text stands.
 bool replace_text(const LockedFile& file, string_view text, off_t last_line) {
     const auto covered = static_cast<std::size_t>(last_line);
     std::string over(text);
@@ -101,8 +102,8 @@ bool replace_text(const LockedFile& file, string_view text, off_t last_line) {
     return true;
 }
 
-// Replaces the file's records and the new one by their sum. False if the file is as it was: a
-// compaction that cannot be done is left to the next append.
+// Replaces the file's records and the new one by their sum. False if that fails and the file is as
+// it was; the next append tries again.
 bool compact(const LockedFile& file, Record sum, string_view header) {
     PieceReader reader(file.fd, kRecordPiece);
     for (string_view piece = reader.next(); !piece.empty(); piece = reader.next()) {

@@ -30,7 +30,7 @@ using std::string_view;
 
 using names::kCur, names::kNew, names::kTmp;
 
-// dir/sub, or dir itself if there is no sub.
+// Opens dir/sub, or dir itself if sub is empty.
 base::Fd open_directory(const char* dir, string_view sub) {
     constexpr int kFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
     if (sub.empty()) return base::Fd(base::retry([&] { return ::open(dir, kFlags); }));
@@ -42,14 +42,14 @@ base::Fd open_directory(const char* dir, string_view sub) {
     return base::Fd(base::retry([&] { return ::open(path.c_str(), kFlags); }));
 }
 
-// Whether errno says that there is nothing, and not that it could not be looked at.
+// Whether errno says that an object does not exist, and not that it could not be looked at.
 bool is_missing() { return errno == ENOENT || errno == ENOTDIR; }
 
 bool is_before(const timespec& a, const timespec& b) {
     return a.tv_sec != b.tv_sec ? a.tv_sec < b.tv_sec : a.tv_nsec < b.tv_nsec;
 }
 
-// The present, less what the times of a file system may lag behind.
+// The present time, less the delay of a file system's times.
 timespec now_less_a_tick() {
     constexpr long kTick = 20'000'000, kSecond = 1'000'000'000;
     timespec time;
@@ -82,11 +82,12 @@ class Scan {
   public:
     explicit Scan(int flags) : flags_(flags) {}
 
-    // Takes a directory in, tags its entries if wanted. One that cannot be opened adds nothing.
+    // Adds a directory to the scan and tags its entries if wanted. One that cannot be opened adds
+    // nothing.
     void add(const char* dir, string_view sub);
     // The sum of the entries of all directories.
     long long sum();
-    // Whether nothing that is there was left out.
+    // Whether everything that exists was counted.
     bool complete() const { return complete_; }
 
   private:
@@ -120,10 +121,10 @@ void Scan::add(const char* dir, string_view sub) {
     dirs_[used_++].fd = std::move(fd);
 }
 
-// A directory in which names change while it is read may show an entry twice: under its old and its
-// new name, or (on some file systems) under the same. And what is tagged passes through tmp. So if
-// anything changed, all is counted again with a look at what was counted already, which most scans
-// are spared.
+// If names in a directory change while it is read, an entry may appear twice: under its old and its
+// new name, or (on some file systems) under the same name. A message that is tagged also passes
+// through tmp. So if anything changed, everything is counted again by a careful pass, which notes
+// what it has counted. Most scans do not need that pass.
 long long Scan::sum() {
     const timespec begin = now_less_a_tick();
     add_all();
@@ -175,7 +176,7 @@ void Scan::add_entry(Directory& dir, const dirent64& entry) {
     if (careful_) counted_.insert(key);
 }
 
-// Looks at all directories, and notes which they are.
+// Looks at the times of all directories, and notes their identities.
 bool Scan::any_changed_since(const timespec& time) {
     bool changed = false;
     for (Directory& dir : dirs_) {
@@ -189,7 +190,7 @@ bool Scan::any_changed_since(const timespec& time) {
     return changed;
 }
 
-// An earlier one that is the same directory.
+// An earlier entry of the scan that is the same directory.
 const Scan::Directory* Scan::find_same(const Directory& dir) const {
     const Directory* found = std::find_if(dirs_, &dir, [&dir](const Directory& other) {
         return dir.inode != 0 && other.inode == dir.inode && other.device == dir.device;
@@ -197,8 +198,7 @@ const Scan::Directory* Scan::find_same(const Directory& dir) const {
     return found == &dir ? nullptr : found;
 }
 
-// The newest time at which a message came into the folder or left it. What happens in tmp does not
-// count.
+// The newest time at which a message came into the folder or left it. Changes in tmp do not count.
 time_t newest_time(const char* folder, time_t newest) {
     for (const string_view sub : {kCur, kNew}) {
         struct stat st;
@@ -212,12 +212,12 @@ long long scan_folder(const char* folder, time_t newest, int flags) {
     Scan scan(flags);
     for (const string_view sub : {kCur, kNew, kTmp}) scan.add(folder, sub);
     const long long sum = scan.sum();
-    // What was read in part must not be taken for the size next time.
+    // The sum of a part must not be taken for the size next time.
     if (scan.complete()) write_scan_cache(folder, newest, sum);
     return sum;
 }
 
-// `st` if the caller has it already, else the path's status; nullptr if there is none.
+// `st` if the caller has it already, else the path's status, or nullptr if stat fails.
 const struct stat* status_of(const char* path, const struct stat* st, struct stat& buffer) {
     if (st != nullptr) return st;
     return path != nullptr && ::stat(path, &buffer) == 0 ? &buffer : nullptr;

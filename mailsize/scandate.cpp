@@ -17,11 +17,11 @@ namespace Tessaly::mailsize {
 
 namespace {
 
-// A longer line is read in pieces of this many bytes, each of which may begin with the date.
+// A longer line is read in pieces of this many bytes. Each piece may begin with the date.
 constexpr std::size_t kDatePiece = 254;
 
-// The date that a piece begins with. The file holds 32-bit numbers; of a longer one (the nearest
-// 64-bit number if it is longer still) the low 32 bits count, as with scanf's "%d".
+// The date that a piece begins with. The file holds 32-bit numbers. Of a larger number the low 32
+// bits count, as with scanf's "%d"; a number beyond 64 bits stands as the nearest that fits first.
 std::optional<int> parse_date(std::string_view piece) {
     TextCursor cursor(piece);
     const Number number = scan_number(cursor);

@@ -15,8 +15,8 @@ namespace Tessaly::mailsize {
 
 namespace {
 
-// A rename that replaces nothing. Where the file system cannot promise that, it looks first: names
-// are unique, except those of messages that a person put there.
+// A rename that replaces nothing. On a file system that cannot promise that, it tests the new name
+// first: names are unique, except those of messages that a person put there.
 bool rename_new(int from_dir, const char* from, int to_dir, const char* to) {
     const int renamed =
         base::retry([&] { return ::renameat2(from_dir, from, to_dir, to, RENAME_NOREPLACE); });

@@ -4,9 +4,9 @@
 
 namespace Tessaly::mailsize {
 
-// Renames every entry of the directory that has no size field to its name with one. In a cur
-// directory it goes by way of ../tmp under its old name, so that a reader of cur never finds it
-// under both names. What cannot be renamed keeps its name and place, no other file is replaced.
+// Gives every entry of the directory that has no size field a name with one. An entry of a cur
+// directory goes by way of ../tmp under its old name, so that a reader of cur never finds it under
+// both names. An entry that cannot be renamed keeps its name and place. No other file is replaced.
 void tag_entries(int dir, bool is_cur);
 
 }  // namespace Tessaly::mailsize

@@ -35,7 +35,7 @@ bool cut_last(string_view& path, string_view& last) {
     return true;
 }
 
-// Takes a message out of the total of its folder. What lies in tmp was never counted.
+// Takes a message out of the total of its folder. A message in tmp was never counted.
 void record_unlinked_size(string_view path, long long size) {
     string_view name, sub;
     if (!cut_last(path, name) || !cut_last(path, sub)) return;
