@@ -1,4 +1,4 @@
-// What of the spool is still free to be given to archive accounts.
+// How much of the spool may still be given to archive accounts.
 #include <sys/vfs.h>
 #include <tessaly/mailstore.h>
 #include <tessaly/support.h>
@@ -14,7 +14,7 @@ constexpr char kSpool[] = "/var/spool";
 constexpr int kShareDivisor = 5;
 constexpr std::uint64_t kGibibyte = std::uint64_t{1} << 30;
 
-// The table of archive accounts and where its rows keep what is wanted here.
+// The table of archive accounts, and the offsets of the fields that are read.
 constexpr int kAccountTable = 670;
 constexpr std::size_t kNameOffset = 4;
 constexpr std::size_t kQuotaOffset = 640;  // unsigned 16 bit, gibibytes
@@ -40,8 +40,8 @@ std::uint32_t given_quota(const char* exclude) {
     return sum;
 }
 
-// The unit of f_blocks. f_bsize, the size that suits transfers, may be another one (FUSE hands out
-// both). f_frsize is 0 on file systems that do not set it.
+// The unit of f_blocks. f_bsize, the best size for transfers, may differ from it, as on FUSE.
+// f_frsize is 0 on file systems that do not set it.
 std::uint64_t block_size(const struct statfs& fs) {
     return static_cast<std::uint64_t>(fs.f_frsize != 0 ? fs.f_frsize : fs.f_bsize);
 }

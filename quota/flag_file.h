@@ -1,4 +1,4 @@
-// Files that say something by being there, by their age or by one number.
+// Files whose existence, age or single number tells something.
 #ifndef TSMAIL_QUOTA_FLAG_FILE_H
 #define TSMAIL_QUOTA_FLAG_FILE_H
 
@@ -17,7 +17,8 @@ void remove(const std::string& path);
 // if there is none, if it does not fit an int, and if the file cannot be read.
 int read_number(const std::string& path);
 
-// Makes the number all that is in the file. Of several at once the last one's stays whole.
+// Replaces the file's content by the number. If several processes write at once, the number of the
+// last one stays, whole.
 void write_number(const std::string& path, int number);
 
 }  // namespace Tessaly::quota

@@ -1,4 +1,5 @@
-// Quota flags: set and asked for by number (flat functions) or by existence (members, archive).
+// Quota flags. The flat functions set and read a number; the members and the archive's functions go
+// by the existence of the file.
 #include <tessaly/MailUserId.h>
 
 #include <string>
@@ -11,7 +12,7 @@ namespace quota = Tessaly::quota;
 
 namespace {
 
-// The lines that the exceptions for the direct type carry; they stay when the source moves.
+// The lines that the exceptions for the direct type carry. They do not change when the source does.
 constexpr int kSetLine = 275;
 constexpr int kGetLine = 288;
 

@@ -25,7 +25,7 @@ namespace {
 constexpr char kSubmissionCommand[] = "/bin/sendmail -Am -bm -t";
 constexpr char kFixedHeaders[] = "X-Tessaly-Quota: 1\nPrecedence: bulk";
 constexpr time_t kShortestInterval = 86401;  // more than a day, in seconds
-// The line that the exception for the direct type carries; it stays when the source moves.
+// The line that the exception for the direct type carries. It does not change when the source does.
 constexpr int kDueLine = 297;
 
 // The configured address, or the usual one, which is composed in the buffer.
@@ -50,8 +50,8 @@ std::string compose(const char* from, const char* to, const char* subject, const
 int submit(const std::string& message) {
     std::FILE* program = ::popen(kSubmissionCommand, "we");
     if (program == nullptr) return 0;
-    // Past the stream's buffer, so that the close has nothing left to write. Whether the program
-    // took everything is its own business: its status is the answer.
+    // Not through the stream's buffer, so that the close has nothing left to write. It is not
+    // looked at whether the program took everything: its status is the answer.
     base::write_pipe(::fileno(program), message);
     return ::pclose(program);
 }
