@@ -75,8 +75,8 @@ int text_from_text(void* field, unsigned int size, const char* text) {
     return 0;
 }
 
-// The line of a value, as snprintf would cut it. value(field) is not asked before the pointers are
-// known to be good.
+// Writes the line of a value, cut as snprintf would cut it. value(field) is called only when the
+// pointers are known not to be NULL.
 template <class Value>
 int line_from(char* line, unsigned int capacity, const char* key, const void* field, Value value) {
     if (line == nullptr || key == nullptr || field == nullptr) return -1;
@@ -107,7 +107,7 @@ int line_from_text(char* line, unsigned int capacity, const char* key, const voi
 
 }  // namespace
 
-// By way of the one function type that the compiler lets every other one be cast to.
+// The compiler lets every function type be cast to void (*)() and from there to any other.
 #define ENTRY(function) reinterpret_cast<pref_convertor>(reinterpret_cast<void (*)()>(function))
 
 const pref_convertor pref_data_convertor[8] = {

@@ -41,7 +41,7 @@ void clamp_page(user_pref& p) {
     if (p.npage > kMostPerPage - 1) p.npage = kMostPerPage;
 }
 
-// Bytes that can be read, and are zero, behind a text in memory.
+// The number of zero bytes that can be read behind a text in memory.
 constexpr std::size_t kBehind = LineReader::kLookAhead;
 
 // The byte behind a line's end, or `end`.
@@ -55,8 +55,8 @@ char* behind_line(char* line, char* end) {
 }
 
 // Applies all lines of a text of `length` bytes that has kBehind zeros behind it. The conversions
-// want a NUL behind the line, which takes the place of the next line's first byte for so long; that
-// line's key is looked up before, as a load right behind a store into it would have to wait.
+// need a NUL behind the line. It takes the place of the next line's first byte meanwhile. The key
+// of that next line is looked up before, because a load right behind the store would have to wait.
 void apply_text(user_pref& p, char* text, std::size_t length) {
     char* const end = text + length;
     LineReader reader;
@@ -93,7 +93,8 @@ bool apply_file(user_pref& p, int fd) {
 
 std::string path_of(const char* user) { return TSMailUserId(user).fname(MUF_PREF_FILE); }
 
-// A text that fills its field without a NUL is cut there, so that no line reads beyond its field.
+// Cuts a text that fills its field without a NUL, so that the writer does not read beyond the
+// field.
 void end_texts(user_pref& p) {
     for (const pref_property* row = pref_properties; row->name != nullptr; ++row) {
         if (row->type != PREF_TYPE_STRING) continue;

@@ -36,8 +36,8 @@ consteval std::uint32_t type_of() {
 
 }  // namespace
 
-// A key is its field's name. Where the field lies and how wide it is, is interface: written out, so
-// that a change of the record does not go unseen.
+// A key is its field's name. The place and the width of a field are interface. They are written
+// out, so that a change of the record does not go unnoticed.
 #define PREF(field, at, bytes)                                                              \
     [] {                                                                                    \
         static_assert(offsetof(user_pref, field) == (at), #field " has moved");             \
@@ -142,7 +142,8 @@ class KeyChains {
 
 constexpr KeyChains kChains;
 
-// What the look-up rests on: four letters to begin with, and no line that begins with two keys.
+// The look-up relies on this: a key has four letters or more, and a line cannot begin with two
+// keys.
 constexpr bool keys_can_be_told_apart() {
     for (std::size_t row = 0; row < kKeys; ++row) {
         if (KeyChains::key(row).size() < 4) return false;

@@ -15,17 +15,17 @@ constexpr std::size_t kLongestText = 2870;
 
 constexpr std::size_t kKeys = 35;
 
-// What a line asks for.
+// What a line sets.
 struct Setting {
-    const pref_property* row;  // of the line's key; nullptr: nothing is asked for
-    const char* text;          // behind the '='; nullptr: the line ends with the key
+    const pref_property* row;  // of the line's key; nullptr if the line sets nothing
+    const char* text;          // behind the '='; nullptr if the line ends with the key
 };
 
 // Looks at one line, which ends at its line feed or at a NUL.
 Setting setting_of(const char* line);
 
-// The same for line after line, quickest where they come in the order of the file. Behind the line
-// kLookAhead bytes can be read.
+// The same for line after line, fastest if the lines have the order of the file. kLookAhead bytes
+// must be readable behind the line.
 class LineReader {
   public:
     static constexpr std::size_t kLookAhead = 24;
