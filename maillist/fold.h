@@ -9,7 +9,8 @@
 
 namespace Tessaly::maillist {
 
-// Folds bytes as tolower does, of which it holds the table: one question for many letters.
+// Folds bytes as tolower does. It holds tolower's table, so that the locale is asked once for many
+// letters.
 class Fold {
   public:
     unsigned char operator()(char c) const {

@@ -1,5 +1,5 @@
-// LineEnds - where the line ends of a text are, 64 bytes at a look. Lists have short lines: asking
-// for one end after the other costs more than the reading itself.
+// LineEnds - the places of the line ends in a text, 64 bytes at a time. Lists have short lines:
+// looking for one end after the other takes longer than the reading itself.
 #ifndef TSMAIL_MAILLIST_LINE_ENDS_H
 #define TSMAIL_MAILLIST_LINE_ENDS_H
 

@@ -37,7 +37,7 @@ const char* LineWindow::fill(const char* begin) {
     if (taken_ > base::kLongestFile) errno = EFBIG;
     failed_ = n < 0 || taken_ > base::kLongestFile;
     end_ = kPieceStart + static_cast<std::size_t>(failed_ ? 0 : n);
-    // What a look sees beyond the end is neither a line end nor a NUL.
+    // LineEnds may look beyond the end and must not find a line end or a NUL there.
     std::memset(buffer_ + end_, ' ', LineEnds::kWidth);
     return buffer_ + kPieceStart - rest;
 }

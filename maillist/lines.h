@@ -23,16 +23,16 @@ constexpr std::ptrdiff_t kLineLimit = 255;
 // Removes the line ends ("\n" or "\r\n", any number of them) at the end of a text, in place.
 char* strip_line_end(char* text);
 
-// The window through which a list is read: large pieces, each behind the beginning of a line that
-// the one before ended in. The buffer lies inside the object.
+// The window through which a list is read, in large pieces. If a piece ends within a line, the
+// beginning of that line is moved in front of the next piece. The buffer lies inside the object.
 class LineWindow {
   public:
     explicit LineWindow(int fd) : fd_(fd) {}
 
-    // Reads the next piece, in front of which the window's unused rest from `begin` on comes to
-    // stand; that is shorter than a line can be. Returns where it begins then. At the end of the
-    // file, on a read error, and beyond base::kLongestFile bytes, which counts as one, the piece is
-    // empty.
+    // Moves the window's unused rest, from `begin` on, in front of the next piece and reads that
+    // piece. The rest is shorter than kLineLimit. Returns the new place of the rest. The piece is
+    // empty at the end of the file and on a read error; a file of more than base::kLongestFile
+    // bytes counts as a read error.
     const char* fill(const char* begin);
 
     const char* piece() const { return buffer_ + kPieceStart; }
@@ -52,22 +52,21 @@ class LineWindow {
     bool failed_ = false;
 };
 
-// The text of a line with the given bytes in front of its "\n", among which there may be a NUL or
-// "\r".
+// The text of a line that has the given bytes before its "\n". A NUL or "\r" may be among them.
 inline std::string_view odd_line_text(std::string_view line) {
     const std::size_t nul = line.find('\0');
     if (nul != line.npos) return line.substr(0, nul);
     return line.ends_with('\r') ? line.substr(0, line.size() - 1) : line;
 }
 
-// Visits bytes without a line end among or behind them.
+// Visits a text that has no line end in it or behind it.
 template <class Visit>
 inline bool visit_endless(const char* begin, const char* end, bool odd, Visit& visit) {
     const auto length = static_cast<std::size_t>(end - begin);
     return visit(std::string_view(begin, odd ? ::strnlen(begin, length) : length));
 }
 
-// Visits as many lines as a line reaching up to `end` makes by its length, but for the last one.
+// Visits the pieces of the overlong line that reaches up to `end`, except the last piece.
 template <class Visit>
 inline bool visit_overlong(const char*& begin, const char* end, bool odd, Visit& visit) {
     while (end - begin >= kLineLimit) {
@@ -77,8 +76,8 @@ inline bool visit_overlong(const char*& begin, const char* end, bool odd, Visit&
     return true;
 }
 
-// Visits the lines that end in a look at `at`. `odd` gathers whether there was a NUL or "\r" so
-// far.
+// Visits the lines that end within the next LineEnds::kWidth bytes from `at`. `odd` tells whether a
+// NUL or "\r" has been met so far.
 template <class Visit>
 inline bool visit_look(const char*& begin, const char* at, bool& odd, Visit& visit) {
     const LineEnds ends = line_ends(at);
@@ -119,9 +118,9 @@ class EntryMatcher {
   public:
     explicit EntryMatcher(const char* entry);
 
-    // One question settles most lines: the length and the first letters, taken as a number of which
-    // the bits count that no difference of letter case touches. (Behind a short line there is
-    // always more of the window to read.)
+    // One comparison settles most lines: that of the length and of the first letters, taken as a
+    // number without the bits in which letter case differs. (Behind a short line the window always
+    // has more bytes to read.)
     bool operator()(std::string_view line) const {
         const std::uint64_t head = (load(line.data()) ^ head_) & head_mask_;
         return (head | (line.size() ^ length_)) == 0 && fold_.equal(line.data(), entry_, length_);

@@ -8,7 +8,7 @@ namespace Tessaly::maillist {
 
 // Opens the list's lock file (created if missing, emptied, never removed) and asks for its
 // exclusive lock. It does not wait: while another process has the lock, the caller goes on without
-// it. The lock ends with the descriptor. False if the file could not be opened. Throws
+// it. The lock ends with the descriptor. Nothing if the file could not be opened. Throws
 // std::bad_alloc.
 base::Fd mail_list_lock(const char* user, const char* list, unsigned scope);
 

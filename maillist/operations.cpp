@@ -1,5 +1,5 @@
-// What reads a list, and the adding of an entry. Each operation asks for the list's lock first and
-// lets go of it last.
+// The operations that read a list, and the one that adds an entry. Each asks for the list's lock
+// first and releases it last.
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <tessaly/maillist.h>
@@ -28,7 +28,7 @@ using base::Fd;
 constexpr int kAddLimit = 2048;  // lines from which on nothing is added
 constexpr int kListFull = -2;
 
-// Adds to a list opened for reading and appending: one pass counts and searches.
+// Adds to a list that is open for reading and appending. One pass counts and searches.
 int add_entry(int fd, const char* entry) {
     const EntryMatcher is_entry(entry);
     bool present = false;
@@ -43,8 +43,8 @@ int add_entry(int fd, const char* entry) {
     return 0;
 }
 
-// Whether the pattern begins with a letter that the address does not begin with; in other bytes
-// than ASCII the locale has a say.
+// Whether the pattern begins with an ASCII letter that the address does not begin with. The locale
+// decides about other bytes, so they are left to fnmatch.
 bool begins_otherwise(std::string_view pattern, const char* address) {
     const auto is_ascii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
     const auto lower = [](char c) {
@@ -56,7 +56,7 @@ bool begins_otherwise(std::string_view pattern, const char* address) {
 }
 
 bool matches(std::string_view line, const char* address) {
-    // Most patterns fall here, for less than the price of fnmatch.
+    // This settles most patterns, and is faster than fnmatch.
     if (begins_otherwise(line, address)) return false;
     char pattern[kLineLimit + 1];
     std::memcpy(pattern, line.data(), line.size());

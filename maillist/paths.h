@@ -9,9 +9,9 @@
 
 namespace Tessaly::maillist {
 
-// The path directory/[.]name[suffix]: suffix "" and not hidden for the list itself, that
-// of the lock or the temporary file and hidden for its companions. Empty, which no file can be
-// opened by, without a list, or without a user where the scope needs one. Throws std::bad_alloc.
+// The path directory/[.]name[suffix]. The list itself has no suffix and is not hidden; its lock and
+// its temporary file have theirs and are hidden. Empty, so that no file can be opened by it,
+// without a list, and without a user if the scope needs one. Throws std::bad_alloc.
 std::string mail_list_build_path(const char* user, const char* list, std::string_view suffix,
                                  bool hidden, unsigned scope);
 

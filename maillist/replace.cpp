@@ -1,7 +1,7 @@
-// The list's lock stops no process, so two of them may write a new list at the same time and under
-// the same temporary name. If both wrote into one file, or the one moved away what the other had
-// not finished, the list would be torn. So the content goes into a file without a name, which gets
-// the temporary name when it is whole.
+// The lock of a list does not stop a process, so two processes may write a new list at the same
+// time and under the same temporary name. If both wrote into one file, or one moved what the other
+// had not finished, the list would be torn. So the content goes into a file without a name, which
+// gets the temporary name when it is whole.
 #include "maillist/replace.h"
 
 #include <fcntl.h>
@@ -21,11 +21,11 @@ namespace {
 
 constexpr int kNamingAttempts = 100;
 
-// Closes the file and tells whether all that was written has arrived.
+// Closes the file. Whether everything that was written has arrived.
 bool close_written(base::Fd& fd) { return ::close(fd.release()) == 0 || errno == EINTR; }
 
-// Gives an unnamed file its name, in the place of what has that name: a stale temporary file, or
-// the whole one of another process, which comes second then.
+// Gives an unnamed file its name. A file that has the name is removed: a stale temporary file, or
+// the whole one of another process, whose list is then replaced by this one.
 bool name_file(int fd, const std::string& name) {
     char self[64];
     base::BoundedText(self, sizeof self) << "/proc/self/fd/" << fd << '\0';
@@ -63,7 +63,7 @@ bool write_named(const std::string& path, std::string_view content) {
 
 bool write_temporary(const std::string& path, std::string_view content) {
     if (write_unnamed(path, content)) return true;
-    // Some file systems have no unnamed files, and without /proc none can be named.
+    // Some file systems have no unnamed files, and without /proc they cannot be named.
     if (errno != EOPNOTSUPP && errno != ENOENT) return false;
     return write_named(path, content);
 }
@@ -72,7 +72,7 @@ bool write_temporary(const std::string& path, std::string_view content) {
 
 bool replace_list(const std::string& list, const std::string& temporary, std::string_view content) {
     if (!write_temporary(temporary, content)) return false;
-    // ENOENT: another process has moved it; a file with that name now is not the one written here.
+    // ENOENT: another process has moved it. A file that has the name now is another one.
     const bool moved = ::tsm_movefile(temporary.c_str(), list.c_str()) == 0 || errno == ENOENT;
     if (!moved) ::unlink(temporary.c_str());
     return true;

@@ -21,7 +21,7 @@ namespace {
 
 void put_line(std::string& content, std::string_view line) { content.append(line).push_back('\n'); }
 
-// Reads the list and makes the new content of it: edit(line, content) puts what becomes of a line.
+// Reads the list and makes its new content: edit(line, content) appends what becomes of a line.
 template <class Edit>
 bool edit_list(const std::string& path, std::string& content, Edit& edit) {
     const base::Fd file = base::open_for_reading(path.c_str());
@@ -31,8 +31,8 @@ bool edit_list(const std::string& path, std::string& content, Edit& edit) {
            });
 }
 
-// The frame of every rewrite. The list is closed before the new one takes its place, the lock's end
-// comes last.
+// The frame of every rewrite. The list is closed before the new one takes its place. The lock is
+// released last.
 template <class Edit>
 int rewrite(const char* user, const char* list, unsigned scope, Edit edit) {
     return base::no_throw(-1, [&] {
@@ -60,7 +60,7 @@ void put_renumbered(std::string_view line, long id, std::string& content) {
     char lowered[24];
     const auto end = std::to_chars(lowered, lowered + sizeof lowered, number - 1).ptr;
     content.append(lowered, end);
-    // Without a comma all that stands behind the number is kept.
+    // Without a comma everything behind the number is kept.
     put_line(content, comma != nullptr ? comma : behind_number);
 }
 

@@ -1,7 +1,7 @@
 // Inserting one text after the other takes quadratic time, so the place of a text among its equals
-// is worked out beforehand. Such a text goes to the end, behind its equals, as long as nothing
-// greater has arrived, and in front of all its equals from then on. So among equals the late ones
-// come first, the last one foremost, then the early ones as they arrived.
+// is computed beforehand. A text goes behind its equals as long as no greater text has arrived, and
+// in front of all its equals from then on. So among equals those that came after a greater text
+// come first, the last of them foremost; those that came before it follow in the order of arrival.
 #include "maillist/sorted.h"
 
 #include <boost/sort/pdqsort/pdqsort.hpp>
@@ -25,8 +25,8 @@ struct Item {
 };
 using Items = std::vector<Item>::iterator;
 
-// Eight folded bytes of the text as a number; the numbers have the order of strcasecmp. What is
-// behind the text's end is zero.
+// Eight folded bytes of the text as a number. The numbers have the order of strcasecmp. Bytes
+// behind the text's end are zero.
 std::uint64_t folded_key(const char* text, Fold fold) {
     std::uint64_t key = 0;
     for (std::size_t i = 0; i < kKeyLength; ++i) {
