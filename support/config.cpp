@@ -1,7 +1,7 @@
-// The configuration values and table 670 as callers ask for them: read anew when the file changed.
+// The configuration values and table 670. The file is read again when it has changed.
 //
-// Everything that is kept belongs to one thread, so that no lock is needed and a child of fork
-// finds nothing half done.
+// Everything that is kept belongs to one thread. So no lock is needed, and a child of fork does not
+// find anything half done.
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/stat.h>
@@ -53,7 +53,7 @@ Stamp stamp_of(const struct stat& st) {
             st.st_ctim.tv_nsec};
 }
 
-// Whether a later change is sure to get another time. Before that the stamp proves nothing.
+// Whether a later change is certain to get another time. Until then the stamp proves nothing.
 bool is_settled(const struct stat& st) {
     return ::time(nullptr) - st.st_ctim.tv_sec > kSettlingSeconds;
 }
@@ -63,7 +63,7 @@ const char* file_in_force() {
     return path == nullptr || *path == '\0' ? kConfigFile : path;
 }
 
-// Why a file is not read at all: an errno, or 0.
+// The errno for which a file is not read at all, or 0.
 int refusal(const struct stat& st) {
     if (S_ISDIR(st.st_mode)) return EISDIR;
     if (!S_ISREG(st.st_mode)) return EINVAL;

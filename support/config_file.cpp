@@ -171,8 +171,8 @@ std::size_t skip_string(string_view text, std::size_t at) {
     return at;
 }
 
-// Where a dotted key of too many levels goes on, if there is one: the parser, which has no limit
-// there, would follow it until the stack ends.
+// The place at which a dotted key goes beyond the limit of levels, npos if there is none. The
+// parser has no such limit and would recurse until the stack ends.
 std::size_t find_deep_key(string_view text) {
     unsigned dots = 0;
     for (std::size_t at = 0; at < text.size(); ++at) {

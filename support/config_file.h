@@ -21,7 +21,7 @@ struct ArchiveAccount {
 static_assert(offsetof(ArchiveAccount, name) == 4);
 static_assert(offsetof(ArchiveAccount, quota_gib) == 640);
 
-// All values; as built, the ones that hold without a file.
+// All values. A new object has those that hold without a file.
 struct Config {
     std::int32_t timezone = 0;
     std::string postmaster;  // empty: base::default_postmaster
@@ -39,8 +39,8 @@ struct Problem {
 // Longer files are refused unread.
 constexpr long kLargestFile = 1 << 20;
 
-// Reads the text of a file into `config` and appends what is wrong with it, by place. The file is
-// to be used only if nothing but warnings came. Throws std::bad_alloc.
+// Reads the text of a file into `config` and appends what is wrong with it, in the order of places.
+// The file may be used only if nothing but warnings was appended. Throws std::bad_alloc.
 void read_config(std::string_view text, Config& config, std::vector<Problem>& problems);
 
 // How many of them keep the file from being used.

@@ -2,8 +2,8 @@
 #ifndef TSMAIL_SUPPORT_CONFIG_TABLE_H
 #define TSMAIL_SUPPORT_CONFIG_TABLE_H
 
-// libkqfquery does not know the tables. It walks through these two functions, so that a table may
-// come from anywhere.
+// libkqfquery does not know the tables. It walks through these two functions, so that any library
+// may provide a table.
 struct kqf_table {
     void* (*head)(kqf_table*);
     void* (*next)(kqf_table*);

@@ -44,7 +44,7 @@ const LockMode* find_mode(const char* name) {
     return nullptr;
 }
 
-// Waits for the lock, but not in the opening. Only a regular file can be emptied.
+// Waits for the lock, but not while it opens the file. Only a regular file can be emptied.
 Fd open_locked(const char* path, const LockMode& mode) {
     Fd fd = off_standard(mode.open(path));
     if (!fd) return {};
@@ -73,7 +73,8 @@ int close_and_unlock_file(FILE* stream) {
         errno = EINVAL;
         return EOF;
     }
-    // The close releases the lock, and only after the flush: an unlock before it would let others
-    // in between. Where a child of fork still holds the stream, the lock is its too.
+    // The close releases the lock after the flush. An explicit unlock would have to come before the
+    // flush and would let others in between, and it would take the lock from a child of fork that
+    // still has the stream.
     return ::fclose(stream);
 }

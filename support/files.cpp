@@ -16,7 +16,7 @@ using Tessaly::base::retry;
 
 namespace {
 
-// False with ENOTDIR if something else has the name, a dangling link among it.
+// False with ENOTDIR if something else has the name, such as a dangling link.
 bool is_directory(const char* path) {
     struct stat st;
     const bool found = retry([&] { return ::stat(path, &st); }) == 0;
@@ -30,7 +30,7 @@ bool make_one(const char* path, mode_t mode) {
            (errno == EEXIST && is_directory(path));
 }
 
-// Makes every missing directory of path in turn; slashes are set to NUL and back while it works.
+// Makes every missing directory of path in turn. Each slash is set to NUL and back meanwhile.
 bool make_all(char* path, mode_t mode) {
     for (char* slash = path + std::strspn(path, "/"); (slash = std::strchr(slash, '/'));) {
         *slash = '\0';
@@ -49,7 +49,7 @@ int create_path(const char* path, mode_t mode) {
         errno = EINVAL;
         return -1;
     }
-    // Mostly only the last component is missing, or nothing.
+    // In most calls only the last component is missing, or nothing.
     if (make_one(path, mode)) return 0;
     if (errno != ENOENT || *path == '\0') return -1;
     char copy[PATH_MAX];

@@ -28,7 +28,7 @@ bool flush(int fd) {
     return retry([=] { return ::fsync(fd); }) == 0;
 }
 
-// A file beside another one, that goes unless it was renamed over it.
+// A temporary file beside another one. It is removed unless it was renamed over that one.
 class TemporaryBeside {
   public:
     explicit TemporaryBeside(const char* target) {
@@ -59,7 +59,7 @@ class TemporaryBeside {
     Fd fd_;
 };
 
-// Only regular files can be copied; anything else stays where it is, as rename left it.
+// Only regular files are copied; anything else stays, with the EXDEV of the rename.
 Fd open_regular(const char* path, struct stat& st) {
     constexpr int kFlags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC | O_NOCTTY;
     Fd fd(retry([=] { return ::open(path, kFlags); }));
@@ -79,7 +79,8 @@ bool copy_bytes(int from, int to) {
     }
 }
 
-// Owner first, as a change of it clears set-user-id bits; where it may not be kept these go too.
+// The owner first, because a change of the owner clears set-user-id bits. If the owner cannot be
+// kept, those bits are not kept either.
 bool copy_attributes(const struct stat& st, int to) {
     const bool owned = ::fchown(to, st.st_uid, st.st_gid) == 0;
     const mode_t kept = owned ? 07777 : 0777;

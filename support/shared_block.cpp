@@ -35,8 +35,8 @@ void* map_block() {
 
 }  // namespace
 
-// A mark of our own, by which the constructor tells this variable, or a copy of it that the linker
-// put into the program, from one that the program defines itself.
+// A mark by which the constructor tells this variable, or a copy of it that the linker put into the
+// program, from a variable that the program defines itself.
 void* nCfg_debug_zone = const_cast<char*>(&kNotMappedYet);
 
 namespace {
