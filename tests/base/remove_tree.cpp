@@ -1,5 +1,5 @@
-// remove_tree DIR - empties a directory; remove_tree -r NAME - removes whatever it is. Prints the
-// answer.
+// remove_tree DIR - empties a directory; remove_tree -r NAME - removes a file, link or tree. Prints
+// the result.
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -83,7 +83,7 @@ TEST(StoreFile, SaysWhyNot) {
     EXPECT_TRUE(open_for_writing((dir / "null").c_str(), kReplace));
 }
 
-// A child that holds a lease on the file, and gives it back when asked for it, or never.
+// A child that holds a lease on the file. It gives the lease back when asked, or never.
 class Holder {
   public:
     Holder(const std::string& path, bool gives_way)
@@ -142,7 +142,8 @@ TEST(Lease, ThatIsKeptIsWaitedForASecondAlone) {
                   EWOULDBLOCK);
         const std::chrono::duration<double> waited = std::chrono::steady_clock::now() - begin;
         EXPECT_GT(waited.count(), 0.9);
-        EXPECT_LT(waited.count(), 20);  // of the 45 that the kernel lets the holder keep it
+        EXPECT_LT(waited.count(),
+                  20);  // of the 45 seconds for which the kernel lets the holder keep it
     }
 }
 

@@ -1,5 +1,5 @@
-"""The tree engine under strace: how many system calls it makes, and what it does when some of them
-fail or lie. Every case runs the program remove_tree on a tree of its own."""
+"""The tree remover under strace: the number of its system calls, and its work when some of them fail or give
+wrong results. Every case runs the program remove_tree on a tree of its own."""
 import collections
 import errno
 import os
@@ -12,7 +12,7 @@ import time
 import unittest
 
 PROGRAM = os.path.join(os.environ["TSMAIL_BUILD"], "tests/base/remove_tree")
-# Leaks cannot be looked for by a process that is traced.
+# The leak checker does not work in a process that is traced.
 ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="detect_leaks=0")
 
 
@@ -26,7 +26,7 @@ class TreeCallsTest(unittest.TestCase):
         shutil.rmtree(self.dir, ignore_errors=True)
 
     def opens_before(self):
-        """How many files the program's start opens."""
+        """The number of files that the start of the program opens."""
         _, calls = self.run_traced(self.top, everything=True)
         return len(calls["openat"]) - 1
 
@@ -58,8 +58,8 @@ class TreeCallsTest(unittest.TestCase):
         self.make_tree(dirs=20, files=10)
         answer, calls = self.run_traced("-r", self.top)
         self.assertEqual(answer, 0)
-        # Of each directory a first rmdir, and of the top an unlinkat before, find out that it is one
-        # with entries and may be removed.
+        # A first rmdir for each directory, and an unlinkat before it for the top, find out that it is a
+        # directory with entries that may be removed.
         self.assertEqual(len(calls["unlinkat"]), 20 * 10 + 2 * 20 + 1 + 2)
         self.assertEqual(len(calls["openat"]), 21)
         self.assertEqual(len(calls["getdents64"]), 2 * 21)
@@ -105,7 +105,7 @@ class TreeCallsTest(unittest.TestCase):
         self.assertEqual(os.listdir(self.top), [])
 
     def test_a_link_in_the_place_of_a_directory_is_not_entered(self):
-        """The directory is exchanged between its being read and its being opened."""
+        """The directory is exchanged after it was read and before it is opened."""
         opens = self.opens_before()
         victim = os.path.join(self.dir, "victim")
         os.mkdir(victim)
@@ -185,7 +185,7 @@ class TreeCallsTest(unittest.TestCase):
             os.mkdir(path)
 
     def test_a_way_back_that_is_barred_ends_the_removal(self):
-        """The upper levels of a deep tree are closed meanwhile and known again by their fstat."""
+        """The upper levels of a deep tree are closed meanwhile and recognised by their fstat."""
         def stats_before(*words):
             return len(self.run_traced(*words, everything=True)[1]["newfstatat"])
 

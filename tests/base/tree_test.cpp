@@ -56,7 +56,7 @@ Fd make_chain(const std::string& top, int depth) {
     return at;
 }
 
-// A tree with one of everything.
+// A tree with an entry of every kind.
 void make_one_of_each(const std::string& top) {
     write(top + "/file", "x");
     write(top + "/.hidden", "x");
@@ -154,7 +154,7 @@ TEST(RemoveTreeAt, OfALinkLeavesItsTarget) {
 
 // Deep trees, with few descriptors, on a small stack.
 
-// Lets this process have so many more descriptors.
+// Limits this process to so many more descriptors.
 void leave_descriptors(std::size_t count) {
     std::vector<Fd> opened;
     for (std::size_t i = 0; i < count; ++i) opened.emplace_back(::open("/dev/null", O_RDONLY));
@@ -175,7 +175,7 @@ TEST(DeepTree, GoesOnASmallStack) {
 
 TEST(DeepTree, GoesWithFewDescriptors) {
     const TempDir dir;
-    // The top, and two to work with; then room for more.
+    // The top and two more; then more.
     for (const std::size_t count : {3U, 4U, 20U}) {
         make_dirs(dir / "top");
         make_chain(dir / "top", 1000);
@@ -197,7 +197,7 @@ TEST(DeepTree, GoesWithFewDescriptors) {
     EXPECT_FALSE(exists(dir / "top/f"));
 }
 
-// A removal that was stopped while it removes files at the bottom of a chain of directories.
+// A removal that was stopped at the bottom of a chain of directories.
 class StoppedBelow {
   public:
     StoppedBelow(const std::string& top, int depth) {
@@ -219,7 +219,7 @@ class StoppedBelow {
         EXPECT_FALSE(list(bottom_path).empty()) << "stopped too late";
         descriptors_ = list("/proc/" + std::to_string(child_->pid()) + "/fd").size();
     }
-    // How many descriptors it has open.
+    // The number of its open descriptors.
     std::size_t descriptors() const { return descriptors_; }
     int go_on() {
         child_->kill(SIGCONT);
@@ -241,8 +241,8 @@ TEST(DeepTree, TakesAboutThirtyDescriptors) {
     EXPECT_FALSE(exists(dir / "top"));
 }
 
-// A directory is moved out of the tree while the work is far below it: what lies beside it in its
-// new place is not touched, and the rest of the tree goes.
+// A directory is moved out of the tree while the work is far below it. Its new neighbours are not
+// touched, and the rest of the tree is removed.
 TEST(DeepTree, ABranchThatIsMovedAwayIsLeft) {
     const TempDir dir;
     write(dir / "outside/kept", "x");
@@ -277,7 +277,7 @@ TEST(Refused, KeepsOnlyWhatMustStay) {
         if (empty(top) != EACCES) return 1;
         if (list(top) != std::vector<std::string>{"unreadable", "unwritable"}) return 2;
         if (list(top + "/unwritable") != std::vector<std::string>{"file", "sub"}) return 3;
-        // what may not go itself is not emptied either
+        // a directory that may not be removed is not emptied either
         if (list(top + "/unwritable/sub") != std::vector<std::string>{"file"}) return 4;
         if (remove_tree(top) != ENOTEMPTY) return 5;
         if (remove_tree(top + "/unwritable/file") != EACCES) return 6;
@@ -357,9 +357,9 @@ TEST(Race, FilesThatComeWhileItWorks) {
             for (int i = 0; i < 3000; ++i) {
                 const std::string name = dir / "top/tmp/" + std::to_string(i);
                 const Fd file(::open(name.c_str(), O_WRONLY | O_CREAT, 0666));
-                if (!file) return errno == ENOENT ? 0 : 1;  // the directory went under it
+                if (!file) return errno == ENOENT ? 0 : 1;  // the directory was removed under it
             }
-            return 2;  // never caught up with
+            return 2;  // the removal never catches up
         });
         int error = ENOTEMPTY;
         while (error == ENOTEMPTY) error = remove_tree(dir / "top");
@@ -369,7 +369,8 @@ TEST(Race, FilesThatComeWhileItWorks) {
     }
 }
 
-// Makes a directory with a subdirectory and a file in each, unless the name is a link now.
+// Makes a directory with a subdirectory, and a file in each of them, unless the name is a link by
+// now.
 void fill(int at, const char* name) {
     constexpr int kDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW;
     ::mkdirat(at, name, 0777);
@@ -380,7 +381,7 @@ void fill(int at, const char* name) {
     Fd(::openat(sub.get(), "f", O_WRONLY | O_CREAT, 0666));
 }
 
-// Somebody swaps directories of the tree for links to a directory outside, all the time.
+// Another process swaps directories of the tree for links to a directory outside, all the time.
 TEST(Race, DirectoriesSwappedForLinksToAVictim) {
     const TempDir dir;
     for (int i = 0; i < 20; ++i) write(dir / "victim/sub/" + std::to_string(i), "x");
@@ -397,7 +398,7 @@ TEST(Race, DirectoriesSwappedForLinksToAVictim) {
             ::symlinkat((dir / "victim").c_str(), outside.get(), "link");
             ::renameat2(top.get(), name, outside.get(), "link", RENAME_EXCHANGE);
             ::renameat2(top.get(), name, outside.get(), "link", RENAME_EXCHANGE);
-            // The link may have been removed meanwhile; a directory is left in its place then.
+            // The link may have been removed meanwhile. A directory is in its place then.
             char target[8];
             if (::readlinkat(outside.get(), "link", target, sizeof target) < 0) {
                 ::renameat(outside.get(), "link", outside.get(), std::to_string(::rand()).c_str());

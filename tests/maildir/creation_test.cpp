@@ -130,7 +130,7 @@ TEST_F(Creation, MaildirLongPaths) {
     ASSERT_EQ(path.size(), 4091u);
     EXPECT_EQ(tsl_mkdir_maildir(path.c_str()), 0);
     EXPECT_EQ(list(path).size(), 3u);
-    // One more, and the name "cur" has no room behind it: nothing is made.
+    // With one byte more there is no room for the name "cur" behind it, and nothing is made.
     calls.clear();
     EXPECT_EQ(tsl_mkdir_maildir((path + 'e').c_str()), -1);
     EXPECT_EQ(errno, ENAMETOOLONG);
@@ -154,7 +154,7 @@ TEST_F(Creation, MaildirWithoutPermission) {
     EXPECT_TRUE(list(dir / "closed").empty());
 }
 
-// Whoever comes second to a directory finds it made; both have succeeded.
+// A process that comes second to a directory finds it made. Both succeed.
 TEST_F(Creation, MaildirsMadeTogether) {
     const TempDir dir;
     constexpr int kRounds = 400;

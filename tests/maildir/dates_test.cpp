@@ -62,7 +62,7 @@ TEST_F(Dates, CreationDate) {
     EXPECT_EQ(tsl_get_mail_creation_date((digits + "7.x").c_str()), 7);
 }
 
-// 02:30 of 26 October 2025 came twice in this zone: through local time both become one moment.
+// 02:30 of 26 October 2025 came twice in this zone. Through local time both become the same moment.
 TEST_F(Dates, CreationDateGoesThroughLocalTime) {
     const time_t first = 1761438600;
     const auto date = [](time_t t) {
@@ -85,7 +85,7 @@ TEST_F(Dates, ReceivedDate) {
         {"6B9Ha0q3004242,#F#S#2048#E", moment(6, 11, 9, 17, 36, 0)},
         {"6B9Ha0", moment(6, 11, 9, 17, 36, 0)},
         {"50V000x", moment(5, 0, 31, 0, 0, 0)},
-        // leading 'q's, unless a month follows: then it is the year
+        // letters 'q' in front are skipped; one that a month follows is the year
         {"q6B9Ha0", moment(52, 6, 11, 9, 17, 36)},
         {"qqq6B9Ha0", moment(52, 6, 11, 9, 17, 36)},
         {"qqqaB9Ha0", moment(36, 11, 9, 17, 36, 0)},
@@ -93,7 +93,7 @@ TEST_F(Dates, ReceivedDate) {
         {"q0V000", moment(52, 0, 31, 0, 0, 0)},
         {"qC9Ha0", kFallBack},  // five are left behind the 'q'
         {"qC9Ha0x", moment(12, 9, 17, 36, 0, 59)},
-        // fields out of range run over into the next
+        // fields out of range carry over into the next
         {"0Cz0zz", moment(0, 12, 61, 0, 61, 61)},
         {"zzzzzz", moment(61, 61, 61, 61, 61, 61)},
         // no digits
@@ -129,7 +129,7 @@ TEST_F(Dates, ReceivedDateReadsWhatAQueueIdSays) {
         ::gmtime_r(&when, &utc);
         char id[32];
         tsl_gen_queue_id(&utc, id, sizeof id);
-        // 2000 lies in another period of 60 years than today: it is read as a year of this one
+        // 2000 lies in another period of 60 years, so it is read as a year of the present one
         const time_t expected =
             moment(utc.tm_year % 60, utc.tm_mon, utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
         EXPECT_EQ(tsl_get_mail_received_date(with_queue(id).c_str()), expected);

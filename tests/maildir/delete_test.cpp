@@ -119,7 +119,8 @@ TEST_F(Delete, WhatMayNotGoStays) {
     EXPECT_EQ(code, 0);
 }
 
-// Somebody exchanges a directory of the tree for a link to a directory outside, all the time.
+// Another process exchanges a directory of the tree for a link to a directory outside, all the
+// time.
 TEST_F(Delete, DirectoriesThatBecomeLinks) {
     for (int i = 0; i < 20; ++i) write(dir_ / ("victim/" + std::to_string(i)), "x");
     const Names victim = list(dir_ / "victim");
@@ -128,7 +129,7 @@ TEST_F(Delete, DirectoriesThatBecomeLinks) {
     testing_processes::Child swapper([&] {
         for (;;) {
             ::renameat2(outside, "link", outside, "tree/sub", RENAME_EXCHANGE);
-            // removed as a link, or the directory as such: begin again
+            // the link or the directory was removed: begin again
             struct stat st;
             if (::fstatat(outside, "link", &st, AT_SYMLINK_NOFOLLOW) != 0 || S_ISDIR(st.st_mode)) {
                 ::renameat(outside, "link", outside, ("old" + std::to_string(::rand())).c_str());
@@ -151,7 +152,7 @@ TEST_F(Delete, DirectoriesThatBecomeLinks) {
             ::fstatat(outside, "tree/sub", &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
         while (remove("tree") == ENOTEMPTY) {
         }
-        for (char name = 'a'; name < 'f'; ++name) {  // made through the link by this test itself
+        for (char name = 'a'; name < 'f'; ++name) {  // this test made it through the link
             ::unlinkat(outside, (std::string("victim/") + name).c_str(), AT_REMOVEDIR);
         }
     }
@@ -177,7 +178,7 @@ int remove_literally(const std::string& path) {
     return ::rmdir(path.c_str()) == 0 ? 0 : errno;
 }
 
-// Every entry below a directory, closed ones opened for that.
+// Every entry below a directory. Directories without permissions are opened for that.
 void list_all(const std::string& dir, const std::string& prefix, Names& names) {
     ::chmod(dir.c_str(), 0755);
     for (const auto& name : list(dir)) {
@@ -188,7 +189,7 @@ void list_all(const std::string& dir, const std::string& prefix, Names& names) {
     }
 }
 
-// A tree with everything, in which some directories are closed in some way.
+// A tree with entries of every kind, in which some directories lack some permissions.
 void make_random_tree(std::mt19937 random, const std::string& top) {
     const auto below = [&](size_t n) { return static_cast<size_t>(random() % n); };
     Names dirs = {top};
@@ -243,7 +244,7 @@ TEST_F(Delete, AgreesWithTheLiteralRemovalOnRandomTrees) {
 
 class Maildir : public Delete {
   protected:
-    // A folder with messages in each sub-directory, a directory among them, and more beside.
+    // A folder with messages and a directory in each sub-directory, and with other entries.
     std::string make_folder(const std::string& name) {
         const std::string folder = dir_ / name;
         for (const char* sub : {"/cur", "/new", "/tmp"}) {
@@ -281,7 +282,7 @@ TEST_F(Maildir, DeleteOfOtherObjects) {
     EXPECT_EQ(tsm_clean_maildir(nullptr), -1);
 }
 
-// The link goes, and with it the messages of the folder that it leads to; that folder stays.
+// The link is removed, and so are the messages of the folder that it leads to. The folder stays.
 TEST_F(Maildir, DeleteThroughALinkAtTheTop) {
     const std::string folder = make_folder("real");
     ASSERT_EQ(::unlink((folder + "/cur/sub/kept").c_str()), 0);
@@ -322,8 +323,8 @@ TEST_F(Maildir, DeleteGivesTheErrnoOfTheRest) {
     EXPECT_EQ(code, 0);
 }
 
-// A sub-directory that cannot be opened is passed over, empty as it is. Here the folder cannot be
-// listed either, so that the removal of the rest does not find it.
+// A sub-directory that cannot be opened is left out, even if it is empty. Here the folder cannot be
+// listed either, so that the removal of the rest does not find the sub-directory.
 TEST_F(Maildir, DeletePassesOverASubDirectoryThatCannotBeOpened) {
     ASSERT_EQ(::chmod(dir_.path().c_str(), 0777), 0);
     const int code = testing_processes::run_unprivileged([&] {
@@ -375,7 +376,7 @@ TEST_F(Maildir, CleanOfOtherObjects) {
     EXPECT_EQ(list(dir_ / "plain"), (Names{"cur", "file"}));
 }
 
-// The folder is held open while its sub-directories are, so that a link that takes its place is not
+// The folder is open while its sub-directories are emptied, so that a link in its place is not
 // followed.
 TEST_F(Maildir, NeedsTwoDescriptors) {
     const std::string folder = dir_ / "f";

@@ -1,4 +1,4 @@
-// The documents about folders and message names say what the library does.
+// The documents about folders and message names are true.
 #include "testing/documents.h"
 
 #include <tessaly/MailUserId.h>
@@ -90,7 +90,7 @@ TEST(NameDocument, ItsExampleReadsAsItSays) {
     EXPECT_EQ(get_maildir_msg_len_from_name(name.c_str()), 2048);
     EXPECT_EQ(tsl_get_mail_creation_date(name.c_str()), 1763275200);
     EXPECT_NE(text.find("made at 1763275200 (2025-11-16 06:40:00 UTC)"), text.npos);
-    // As long as the reader lives in those 60 years.
+    // True for a reader in those 60 years.
     EXPECT_EQ(tsl_get_mail_received_date(name.c_str()), 1796837760);
     EXPECT_NE(text.find("17:36:00 UTC, 1796837760:"), text.npos);
 }

@@ -97,7 +97,7 @@ TEST(ReservedNames, PathsWithoutAName) {
     EXPECT_EQ(tsl_is_mbox_folder(nullptr), 1);
 }
 
-// The table's rows are looked at as bytes: a long path is no special case.
+// The path is compared byte by byte: a long path is not a special case.
 TEST(ReservedNames, LongPath) {
     const std::string path(1 << 20, 'x');
     EXPECT_EQ(tsl_is_reserved_folder(path.c_str()), 0);
@@ -157,7 +157,7 @@ TEST(MaildirFolder, AMarkerThatLeadsNowhereIsNone) {
     EXPECT_EQ(tsl_is_maildir_folder(dir.path().c_str()), 0);
 }
 
-// The caller's record decides what the object is; only then the directory is looked at.
+// The caller's record decides what the object is. Only then is the directory looked at.
 TEST(MailFolder, TrustsTheGivenRecord) {
     const TempDir dir;
     make_maildir(dir / "f");
@@ -173,7 +173,7 @@ std::string directory_of_length(const TempDir& top, size_t length) {
     std::string path = top.path();
     while (path.size() < length) {
         const size_t rest = length - path.size() - 1;
-        // never leave a rest of one character, which no name could fill
+        // never leave a rest of one character, which a name cannot fill
         const size_t name = rest <= 200 ? rest : std::min<size_t>(200, rest - 2);
         path += '/' + std::string(name, 'd');
     }

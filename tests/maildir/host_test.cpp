@@ -1,4 +1,4 @@
-// The host name in message file names. Built once for each host that the sandbox is given.
+// The host name in message file names. Built once for each host name that the sandbox sets.
 #include <tessaly/mailstore.h>
 
 #include <gtest/gtest.h>

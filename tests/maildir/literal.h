@@ -1,5 +1,5 @@
-// Names, dates and first lines read the plainest way, step by step: what the library must agree
-// with.
+// Names, dates and first lines, read step by step in the plainest way. The library must agree with
+// it.
 #ifndef TSMAIL_TESTS_MAILDIR_LITERAL_H
 #define TSMAIL_TESTS_MAILDIR_LITERAL_H
 

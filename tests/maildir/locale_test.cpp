@@ -1,5 +1,5 @@
-// What follows the process's locale: the order of the walk and letter case in front of a
-// sub-folder.
+// What depends on the process's locale: the order of the walk, and the letter case of the system
+// folder in front of a sub-folder.
 #include <dirent.h>
 #include <tessaly/mailstore.h>
 
@@ -41,7 +41,7 @@ Names sorted_listing(const std::string& dir) {
     return names;
 }
 
-// In byte order, which a program has that did not set a locale; umlauts stand last there.
+// In byte order, as in a program that has not set a locale. Umlauts come last.
 const Names kInByteOrder = {"B", "C", "Z", "_x", "a", "b b", "bb", "\xe4"};
 
 class LocaleOrder : public testing::Test {

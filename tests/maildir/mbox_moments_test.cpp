@@ -1,5 +1,5 @@
-// What the mbox test makes of a file that changes between its look at it and its opening it. The
-// files are real; this program only decides the moment, by standing in front of the library's call.
+// The mbox test on a file that changes between the stat and the open. The files are real; this
+// program only chooses the moment, because its function is called in the place of the C library's.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -40,7 +40,7 @@ constexpr char kMbox[] = "From user Wed Dec  2 05:53:22 1992\n";
 class MboxMoment : public testing::Test {
   protected:
     MboxMoment() { testing_files::write(file_, kMbox); }
-    // The answer if this happens after the look.
+    // The answer if this happens after the stat.
     int check(std::function<void()> action) {
         int looks = 0;
         after_look = [&] {
@@ -81,7 +81,7 @@ TEST_F(MboxMoment, OtherThingsInItsPlace) {
               0);
 }
 
-// As a file server holds them: others are kept waiting until the holder has given way.
+// As file servers hold them: other processes wait until the holder gives the lease back.
 TEST_F(MboxMoment, ALeaseOnTheFileIsWaitedFor) {
     int held[2];
     ASSERT_EQ(::pipe(held), 0);

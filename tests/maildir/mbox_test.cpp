@@ -49,7 +49,7 @@ TEST_F(Mbox, Dates) {
         {"From user Wed Dec  2 05:53:22 1992 PST remote from host", -18},
         {"From user Wed Dec  2 05:53:22 1992 -0800 remote from host", -20},
         {"From u Wed Dec  2 05:53 1992 remote from h", -11},
-        // no date, or a date of another form
+        // without a date, or with a date of another form
         {"From ", 0},
         {"From user", 0},
         {"From user Wed Dec  2 05:53:22 92", 0},
@@ -94,8 +94,8 @@ TEST_F(Mbox, WhatStandsBeforeTheLine) {
     EXPECT_EQ(check("\n\nFrom a Wed Dec  2 05:53:22 1992\n"), -14);
 }
 
-// The shortest line has 27 characters in front of its end; of a line with a remote host the part
-// before it counts. Over 40 characters without a remote host nothing is counted.
+// The shortest line has 27 characters in front of its end. In a line with a remote host only the
+// part before it counts. A line of more than 40 characters without a remote host is not counted.
 TEST_F(Mbox, Lengths) {
     EXPECT_EQ(check("From Wed Dec  2 05:53 1992\n"), 0);  // 26
     EXPECT_EQ(check("From  Wed Dec  2 05:53 1992\n"), -11);
@@ -128,7 +128,7 @@ TEST_F(Mbox, WhatIsNoReadableFile) {
     EXPECT_EQ(tsl_is_mbox(std::string(1 << 20, 'x').c_str()), 0);
     const std::string fifo = dir_ / "fifo";
     ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
-    EXPECT_EQ(tsl_is_mbox(fifo.c_str()), 0);  // and does not wait for a writer
+    EXPECT_EQ(tsl_is_mbox(fifo.c_str()), 0);  // it does not wait for a writer
 
     const std::string file = dir_ / "file";
     write(file, "From user Wed Dec  2 05:53:22 1992\n");

@@ -120,7 +120,7 @@ TEST(UniqueName, BadArguments) {
     EXPECT_STREQ(dst, "unset");
 }
 
-// A name without what differs from call to call: every number is one 'n', whatever its length.
+// A name without the parts that differ from call to call: every number is replaced by 'n'.
 std::string shape(const std::string& name) {
     std::string result;
     for (const char c : name) {
@@ -182,7 +182,8 @@ TEST(UniqueName, IdentifierInTheSameBuffer) {
     }
 }
 
-// Makes names and looks at each; 0 if they are this process's and but for chance all different.
+// Makes names and checks each of them. 0 if they have this process's id and all differ, except by
+// chance.
 int make_many(int count, int chance) {
     std::vector<std::string> names;
     names.reserve(static_cast<size_t>(count));
@@ -198,9 +199,9 @@ int make_many(int count, int chance) {
     return count - distinct > chance ? 2 : 0;
 }
 
-// The children inherit the state of random() and draw the same counters; the process id keeps their
-// names apart. Two names of one process are alike if microsecond and counter meet, which a few
-// names a microsecond and a million counters make less than one pair in 100,000 names.
+// The children inherit the state of random() and draw the same counters; the process ids keep their
+// names apart. Two names of one process are equal if microsecond and counter are equal. With a few
+// names a microsecond and a million counters, fewer than one pair in 100,000 names is.
 TEST(UniqueName, EightProcessesAcrossFork) {
     ASSERT_EQ(make_many(1000, 3), 0);
     EXPECT_EQ(testing_processes::run_together(8, [](int) { return make_many(100000, 12); }), 0);
@@ -244,7 +245,7 @@ TEST(QueueId, TimeDigits) {
         {broken_down(60, 1, 10, 10, 10, 60), "01AAAy"},
         {broken_down(119, 5, 30, 9, 61, 35), "x5U9zZ"},
         {broken_down(120, 5, 30, 9, 62, 62), "05U900"},
-        // fields out of range still give digits
+        // fields out of range give digits, too
         {broken_down(-1, -1, -1, -1, -1, -1), "xzzzzz"},
         {broken_down(-60, 62, 63, 124, -62, -63), "00100z"},
     };

@@ -1,5 +1,5 @@
-// Some file systems say EEXIST where others say ENOTEMPTY. This program runs with its first rename
-// failing in that way.
+// Some file systems answer EEXIST where others answer ENOTEMPTY. In this program the first rename
+// fails in that way.
 #include <tessaly/mailstore.h>
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// The hidden names of what waits for its deletion.
+// The hidden names of what is scheduled for deletion.
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
@@ -61,7 +61,7 @@ TEST(Schedule, NamesByTagAndBase) {
         ASSERT_EQ(schedule(dir / row.path, dir.path(), row.tag), 0);
         EXPECT_TRUE(exists(dir / row.name + std::string("/file")));
     }
-    // without any '/' the whole path is the base
+    // without a '/' the whole path is the base
     const TempDir dir;
     ASSERT_EQ(::chdir(dir.path().c_str()), 0);
     write("Inbox/file", "x");
@@ -70,7 +70,7 @@ TEST(Schedule, NamesByTagAndBase) {
     ASSERT_EQ(::chdir("/"), 0);
 }
 
-// Which names are taken is what rename says.
+// rename decides which names are taken.
 TEST(Schedule, TakenNames) {
     const TempDir dir;
     write(dir / "Inbox/file", "x");
@@ -110,7 +110,7 @@ TEST(Schedule, Failures) {
     EXPECT_EQ(list(dir.path()), Names{"f"});
 }
 
-// Counters have room in 4095 bytes or are not tried.
+// A name is tried only if its counter fits into 4095 bytes.
 TEST(Schedule, LongPaths) {
     const TempDir dir;
     std::string target = dir.path();
@@ -157,7 +157,7 @@ TEST(Schedule, ANameThatLeavesNoRoomForACounter) {
     write(dir / "f/file", "first");
     EXPECT_EQ(schedule(dir / "f", target, "x"), 0);
     EXPECT_EQ(list(target), Names{".deleted.x.f."});
-    // It is the only name that there is.
+    // That name is the only one.
     write(dir / "f/file", "second");
     EXPECT_EQ(schedule(dir / "f", target, "x"), -1);
     EXPECT_EQ(errno, ENOTEMPTY);

@@ -1,7 +1,7 @@
-// Directories on a file system that does not say what its entries are (d_type is DT_UNKNOWN, as on
-// some older disks and network file systems). The directories are real; this program stands in
-// front of the library's call and takes the types away. The tests that it is linked with run on
-// such directories too.
+// Directories on a file system that does not tell the types of entries (d_type is DT_UNKNOWN, as on
+// some older disks and network file systems). The directories are real; this program wraps the
+// library's call and removes the types. The tests that it is linked with run on such directories,
+// too.
 #include <dirent.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -59,7 +59,7 @@ class Untyped : public testing::Test {
         ::symlink("sub", (dir_ / "f/link").c_str());
         taken_away = 0;
     }
-    // So that none of the cases is about nothing.
+    // The wrapped call must be the one that the cases use.
     ~Untyped() override { EXPECT_GT(taken_away, 2); }
 
     const TempDir dir_;

@@ -88,7 +88,7 @@ class UserFile : public testing::Test {
     static bool left_by_dora() {
         return read(list_path("dora@site.test", "primaryaddr")) == "x@y.z\n";
     }
-    // Of the opposite lists nobody is taken out.
+    // The opposite lists stay as they are.
     static void expect_opposite_lists_untouched() {
         EXPECT_EQ(read(list_path("bob@site.test", "primaryaddr")), "ann+Tag@site.test\n");
         EXPECT_EQ(read(list_path("dora@site.test", "secondaryaddr")), "ann+Tag@site.test\n");
@@ -145,13 +145,14 @@ TEST_F(UserFile, ListsThatAreMissing) {
     make_dirs(path_of(MUF_PREFPATH));
     EXPECT_EQ(tsl_delete_user_file(MUF_PRIMARY_ADDR, kAddress), 0);
     EXPECT_EQ(tsl_delete_user_file(MUF_SECONDARY_ADDR, kAddress), 0);
-    EXPECT_EQ(list(path_of(MUF_PREFPATH)), Names{});  // no lock file either: nothing was looked for
+    EXPECT_EQ(list(path_of(MUF_PREFPATH)),
+              Names{});  // there is not even a lock file: the lists were not looked for
     write(path_of(MUF_PRIMARY_ADDR), "");
     EXPECT_EQ(tsl_delete_user_file(MUF_PRIMARY_ADDR, kAddress), 0);
     EXPECT_FALSE(exists(path_of(MUF_PRIMARY_ADDR)));
 }
 
-// Home and preference directory: first the partners' lists, then what is in the directory.
+// Home and preference directory: first the partners' lists, then the content of the directory.
 TEST_F(UserFile, Directories) {
     const struct {
         int kind;
@@ -179,8 +180,8 @@ TEST_F(UserFile, Directories) {
     }
 }
 
-// A linked home or preference directory: the first relation is left, then the link goes, and with
-// it the way to everything else.
+// A linked home or preference directory: the user leaves the lists of the first relation. Then the
+// link is removed, so that nothing else can be reached.
 TEST_F(UserFile, LinkedDirectories) {
     const std::string elsewhere = "/var/spool/elsewhere";
     for (const int kind : {MUF_HOMEPATH, MUF_PREFPATH}) {

@@ -1,5 +1,5 @@
-// The walk when a change or a reading of the working directory fails: the folders of that level are
-// not visited, the others are, and the caller's working directory is what it was.
+// The walk when setting or reading the working directory fails. The folders of that level are not
+// visited, the others are, and the caller's working directory is restored.
 #include <limits.h>
 #include <sys/wait.h>
 #include <tessaly/mailstore.h>
@@ -24,7 +24,7 @@ using Names = std::vector<std::string>;
 constexpr char kBefore[] = "/usr/lib";
 constexpr int kMovedAway = 1, kOtherNames = 2, kWrongSum = 3;
 
-// Remembers the name, which is a good one only where the folder stands in the working directory.
+// Remembers the name if the working directory holds the folder.
 int visit(const char* name, const struct stat* st, void* names) {
     const std::string entry = std::string(name).substr(std::string(name).rfind('/') + 1);
     struct stat here;
@@ -92,7 +92,7 @@ TEST_F(WalkFaults, OfTheWorkingDirectory) {
         for (const int error : {EIO, EACCES, ENOENT}) {
             const fault::Trace trace = walk({fault::Effect::error, error, k, 1});
             ASSERT_TRUE(WIFEXITED(trace.status));
-            // Who is kept from going back at the very end is not back.
+            // If the last call fails, the process is not back.
             EXPECT_EQ(WEXITSTATUS(trace.status), k == last_move ? kMovedAway : 0)
                 << name << ", call " << k << ", " << error;
         }

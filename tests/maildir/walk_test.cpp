@@ -66,7 +66,7 @@ struct Record {
 
 using Names = std::vector<std::string>;
 
-// Every case: the working directory is what it was, and no descriptor is left.
+// In every case the working directory is restored, and no descriptor is left open.
 class Walk : public testing::Test {
   protected:
     void TearDown() override {
@@ -201,7 +201,7 @@ TEST_F(Walk, PrefixByDepth) {
         EXPECT_EQ(names(path, row.depth), expected) << row.depth;
         EXPECT_EQ(names(top_ / "link", row.depth), expected) << row.depth;
     }
-    // all components, and one more than there are
+    // all components, and one more than the path has
     EXPECT_EQ(names(path, 6)[0], "tmp/" + tmp_name + "/mail/Work/2024/May");
     EXPECT_EQ(names(path, 7)[0], "May");
     EXPECT_EQ(names(path, 6)[1], "tmp/" + tmp_name + "/mail/Work/2024/May/x");
@@ -221,7 +221,7 @@ TEST_F(Walk, PrefixInTheRootDirectory) {
     EXPECT_EQ(child.wait(), 0);
 }
 
-// Behind a link the names begin anew from the real path, and the visitor stands there.
+// Below a link the names come from the real path, and the working directory is there.
 TEST_F(Walk, LinksToFolders) {
     make_maildir(top_ / "elsewhere/x/Sub");
     make_maildir(top_ / "elsewhere/x");
@@ -241,7 +241,7 @@ TEST_F(Walk, LinksToFolders) {
     EXPECT_EQ(record_.visits, expected);
 }
 
-// A directory that the walk is inside of is visited, but not entered once more.
+// A directory that the walk is inside of is visited, but not entered again.
 TEST_F(Walk, CirclesOfLinks) {
     make_maildir(top_ / "mail/A/B");
     make_maildir(top_ / "mail/A");
@@ -252,7 +252,7 @@ TEST_F(Walk, CirclesOfLinks) {
     make_maildir(top_.path());
     EXPECT_EQ(names(top_ / "mail"),
               (Names{"A", "A/B", "A/B/to-a", "A/B/to-top", "mail", "A/self"}));
-    // Here the top is met at a depth that its path just has the components for.
+    // Here the walk meets the top at a depth for which its path just has enough components.
     const std::string real = top_.path().substr(1);
     EXPECT_EQ(names(top_ / "mail/A"),
               (Names{"B", "B/to-a", "B/to-top", real + "/mail", real + "/mail/A", "self"}));
@@ -436,7 +436,7 @@ TEST_F(Walk, VisitorsThatChangeTheTree) {
               (Names{"A", "B", "B/new-one", "B/x", "C", "E", "F/y", "F", "F/y"}));
 }
 
-// A level that was closed on the way down and is another directory on the way back has ended.
+// A level that was closed on the way down ends, if it is another directory on the way back.
 TEST_F(Walk, ALevelThatWasReplaced) {
     make_deep(top_.path(), 40);
     make_maildir(top_ / "d/z");
@@ -482,8 +482,8 @@ TEST_F(Walk, TopThatCannotBeEntered) {
     }
 }
 
-// A daemon that was started in a directory of root's and has stepped down: it may not search its
-// working directory, but it has one. It cannot come back to it.
+// A daemon that was started in a directory of root and has given up its rights: it may not search
+// its working directory and cannot return to it.
 TEST_F(Walk, WorkingDirectoryWithoutAWayBack) {
     if (::geteuid() != 0) GTEST_SKIP() << "only root can be somebody else";
     make_maildir(top_ / "mail/A");
@@ -633,7 +633,7 @@ TEST_F(Walk, AgreesWithTheLiteralWalkOnRandomTrees) {
         }
     }
     EXPECT_GT(visits, 4000u);
-    EXPECT_GT(repeated, 50u);  // walks that came by links to a folder more than once
+    EXPECT_GT(repeated, 50u);  // walks that reached a folder more than once, by links
 }
 
 }  // namespace

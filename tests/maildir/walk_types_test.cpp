@@ -27,7 +27,7 @@ int replace_the_file(const char* name, const struct stat*, void* arg) {
     return 1;
 }
 
-// What an entry is, is taken from the listing.
+// The type of an entry is taken from the listing.
 TEST(WalkTypes, AFileThatBecomesAFolderIsPassedBy) {
     const TempDir dir;
     make_maildir(dir / "A");

@@ -198,7 +198,7 @@ TEST(Direct, ThrownFromATypedObjectToo) {
 namespace {
 
 // The path of each kind: H home, M mail path, D the delivery folder, P preferences, T tilde name,
-// F folder of that name, W web folder. "-" is no kind.
+// F folder of that name, W web folder. "-" is not a kind.
 const char* const kKinds[] = {
     /* 0 */ "P/T.whitelist",
     "P/T.blacklist",

@@ -1,10 +1,10 @@
-// The splitting of an address once more, as plainly as it can be written.
+// A second version of the splitting of an address, as plain as possible.
 #ifndef TSMAIL_TESTS_MAILUSER_LITERAL_PARSE_H
 #define TSMAIL_TESTS_MAILUSER_LITERAL_PARSE_H
 
 #include <string>
 
-// The fields of a mailbox value; parse changes them as it changes the value's.
+// The fields of a mailbox value. parse changes them as the value's parse does.
 struct LiteralFields {
     std::string domain, local, tag, tilde;
 

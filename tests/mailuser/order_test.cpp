@@ -64,7 +64,7 @@ TEST(Equal, LooksAtWhatTheTypeSays) {
 }
 
 TEST(Equal, AddressesThatReadTheSameAreTheSame) {
-    // Differing fields, one text.
+    // Different fields with the same text.
     EXPECT_TRUE(equal(TSMailUserId("a~b@c"), TSMailUserId("a~b~c")));
     TSMailUserId kept("a+T@d");
     kept.parse("x");
@@ -119,10 +119,10 @@ TEST(Less, DoesNotAskTheType) {
             EXPECT_TRUE(x < y);
             EXPECT_FALSE(y < x);
             y.parse("a@d");
-            EXPECT_EQ(x < y, b == MAILBOX_DIRECT);  // of that its text is no address
+            EXPECT_EQ(x < y, b == MAILBOX_DIRECT);  // its text is not an address
         }
     }
-    // Ids that are equal and ordered all the same.
+    // Ids that are equal and nevertheless ordered.
     const TSMailUserId one(MAILBOX_LOCAL, "a@d");
     const TSMailUserId two(MAILBOX_LOCAL, "b@d");
     EXPECT_TRUE(one == two);

@@ -19,7 +19,7 @@ namespace {
 
 MailBoxType type_of(unsigned number) { return static_cast<MailBoxType>(number); }
 
-// The domain, of a value whose accessor may refuse.
+// The domain of a value whose accessor may throw.
 string domain_of(TSMailUserId id) {
     id.type(MAILBOX_USER);
     return id.domain();
@@ -72,7 +72,7 @@ TEST(MailUserId, IsEmptyAsBuilt) {
     EXPECT_EQ(id.address(), "");
 }
 
-// Type, domain, local part, tag, tilde name, without anything between them.
+// Type, domain, local part, tag and tilde name, with nothing between them.
 TEST(MailUserId, FieldsLieInOrder) {
     const TSMailUserId id(MAILBOX_USER, "ann+Work@site.test");
     const auto offset = [&id](const string& field) {
@@ -111,7 +111,7 @@ TEST(MailUserId, UserTypes) {
     EXPECT_EQ(TSMailUserId(type_of(0xffffffff), "a@b").userType(), 0);
 }
 
-// What the constructor, and a later init, make of a text.
+// The fields that the constructor, or a later init, makes of a text.
 TEST(Init, ByType) {
     enum class Fill { nothing, parsed, system, kept };
     const struct {
@@ -226,10 +226,11 @@ TEST(Parse, Rows) {
         {"a~b~C", "a~b~c", "a~b", "", "c", "a~b@c"},
         {"a~", "a~", "a", "", "", "a"},
         {"~", "~", "", "", "", ""},
-        // The domain is what follows the '@', also when a '~' stands in it; local is not.
+        // The domain is the text behind the '@', even if it contains a '~'. The local part is not
+        // the text before the '@' then.
         {"a@B~c", "a~b~c", "a~b", "", "b~c", "a~b@b~c"},
         {"a+T@b~c", "a~c", "a", "T~b", "b~c", "a+T~b@b~c"},
-        // A '+' there starts the tag if a '~' follows.
+        // A '+' in the domain starts the tag if a '~' follows it.
         {"a@b+x~c", "a~b~c", "a~b", "x", "b+x~c", "a~b+x@b+x~c"},
         {"a+x~y@d", "a~d", "a", "x~y", "d", "a+x~y@d"},
         {"a~b+c", "a~b+c", "a", "", "b+c", "a@b+c"},
@@ -280,8 +281,8 @@ TEST(Parse, SplitsWhateverTheOtherTypes) {
     }
 }
 
-// In the one locale letters beyond ASCII have two cases, in the other 'I' is not the upper case of
-// 'i'.
+// In one of these locales letters beyond ASCII have two cases. In the other 'I' is not the upper
+// case of 'i'.
 TEST(Parse, DoesNotAskTheLocale) {
     const std::pair<const char*, const char*> locales[] = {{"de_DE", "ISO-8859-1"},
                                                            {"tr_TR", "ISO-8859-9"}};
@@ -323,7 +324,7 @@ TEST(Parse, AgreesWithTheLiteralOneOnRandomTexts) {
     for (int i = 0; i < 200000; ++i) {
         string text(random() % 12, ' ');
         for (char& c : text) c = alphabet[random() % alphabet.size()];
-        if (random() % 4 == 0) {  // else the fields of the text before stay
+        if (random() % 4 == 0) {  // otherwise the fields of the previous text stay
             id = TSMailUserId(MAILBOX_USER, "");
             literal = {};
         }

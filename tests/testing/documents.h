@@ -7,7 +7,7 @@
 
 namespace testing_documents {
 
-// What stands in docs/formats/<name>.
+// The text of docs/formats/<name>.
 std::string format(const std::string& name);
 
 // The blocks of a document between lines of "```", each with its line ends.

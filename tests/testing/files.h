@@ -1,5 +1,5 @@
-// Real files for tests: short ways to make, read and look at them. Failures abort the test case by
-// an exception, so that a set-up that did not work is never taken for a result.
+// Real files for tests: short ways to make, read and look at them. A failure throws and so ends the
+// test case: a set-up that failed is never taken for a result.
 #ifndef TSMAIL_TESTS_TESTING_FILES_H
 #define TSMAIL_TESTS_TESTING_FILES_H
 
@@ -11,7 +11,7 @@
 
 namespace testing_files {
 
-// Makes a directory with its parents; fine if it exists.
+// Makes a directory with its parents, unless it exists.
 void make_dirs(const std::string& path, mode_t mode = 0777);
 // Makes a folder with cur, new and tmp.
 void make_maildir(const std::string& path);
@@ -19,17 +19,17 @@ void make_maildir(const std::string& path);
 void write(const std::string& path, std::string_view content);
 // The whole content.
 std::string read(const std::string& path);
-bool exists(const std::string& path);  // of the name itself: a dangling link exists
+bool exists(const std::string& path);  // looks at the name itself: a dangling link exists
 struct stat status(const std::string& path);
 // The permission bits of a file or directory.
 mode_t mode_of(const std::string& path);
 void set_mtime(const std::string& path, time_t seconds);
-// The names in a directory but for "." and "..", sorted.
+// The sorted names in a directory, without "." and "..".
 std::vector<std::string> list(const std::string& dir);
-// How many descriptors this process has open.
+// The number of descriptors that this process has open.
 std::size_t open_descriptors();
 
-// A new empty directory below /tmp, of its own for each object; removed with it.
+// A new empty directory below /tmp for each object. It is removed with the object.
 class TempDir {
   public:
     TempDir();

@@ -1,11 +1,11 @@
-// A file system over a network in two respects, for preloading: it calls itself FUSE, and a lock on
-// a directory keeps nobody out.
+// For preloading: a file system that resembles one over a network in two respects. It calls itself
+// FUSE, and a lock on a directory has no effect.
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
 #include <unistd.h>
 
-// Under every name that the headers call the functions by.
+// The functions under every name that the headers use.
 extern "C" {
 [[gnu::visibility("default")]] int far_fstatfs(int fd, struct statfs* fs) __asm__("fstatfs");
 [[gnu::visibility("default")]] int far_fstatfs64(int fd, struct statfs* fs) __asm__("fstatfs64");

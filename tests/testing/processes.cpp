@@ -71,7 +71,7 @@ int run_together(int n, const std::function<int(int)>& body) {
         }));
     }
     ::close(gate[0]);
-    ::close(gate[1]);  // the end of the pipe is the start for all of them
+    ::close(gate[1]);  // the end of the pipe starts all of them
     int failed = 0;
     for (const auto& child : children) failed += child->wait() != 0;
     return failed;

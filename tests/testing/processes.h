@@ -13,7 +13,7 @@ namespace testing_processes {
 class Child {
   public:
     explicit Child(const std::function<int()>& body);
-    ~Child();  // kills and reaps it if nobody waited
+    ~Child();  // kills and reaps it unless it was waited for
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
@@ -27,8 +27,8 @@ class Child {
     bool waited_ = false;
 };
 
-// Runs body(0) to body(n - 1) in processes of their own that begin together; returns how many did
-// not answer 0.
+// Runs body(0) to body(n - 1) in processes of their own that begin together. Returns how many of
+// them did not return 0.
 int run_together(int n, const std::function<int(int)>& body);
 
 // Runs the body in a thread with a stack of this size and waits for it.
@@ -37,8 +37,8 @@ void run_with_stack(std::size_t bytes, const std::function<void()>& body);
 // Runs the body in a child that may not make a file longer than this, and returns its exit code.
 int run_with_file_limit(std::size_t bytes, const std::function<int()>& body);
 
-// Runs the body in a child without root's exemption from permission checks (as user 65534 if this
-// process is root) and returns its exit code.
+// Runs the body in a child that permission checks apply to (as user 65534 if this process is root),
+// and returns its exit code.
 int run_unprivileged(const std::function<int()>& body);
 
 }  // namespace testing_processes

@@ -1,5 +1,5 @@
-"""Prints what the interpreter that runs it needs from outside of /usr, one place a line: the sandbox
-shows these, and nothing else of the home in which it may lie."""
+"""Prints the paths outside /usr that its interpreter needs, one on each line. The sandbox shows them and
+nothing else of the home in which they may lie."""
 import os
 import sys
 import sysconfig
