@@ -59,7 +59,7 @@ class Untyped : public testing::Test {
         ::symlink("sub", (dir_ / "f/link").c_str());
         taken_away = 0;
     }
-    // The wrapped call must be the one that the cases use.
+    // Every case must have met entries whose types were removed.
     ~Untyped() override { EXPECT_GT(taken_away, 2); }
 
     const TempDir dir_;

@@ -1,5 +1,6 @@
 // Two writers of one scan cache at the same time: the last one wins. The files are real; this
-// program only decides the moment, by standing in front of the library's calls.
+// program only chooses the moment, because its functions are called in the place of the C
+// library's.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -15,7 +16,7 @@ namespace files = testing_files;
 
 namespace {
 
-// Called once each: before the next write, and behind it.
+// Each is called once: before the next write, and after it.
 std::function<void()> before_write, behind_write;
 
 template <class Write>
@@ -55,12 +56,13 @@ std::string one_line(unsigned long size) { return "mtime=1,size=" + std::to_stri
 TEST(CacheMoments, WhoWritesLastWins) {
     files::make_maildir(kFolder);
     for (const auto& [first, last] : {std::pair(kShort, kLong), std::pair(kLong, kShort)}) {
-        // The one has emptied the file, then the other comes and is done before the one goes on.
+        // The first has emptied the file. Then the second comes and finishes before the first goes
+        // on.
         before_write = [first = first] { write_one_line(1, first); };
         write_one_line(1, last);
         EXPECT_EQ(files::read(kCache), one_line(last));
-        // The other comes when the one has just written. Where its text is the longer one, the one
-        // cannot tell whether it lies over the rest of it, and writes again.
+        // The second comes when the first has just written. If the second's text is the longer one,
+        // the first cannot tell whether its own text lies over the rest of it, and writes again.
         behind_write = [last = last] { write_one_line(1, last); };
         write_one_line(1, first);
         EXPECT_EQ(files::read(kCache), one_line(kShort));

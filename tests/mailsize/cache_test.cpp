@@ -78,7 +78,7 @@ class Cache : public testing::Test {
         r.result = tsl_read_maildir_cache_file(path.c_str(), &r.mtime, &r.size);
         return r;
     }
-    // What scanf makes of the file.
+    // The result of scanf for the file.
     Read read_literally() {
         Read r{0, 77, 77};
         r.result = literal::read_cache(path, r.mtime, r.size) ? 1 : 0;
@@ -111,7 +111,7 @@ TEST_F(Cache, AFullDiskIsReported) {
     EXPECT_EQ(tsl_write_maildir_cache_file("/dev/full", 1, 1), 0);
 }
 
-// The disk takes a digit more of the text in each round, never all.
+// In each round the disk takes one more digit of the text, but never all of it.
 TEST_F(Cache, AFifoInItsPlaceHoldsNobody) {
     const std::string folder = "/var/spool/folder", cache = folder + "/.ts_cache";
     files::make_maildir(folder);

@@ -1,5 +1,5 @@
 // Which calls of the support library are made, and in which order. This program defines two of the
-// imported names itself, as a process of the appliance may: they are the ones that are called.
+// imported names itself, as a process of the appliance may. The library must call these.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessaly/MailUserId.h>
@@ -22,7 +22,7 @@ const files::TempDir& mail_root() {
     return dir;
 }
 
-// What stands behind "<mail root>/": the name, with one more slash where there is one.
+// The text behind "<mail root>/": the name, with a slash in front if there is a second one.
 std::string below_mail(const std::string& path) {
     const std::string mail = mail_root() / "mail/";
     return path.starts_with(mail) ? path.substr(mail.size()) : path;
@@ -49,7 +49,7 @@ namespace {
 
 struct Row {
     const char* name;
-    const char* text;  // of the size files and the scan date beforehand
+    const char* text;  // of the size files and the scan date before the call
     std::function<void(const std::string& mail)> call;
     std::vector<std::string> expected;
     friend void PrintTo(const Row& row, std::ostream* out) { *out << row.name; }
@@ -76,7 +76,7 @@ const Row kRows[] = {
      kLong.c_str(),
      [](auto& mail) { tsl_append_maildirsize((mail + "/.maildirsize").c_str(), 1, 1); },
      {"open .maildirsize a+", "close"}},
-    // Reading ends the lock with the close of the stream itself.
+    // A reader ends the lock by closing the stream itself.
     {"ReadFolder",
      "1 1\n",
      [](auto& mail) {
@@ -91,7 +91,7 @@ const Row kRows[] = {
      "-1 1\n",
      [](auto& mail) { tsl_get_maildirsize(nullptr, mail.c_str(), nullptr, nullptr); },
      {"open .maildirsize r", "open /.maildirsize.dirty w", "close"}},
-    // Without a look at the file.
+    // The file is not looked at.
     {"ReadMarked",
      "1 1\n",
      [](auto& mail) {

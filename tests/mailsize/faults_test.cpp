@@ -1,4 +1,4 @@
-// Size files when single system calls fail, fall short or are the process's last.
+// Size files when single system calls fail, end short, or are the last ones of a killed process.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <tessaly/mailstore.h>
@@ -22,11 +22,11 @@ const std::string kMarker = kMail + "/.maildirsize.dirty";
 struct Outcome {
     std::string output;
     int status;
-    int fired;  // how many calls were tampered with
+    int fired;  // the number of calls that were tampered with
 };
 
-// Runs an operation on `path`, with this tampering (strace's inject expressions, separated by ';')
-// of the calls on that path alone.
+// Runs an operation on `path` and tampers with the calls on that path (strace's inject expressions,
+// separated by ';').
 Outcome run(const std::string& inject, const std::string& operation, const std::string& path,
             const std::string& arguments = "") {
     const std::string log = "/tmp/strace.log";
@@ -91,14 +91,14 @@ TEST_P(Append, LosesNothing) {
 INSTANTIATE_TEST_SUITE_P(
     Failing, Append,
     testing::Values(
-        // The length by another way.
+        // The length is found in another way.
         Row{"FstatShort", "1 1\n", "?fstat,?newfstatat:error=EIO", "1 1\n7 2\n"},
-        // But which file it is remains unknown: no compaction.
+        // The identity of the file remains unknown, so there is no compaction.
         Row{"FstatLong", long_file(), "?fstat,?newfstatat:error=EIO", long_file() + kPlain},
         Row{"LastFstat", long_file(), "?fstat,?newfstatat:error=EIO:when=3", long_file() + kPlain},
         Row{"LengthUnknown", long_file(), "?fstat,?newfstatat:error=EIO;lseek:error=EIO",
             long_file() + kPlain},
-        // No compaction, but the record.
+        // There is no compaction, but the record is added.
         Row{"ReadFails", long_file(), "pread64:error=EIO", long_file() + kPlain},
         Row{"SecondReadFails", long_file(), "pread64:error=EIO:when=2", long_file() + kPlain},
         Row{"ReadOfOldTextFails", long_file(), "pread64:error=EIO:when=3+", long_file() + kPlain},
@@ -113,7 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
         Row{"LockInterrupted", "", "flock:error=EINTR:when=1", kPlain},
         // The uncut text has the same sum.
         Row{"TruncateFails", long_file(), "ftruncate:error=EIO", uncut()},
-        // Nothing to be done, nothing changed.
+        // Nothing can be done, and nothing is changed.
         Row{"WriteFails", "1 1\n", "write:error=ENOSPC", "1 1\n"},
         Row{"LockFails", "1 1\n", "flock:error=ENOLCK", "1 1\n"}),
     [](const auto& row) { return row.param.name; });
@@ -128,8 +128,8 @@ TEST(Append, AnUncutFileSumsRight) {
     EXPECT_EQ(files::read(kFile), "0S, 0C\n8208 823\n");
 }
 
-// On a file system so full that a record fits only in part. The part must not stay: the next record
-// would continue its number.
+// The file system is so full that a record fits only in part. The part must not stay: the next
+// record would continue its number.
 TEST(Append, ATornRecordIsTakenBack) {
     const std::string record = "1234567890 1\n";
     files::write(kFile, record);
@@ -145,7 +145,7 @@ TEST(Append, ATornRecordIsTakenBack) {
     EXPECT_EQ(files::read(kFile), text);
 }
 
-// The same in a compaction: what was overwritten is put back.
+// The same in a compaction: the overwritten text is restored.
 TEST(Append, ATornCompactionIsTakenBack) {
     const std::string text = long_file();
     files::write(kFile, text);
@@ -155,8 +155,8 @@ TEST(Append, ATornCompactionIsTakenBack) {
     EXPECT_EQ(files::read(kFile), text);
 }
 
-// Killed on the way into each of its system calls on the file, one after the other: the sum is the
-// old or the new one.
+// A process that is killed on the way into any of its system calls on the file leaves the old sum
+// or the new one.
 TEST(Append, KilledAtAnyCallItLosesNothing) {
     int killed = 0;
     for (const char* call : {"openat", "flock", "?fstat,?newfstatat", "fcntl", "pread64",
@@ -217,10 +217,10 @@ TEST(Other, AFailedWriteLeavesNoPart) {
     EXPECT_EQ(files::read("/tmp/cache"), "");
 }
 
-// The date or size before an error may be the beginning of a longer one.
+// A date or size before an error may be the beginning of a longer one.
 TEST(Other, AReadErrorIsNotTheEnd) {
     std::string cache = "mtime=1,size=2";
-    cache.insert(6, 128 - cache.size(), ' ');  // just as much as is read at once
+    cache.insert(6, 128 - cache.size(), ' ');  // exactly as much as one read takes
     files::write("/tmp/cache", cache);
     EXPECT_EQ(run("pread64:error=EINTR:when=2", "read-cache", "/tmp/cache").output,
               "1 77 77, descriptors +0\n");
@@ -233,7 +233,7 @@ TEST(Other, AReadErrorIsNotTheEnd) {
               "-1 77 77, descriptors +0\n");
 }
 
-// Another text takes the file's place between two reads: the answer is one of the two.
+// Another text replaces the file's between two reads. The result is that of one of the two.
 TEST(Other, ACacheReplacedBetweenReadsIsNotMixed) {
     for (const char* when : {"1", "2", "3", "4"}) {
         files::write("/tmp/cache", "mtime=1,size=2");
@@ -250,7 +250,7 @@ TEST(Other, ACacheReplacedBetweenReadsIsNotMixed) {
     }
 }
 
-// An error ends the reading, also while two readings are compared.
+// An error ends the reading, also while readings are compared.
 TEST(Other, AnErrorAtAnyReadOfACacheIsAnswered) {
     files::write("/tmp/cache", "mtime=1,size=2");
     for (const char* when : {"1", "2", "3", "4", "5", "6", "7", "8"}) {
@@ -272,7 +272,7 @@ struct TagRow {
 };
 class Tag : public testing::TestWithParam<TagRow> {};
 
-// Of the messages "a" and "b" of 10 bytes "b" cannot get its name, as that is taken.
+// There are messages "a" and "b" of 10 bytes. "b" cannot get its new name, which is taken.
 TEST_P(Tag, LosesNoMessage) {
     const auto& [name, inject, cur, tmp] = GetParam();
     const std::string folder = "/var/spool/Inbox";
@@ -295,17 +295,18 @@ const Names kUntagged = {"a", "b", "b,#F#S#10#E"};
 INSTANTIATE_TEST_SUITE_P(
     Failing, Tag,
     testing::Values(
-        // A file system, a kernel that cannot promise to replace nothing.
+        // A file system and a kernel that cannot promise to replace nothing.
         TagRow{"FlagUnknown", "renameat2:error=EINVAL", kTagged, {}},
         TagRow{"CallUnknown", "renameat2:error=ENOSYS", kTagged, {}},
         TagRow{"NoRename", "renameat2:error=EACCES", kUntagged, {}},
         TagRow{"NoRenameEither", "renameat2:error=EINVAL;renameat:error=EACCES", kUntagged, {}},
         TagRow{"NoTmp", "?openat:error=EACCES:when=2", kTagged, {}},
-        // The way into tmp fails once: the message goes directly. Which one it is does not matter.
+        // The rename into tmp fails once, and that message is renamed directly. It may be any
+        // message.
         TagRow{"NotIntoTmp", "renameat2:error=EXDEV:when=1", kTagged, {}}),
     [](const auto& row) { return row.param.name; });
 
-// Back from tmp under its old name, when the new one cannot be had.
+// A message goes back from tmp under its old name if it cannot get the new one.
 TEST(Tag, AMessageIsNotLeftInTmp) {
     const std::string folder = "/var/spool/Inbox";
     files::make_maildir(folder);
@@ -324,11 +325,11 @@ class ScanFaults : public testing::Test {
         files::make_maildir(folder);
         files::write(folder + "/cur/a", "1234567890");
         files::write(folder + "/new/b", "12345");
-        ::usleep(50'000);  // what has just changed is read twice
+        ::usleep(50'000);  // a directory that has just changed is read twice
     }
 };
 
-// What was counted up to an error is the answer, but not the cache's.
+// The sum up to an error is returned, but not written into the cache.
 TEST_F(ScanFaults, AnUnfinishedSumIsNotCached) {
     for (const char* when : {"1", "2"}) {
         const Outcome r = run(std::string("getdents64:error=EIO:when=") + when, "scan-folder-of",
@@ -375,7 +376,7 @@ TEST_F(ScanFaults, ACacheThatCannotBeWrittenIsEmpty) {
     EXPECT_EQ(files::read(cache), "");
 }
 
-// The socket does not outlive an exec, and the address has the full length of a socket address.
+// The socket is close-on-exec, and the address has the full length of a socket address.
 TEST(NotifyCalls, AreTheDocumentedOnes) {
     const std::string log = "/tmp/strace.log";
     const std::string command = "strace -qq -o " + log +

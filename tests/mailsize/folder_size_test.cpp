@@ -81,7 +81,7 @@ TEST_F(FolderSize, AddsTheFoldersBelow) {
     EXPECT_EQ(id.getFolderSize("F"), 1U + 1 + 2 + 3);
     EXPECT_EQ(id.getFolderSize("F/a"), 3U);
     EXPECT_EQ(id.getFolderSize("F/"), 7U);
-    // What does not count, nor does what is below it.
+    // These do not count, and neither does anything below them.
     for (const char* name : {"F/.hidden", "F/cur", "F/NEW", "F/Tmp"}) {
         folder(name, "5000 1\n");
         folder(std::string(name) + "/x", "5000 1\n");
@@ -89,7 +89,7 @@ TEST_F(FolderSize, AddsTheFoldersBelow) {
     files::write(dir / "F/plain/.ts_folder_size", "5000 1\n");
     folder("F/plain/x", "5000 1\n");
     EXPECT_EQ(id.getFolderSize("F"), 7U);
-    // Names that only resemble those.
+    // Names that only resemble them.
     for (const char* name : {"F/curl", "F/tmp2", "F/ne"}) folder(name, "1 1\n");
     EXPECT_EQ(id.getFolderSize("F"), 10U);
 }
@@ -108,12 +108,13 @@ TEST_F(FolderSize, FollowsLinksButInNoCircle) {
     link(dir / "F", "other/x/round");
     link("nowhere", "F/dangling");
     EXPECT_EQ(id.getFolderSize("F"), 3U + 2 + 2);
-    // From below, "up" is another way to folders that the walk is not inside of yet: F, link with
-    // its x, and again with its b; a itself is the top.
+    // From below, the link "up" leads to folders that the walk is not inside of: F, "link" with its
+    // x, and again with its b. The folder a itself is the top.
     EXPECT_EQ(id.getFolderSize("F/a"), 2U + 1 + 2);
 }
 
-// As deep as a path goes, with a stack and a number of descriptors that a recursion would outgrow.
+// As deep as a path can be, with a stack and a number of descriptors that are too small for a
+// recursion.
 TEST_F(FolderSize, GoesAsDeepAsPathsGo) {
     std::string path = dir.path();
     ASSERT_EQ(::chdir(path.c_str()), 0);

@@ -1,4 +1,4 @@
-// Random texts that look like size files and like damage to them.
+// Random texts that resemble size files and damaged size files.
 #ifndef TSMAIL_TESTS_MAILSIZE_GARBAGE_H
 #define TSMAIL_TESTS_MAILSIZE_GARBAGE_H
 
@@ -67,7 +67,7 @@ inline std::string line(Random& random) {
             return "\n";
         case 2:
             return bytes(random, below(random, 40)) + "\n";
-        case 3:  // around the length of a piece, with a record at its end or cut by it
+        case 3:  // about as long as a piece, with a record at the end of the piece or cut by it
             return std::string(230 + below(random, 40), below(random, 2) ? ' ' : 'x') +
                    number(random) + " " + number(random) + "\n";
         case 4:
@@ -85,7 +85,7 @@ inline std::string line(Random& random) {
     }
 }
 
-// A text of about this many bytes; `tame` leaves numbers out that do not fit.
+// A text of about this many bytes. `tame` leaves out numbers that do not fit.
 inline std::string size_file(Random& random, std::size_t length, bool tame) {
     std::string text;
     while (text.size() < length) {

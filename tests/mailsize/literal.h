@@ -1,4 +1,5 @@
-// The operations done the plainest way, with stdio and readdir: what the library must agree with.
+// The operations done in the plainest way, with stdio and readdir. The library must agree with
+// them.
 #ifndef TSMAIL_TESTS_MAILSIZE_LITERAL_H
 #define TSMAIL_TESTS_MAILSIZE_LITERAL_H
 
@@ -17,15 +18,16 @@ struct Read {
 void append(const std::string& path, long long size, long long count, bool with_header);
 // Sums a file; numbers and sums beyond 64 bits and negative sums are damage.
 Read read(const std::string& path);
-// The last number of a scan date file: whether there is one, and it.
+// The last number of a scan date file. False if there is none.
 bool read_date(const std::string& path, long& date);
 
-// The one-line form of a scan cache, as scanf reads it. False, with nothing set, if it is not that.
+// The one-line form of a scan cache, as scanf reads it. False, with nothing set, for another form.
 bool read_cache(const std::string& path, long& mtime, unsigned long& size);
 struct ScanCache {
     long mtime = 0, size = 0;
 };
-// What a scan takes from a cache, line by line; `anywhere` in a line or only at its beginning.
+// The numbers that a scan takes from a cache, line by line: `anywhere` in a line, or only at its
+// beginning.
 ScanCache read_scan_cache(const std::string& path, bool anywhere);
 
 // The size in a message name, -1 if there is none.

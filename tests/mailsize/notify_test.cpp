@@ -161,8 +161,8 @@ TEST_F(Notify, ASlowDaemonLosesNothing) {
     EXPECT_EQ(sender.wait(), 0);
 }
 
-// A daemon that does not read: its queue is full at some point, and from then on each notification
-// takes its time and fails.
+// A daemon that does not read. When its queue is full, each notification waits for its full time
+// and fails.
 void fill_queue() {
     for (int i = 0; i < 100000; ++i) {
         bool full = false;
@@ -184,7 +184,7 @@ TEST_F(Notify, AStoppedDaemonDelaysAFewSeconds) {
     EXPECT_EQ(::testing::internal::GetCapturedStderr(), "");
 }
 
-// So often that one comes between the end of the time and the kernel's next tick.
+// So often that a signal comes between the end of the time and the kernel's next tick.
 TEST_F(Notify, SignalsDoNotPutTheEndOff) {
     const Daemon daemon;
     struct sigaction action {};

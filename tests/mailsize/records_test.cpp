@@ -129,14 +129,14 @@ TEST_F(Records, ACompactionKeepsItsOwnHeaderWhateverWasThere) {
 }
 
 TEST_F(Records, ACompactionSaturatesNumbersAndWrapsSums) {
-    // LLONG_MAX, as the number does not fit, and then the sum turns around.
+    // LLONG_MAX, as the number does not fit; then the sum wraps.
     files::write(kFolderFile, "99999999999999999999 1\n" + std::string(4096, '\n'));
     tsl_append_mail_folder_size(kFolderFile.c_str(), 1, 1);
     EXPECT_EQ(files::read(kFolderFile), "-9223372036854775808 2\n");
 }
 
 TEST_F(Records, AFileWithoutLineEndsIsCompactedInPieces) {
-    // 17 pieces of 254 bytes; only the one that begins with the record holds one.
+    // 17 pieces of 254 bytes; only one of them begins with a record.
     std::string text(17 * 254, 'x');
     text.replace(254, 4, "12 3");
     files::write(kFolderFile, text);
@@ -172,7 +172,7 @@ TEST_P(Reading, SumsAndJudges) {
     ::unlink(kMarker.c_str());
     EXPECT_EQ(read_mailbox(kMail), totals);
     EXPECT_EQ(files::exists(kMarker), totals.result == -1);
-    // What cannot be trusted is said, and left for whoever recounts.
+    // Damage is reported, and the files stay as they are for a recount.
     EXPECT_EQ(files::read(kFolderFile), text);
     EXPECT_EQ(files::read(kSizeFile), text);
 }
@@ -310,7 +310,7 @@ TEST_F(Records, MarkingByUser) {
     EXPECT_EQ(files::read(kMarker), "");
 }
 
-// The one answer of these functions to a lack of memory that is not an answer.
+// The only one of these functions that throws for a lack of memory.
 TEST_F(Records, MarkingByUserWaitsForNoFifo) {
     ASSERT_EQ(::mkfifo(kMarker.c_str(), 0600), 0);
     ::alarm(20);  // a caller that hangs is killed
@@ -349,7 +349,7 @@ TEST_F(Records, MarkingByUserLetsALackOfMemoryPass) {
     EXPECT_TRUE(files::exists(kMarker));
 }
 
-// A composed path is cut at 4095 bytes: what is left of a name after a long directory is used.
+// A composed path is cut at 4095 bytes, and the file of that name is used.
 TEST_F(Records, ComposedPathsAreCut) {
     std::string dir = kMail;
     while (dir.size() + 5 < 4080) dir += "/././";

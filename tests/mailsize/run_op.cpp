@@ -1,5 +1,5 @@
-// run_op OPERATION PATH [SIZE COUNT] - one operation in a process of its own. Prints
-// the result, the totals and how many more descriptors are open than before.
+// run_op OPERATION PATH [SIZE COUNT] - does one operation in a process of its own. Prints the
+// result, the totals, and the number of descriptors that were left open.
 #include <dirent.h>
 #include <tessaly/mailstore.h>
 

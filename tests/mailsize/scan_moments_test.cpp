@@ -1,5 +1,6 @@
-// What a scan makes of messages that move while it reads and renames. The directories and the moves
-// are real; this program only decides the moment, by standing in front of the library's calls.
+// Scans of messages that move while the scan reads and renames. The directories and the moves are
+// real; this program only chooses the moment, because its functions are called in the place of the
+// C library's.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
@@ -16,12 +17,12 @@ namespace files = testing_files;
 
 namespace {
 
-// Called before each read of a directory. pass: how many directories were read to their end
-// before; read: how many times this one was read.
+// Called before each read of a directory. pass: the number of directories that were read to their
+// end before. read: the number of reads of this one.
 std::function<void(int pass, int read)> before_read;
 int pass = 0, reads = 0;
 
-// Called before each rename, with the number of those before.
+// Called before each rename, with the number of renames before it.
 std::function<void(int renames)> before_rename;
 int renames = 0;
 
@@ -48,11 +49,11 @@ extern "C" int renameat2(int from_dir, const char* from, int to_dir, const char*
 
 namespace {
 
-constexpr int kMany = 1000;  // more than one read returns, with names like these
+constexpr int kMany = 1000;  // more names of this length than one read returns
 constexpr long long kLength = 10;
 
-// In a directory on a disk names come back in an order of their own, so that a new name may turn up
-// behind an old one; in memory they don't.
+// A directory on a disk lists names in an order of its own, so that a new name may come after an
+// old one. A directory in memory does not.
 class Moments : public testing::TestWithParam<const char*> {
   protected:
     std::string folder;
@@ -78,7 +79,7 @@ class Moments : public testing::TestWithParam<const char*> {
         ::unlink((folder + "/cur/x").c_str());
     }
 
-    // The sum while something happens before the given reads.
+    // The sum of a scan during which something happens before the given reads.
     template <class Scan>
     long long sum_with(Scan scan, std::function<void(int pass, int read)> action) {
         pass = reads = 0;
@@ -105,8 +106,8 @@ TEST_P(Moments, TaggedBetweenTwoReads) {
     EXPECT_EQ(sum, kMany * kLength);
 }
 
-// A change while the directory is read makes the scan read it again; whoever is tagged then must
-// not count under both names.
+// A change while the directory is read makes the scan read it again. A message that is tagged then
+// must not count under both names.
 class SecondPass : public Moments {
   protected:
     void tagged_between_two_reads(int flags) {
@@ -124,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(In, SecondPass, testing::Values("/var/spool", SCRATCH),
 TEST_P(SecondPass, TaggedBetweenTwoReadsByName) { tagged_between_two_reads(0); }
 TEST_P(SecondPass, TaggedBetweenTwoReadsByStat) { tagged_between_two_reads(2); }
 
-// On its way through tmp a message is met there after it was counted in cur.
+// A message on its way through tmp is found there after it was counted in cur.
 TEST_P(Moments, MovedToTmpInTheSecondPass) {
     constexpr int kDirectories = 3;
     const long long sum = sum_with(
@@ -139,15 +140,15 @@ TEST_P(Moments, MovedToTmpInTheSecondPass) {
     EXPECT_EQ(sum, kMany * kLength);
 }
 
-// Nothing is read twice where nothing changes.
+// A directory that does not change is read once.
 TEST_P(Moments, AQuietDirectoryIsReadOnce) {
     ::usleep(100'000);
     EXPECT_EQ(sum_of_cur(0, [](int, int) {}), kMany * kLength);
     EXPECT_EQ(pass, 1);
 }
 
-// Another process tags tmp, as a scan of the whole folder with that flag does, while a message
-// waits there for its new name.
+// Another process tags tmp, as a scan of the whole folder does, while a message is there on its way
+// to its new name.
 TEST_P(Moments, TaggedBySomebodyElseInTmp) {
     renames = 0;
     before_rename = [&](int before) {

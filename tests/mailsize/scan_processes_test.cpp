@@ -1,4 +1,4 @@
-// Scanning, tagging and unlinking while others work on the same folder.
+// Scanning, tagging and unlinking while other processes work on the same folder.
 #include <gtest/gtest.h>
 #include <tessaly/mailstore.h>
 #include <unistd.h>
@@ -23,18 +23,18 @@ constexpr int kTag = 4;
 constexpr long long kLength = 10;  // of every message
 
 // Renames disturb the reading of a directory in memory and of one on a disk in different ways, so
-// all is done on either.
+// every case is run on both.
 std::string new_folder(const char* kind) {
     std::string dir = kind == std::string("disk") ? SCRATCH "/XXXXXX" : "/var/spool/XXXXXX";
     if (::mkdtemp(dir.data()) == nullptr) throw std::runtime_error("mkdtemp");
     files::make_maildir(dir + "/Inbox");
     return dir + "/Inbox";
 }
-std::string folder;  // the one of the case at hand
+std::string folder;  // that of the present case
 
 long long scan(const char* sub, int flags) { return tsl_get_dir_size(folder.c_str(), sub, flags); }
 
-// A whole scan whatever the cache says.
+// A whole scan, whatever the cache says.
 long long scan_folder(int flags) {
     ::unlink((folder + "/.ts_cache").c_str());
     return tsl_get_mailbox_size_actual(folder.c_str(), nullptr, flags);
@@ -42,7 +42,7 @@ long long scan_folder(int flags) {
 
 void add_message(const std::string& path) { files::write(path, std::string(kLength, 'x')); }
 
-// A message's name as it was delivered, without what was put behind it.
+// The name with which a message was delivered, without additions.
 std::string base_name(const std::string& name) { return name.substr(0, name.find_first_of(",:")); }
 
 class Together : public testing::TestWithParam<const char*> {
@@ -61,7 +61,7 @@ TEST_P(Together, AMessageThatIsTaggedMeanwhileCountsOnce) {
         std::atomic<bool> begun, done;
     };
     int during = 0;
-    // On a busy machine a tagger may be done before a scan comes to its turn.
+    // On a busy machine a tagger may finish before a scan gets its turn.
     for (int round = 0; round < kRounds || (during <= kRounds && round < kMostRounds); ++round) {
         for (int i = 0; i < kMessages; ++i) add_message(folder + "/cur/" + std::to_string(i));
         const Shared<State> state;
@@ -90,7 +90,7 @@ TEST_P(Together, AMessageThatIsTaggedMeanwhileCountsOnce) {
     EXPECT_GT(during, kRounds);
 }
 
-// One tags the message that another has just put into tmp: neither loses it there.
+// One tags the message that the other has just put into tmp. Neither loses it.
 TEST_P(Together, TaggersDoNotLoseEachOthersMessages) {
     constexpr int kMessages = 500;
     for (int i = 0; i < kMessages; ++i) add_message(folder + "/cur/" + std::to_string(i));
@@ -104,13 +104,13 @@ TEST_P(Together, TaggersDoNotLoseEachOthersMessages) {
     EXPECT_EQ(scan("cur", 0), kMessages * kLength);
 }
 
-// What the workers of the last test did.
+// The work of the workers of the last test.
 struct Counters {
     std::atomic<int> begun, attempts, removed;
     std::atomic<bool> done;
 };
 
-// The name under which a message stands in a directory now, "" while it is on the move.
+// The present name of a message in a directory, "" while it is being moved.
 std::string find_message(const std::string& dir, const std::string& base) {
     for (const auto& name : files::list(dir)) {
         if (base_name(name) == base) return name;
@@ -118,8 +118,8 @@ std::string find_message(const std::string& dir, const std::string& base) {
     return {};
 }
 
-// Delivers messages without a size field, lets a reader move them to cur, deletes every third once
-// it has its field.
+// Delivers messages without a size field, moves them to cur as a reader does, and deletes every
+// third when it has its field.
 class Worker {
   public:
     Worker(int number, const Shared<Counters>& counters)
@@ -172,12 +172,12 @@ class Worker {
     testing_garbage::Random random_;
 };
 
-// Scans and tags until the workers are done; 1 if a scan found more than was there meanwhile.
+// Scans and tags until the workers are done. 1 if a scan found more than existed.
 int scan_on(const Shared<Counters>& counters) {
     int scans = 0;
     for (; !counters->done; ++scans) {
         const int gone = counters->removed;
-        // cur first: what moves there meanwhile is missed instead of met twice.
+        // cur first: a message that moves there meanwhile is missed, not found twice.
         long long sum = scan("cur", scans % 2 == 0 ? kTag : 0);
         sum += scan("new", kTag);
         if (sum > (counters->begun - gone) * kLength) return 1;
@@ -198,7 +198,7 @@ TEST_P(Together, DeliveringMovingTaggingAndDeleting) {
     scan("cur", kTag);
     scan("new", kTag);
 
-    // Every message once, where it belongs, under a name with its size.
+    // Every message exists once, in its place, under a name with its size.
     std::map<std::string, int> found;
     for (const char* sub : {"/cur/", "/new/"}) {
         for (const auto& name : files::list(folder + sub)) {
@@ -217,7 +217,7 @@ TEST_P(Together, DeliveringMovingTaggingAndDeleting) {
     EXPECT_EQ(found, expected);
     EXPECT_EQ(files::list(folder + "/tmp"), std::vector<std::string>{});
 
-    // And each deletion off the total.
+    // And the total has every deletion.
     const int deleted = kWorkers * kPerWorker / 3;
     EXPECT_EQ(counters->attempts, deleted);
     tsl_append_mail_folder_size((folder + "/.ts_folder_size").c_str(), 1000 + deleted * kLength,

@@ -92,7 +92,7 @@ TEST_F(Scan, CountsLinksOfOneFileEach) {
     EXPECT_EQ(tsl_get_mailbox_size_actual(folder.c_str(), nullptr, 0), 50);
 }
 
-// A directory under two names counts twice, now and when it has come to rest.
+// A directory under two names counts twice, just after a change and later.
 TEST_F(Scan, CountsALinkedDirectoryTwice) {
     message("cur/a", 10);
     message("cur/b,#F#S#200#E", 1);
@@ -105,7 +105,7 @@ TEST_F(Scan, CountsALinkedDirectoryTwice) {
     for (const int moment : {1, 2}) {
         EXPECT_EQ(size(0), 2 * 210) << moment;
         EXPECT_EQ(size(kStatOnly), 2 * 11) << moment;
-        ::usleep(100'000);  // longer than times lag behind
+        ::usleep(100'000);  // longer than the delay of a file system's times
     }
     EXPECT_EQ(size(4), 2 * 210);
     EXPECT_EQ(files::list(folder + "/cur"),
@@ -132,7 +132,7 @@ TEST_F(Scan, OfRandomDirectoriesIsTheLiteralOne) {
     static const char* const kFields[] = {"", ",#F#S#5#E", ",#F#S#12", ",#F#E", ",U5", ":2,S"};
     for (int round = 0; round < 20; ++round) {
         const std::string path = folder + "/" + std::to_string(round);
-        // Enough entries for several reads of the directory, now and then.
+        // Sometimes enough entries for several reads of the directory.
         for (auto n = random() % (round % 10 == 0 ? 2000 : 60); n > 0; --n) {
             std::string name = std::to_string(random());
             for (int i = 0; i < 3; ++i) {
@@ -204,7 +204,7 @@ TEST_F(Scan, SizeOfAPlainFile) {
     EXPECT_EQ(tsl_get_mailbox_size_actual(deep.c_str(), nullptr, 0), 0);
 }
 
-// A caller's record of a folder whose files have no path any more.
+// A caller's record of a folder whose files have too long a path.
 TEST_F(Scan, NothingIsReadForAPathThatIsTooLong) {
     const std::string deep = folder + std::string(PATH_MAX - 1 - folder.size(), '/');
     files::write(cache, "mtime=1\nsize=500\n");
@@ -217,7 +217,7 @@ TEST_F(Scan, NothingIsReadForAPathThatIsTooLong) {
 
 class Actual : public Scan {
   protected:
-    // A folder that says 500 in its cache and holds 60.
+    // A folder whose cache says 500 and whose messages have 60 bytes.
     Actual() {
         message("cur/a", 10);
         message("new/b,#F#S#20#E", 1);
@@ -316,7 +316,7 @@ TEST_F(Actual, ACacheThatCannotBeWrittenIsNoFailure) {
     EXPECT_EQ(actual(), 60);
 }
 
-// The disk takes "mtime=4242424242\nsiz" or a digit more of the text than that, never all.
+// The disk takes "mtime=4242424242\nsiz" or some digits more, but never the whole text.
 TEST_F(Actual, ACacheIsNotCutWithinItsNumbers) {
     const std::string text = "mtime=4242424242\nsize=60\n";
     for (std::size_t room = 1; room < text.size(); ++room) {

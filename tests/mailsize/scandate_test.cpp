@@ -41,7 +41,7 @@ TEST_F(ScanDate, CannotBeOpened) {
     EXPECT_EQ(date, 77);
 }
 
-// The beginning of a date would be another one.
+// The beginning of a date would be another date.
 TEST_F(ScanDate, IsNotCutWithinItsNumber) {
     for (std::size_t room = 1; room < std::string("1700000000\n").size(); ++room) {
         files::write(path, "5\n");

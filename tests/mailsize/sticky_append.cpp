@@ -1,13 +1,13 @@
-// A network's file system in one respect: a descriptor that was opened to append goes on appending,
-// whatever is said to fcntl. For preloading, or linked into a program. (On Linux a pwrite through a
-// descriptor that appends goes to the end, whatever its offset.)
+// A file system that resembles one over a network in one respect: a descriptor that was opened to
+// append always appends, whatever fcntl sets. It is preloaded, or linked into a program. (On Linux
+// a pwrite through an appending descriptor writes at the end, whatever its offset.)
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cstdarg>
 
-// Under either name, whichever the headers call the function by.
+// The function under both names that headers use.
 extern "C" {
 [[gnu::visibility("default")]] int sticky_fcntl(int fd, int command, ...) __asm__("fcntl");
 [[gnu::visibility("default")]] int sticky_fcntl64(int fd, int command, ...) __asm__("fcntl64");

@@ -1,5 +1,5 @@
-// Size files where a descriptor that was opened to append cannot be taken out of append mode. The
-// program's own fcntl (sticky_append.cpp) sees to that.
+// Size files on a file system where a descriptor that was opened to append stays in append mode.
+// The program's own fcntl (sticky_append.cpp) imitates it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <tessaly/mailstore.h>
@@ -51,7 +51,7 @@ TEST(StickyAppend, ACompactionWritesFromTheBeginning) {
     EXPECT_EQ(files::read(kFile), "0S, 0C\n8207 822\n");
 }
 
-// Thousands of records with a compaction now and then: the sum is that of all.
+// Thousands of records with some compactions: the sum is that of all records.
 TEST(StickyAppend, SumsStayRightOverManyCompactions) {
     files::write(kFile, "");
     long long size = 0, count = 0;
@@ -78,15 +78,15 @@ bool waits(pid_t pid) {
     return false;
 }
 
-// What stands at the path by now is another's file, whose lock nobody has: it stays as it is, and
-// the record goes where it was meant to.
+// Another file has taken the path, and its lock is not held. It stays as it is, and the record goes
+// into the file that was locked.
 TEST(StickyAppend, AFileInTheLockedOnesPlaceIsNotMistakenForIt) {
     const std::string other = lines(900), moved = kFile + ".moved";
     files::write(kFile, lines(820));
     std::FILE* const held = ::open_and_lock_file(kFile.c_str(), "r");
     ASSERT_NE(held, nullptr);
     Child writer([held] {
-        ::close(::fileno(held));  // or the lock would be the child's, too
+        ::close(::fileno(held));  // otherwise the child would have the lock, too
         return tsl_append_maildirsize(kFile.c_str(), 7, 2);
     });
     while (!waits(writer.pid())) std::this_thread::sleep_for(std::chrono::milliseconds(1));

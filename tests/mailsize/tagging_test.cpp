@@ -154,7 +154,7 @@ TEST_F(Tagging, WithoutTmpItGoesDirectly) {
     EXPECT_EQ(list("cur"), Names{"a,#F#S#10#E"});
 }
 
-// What appears in and leaves tmp, in order.
+// The names that appear in tmp and leave it, in order.
 Names moves_through(const std::string& tmp, const std::function<void()>& action) {
     const int watch = ::inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
     ::inotify_add_watch(watch, tmp.c_str(), IN_MOVE | IN_CREATE | IN_DELETE);

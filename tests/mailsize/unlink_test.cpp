@@ -13,8 +13,8 @@ namespace {
 
 struct Row {
     const char* path;    // below the mailbox
-    int length;          // of the file, -1: there is none
-    const char* record;  // in Inbox/.ts_folder_size, nullptr: no such file
+    int length;          // of the file; -1 if it does not exist
+    const char* record;  // in Inbox/.ts_folder_size; nullptr if that does not exist
 };
 
 TEST(Unlink, RecordsWhatWasCounted) {

@@ -1,5 +1,5 @@
-// What is free for archives, with a configuration table of this program's own: the library asks the
-// executable before any library. The spool is a file system of 100 GiB, a share of 20.
+// The free archive quota, with a configuration table of this program: the library calls the
+// executable's functions first. The spool is a file system of 100 GiB, so the share is 20.
 #include <gtest/gtest.h>
 #include <tessaly/mailstore.h>
 #include <tessaly/support.h>
@@ -19,18 +19,18 @@ struct Account {
     std::uint16_t quota;
 };
 
-// The table, how far the walk is and what was called, each handle with its number.
+// The table, the place of the walk, and the calls, with the number of each handle.
 struct Table {
     std::string rows;
     std::size_t next = 0;
-    std::size_t repeat = 1;  // how often the last row comes
+    std::size_t repeat = 1;  // how often the last row is repeated
     int handles = 0;
     bool log = true;
     std::string calls;
 };
 Table table;
 
-// One byte in front, so that no row is aligned for anything.
+// One byte in front, so that the rows are not aligned.
 constexpr std::size_t kFirstRow = 1;
 constexpr std::size_t kRowSize = 642;
 
@@ -65,7 +65,7 @@ int available(const char* exclude) {
 
 }  // namespace
 
-// A new handle each time, so that a walk shows which one it uses.
+// A new handle for each call, so that the test sees which one a walk uses.
 extern "C" void* nCfg_query(int number) {
     if (number != 670) ADD_FAILURE() << "table " << number;
     void* handle = reinterpret_cast<void*>(static_cast<std::uintptr_t>(++table.handles));

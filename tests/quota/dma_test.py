@@ -49,7 +49,7 @@ class Mail:
 
 class DmaTest(unittest.TestCase):
     def setUp(self):
-        # The program serves the user who runs it; as root it steps down to another one.
+        # The program works for the user who runs it. If that is root, it becomes another user.
         self.user = pwd.getpwuid(os.getuid()).pw_name
         self.mailbox = pathlib.Path("/var/mail", self.user)
         self.mailbox.write_bytes(b"")
@@ -63,7 +63,7 @@ class DmaTest(unittest.TestCase):
         return int(sent.stdout)
 
     def delivered(self):
-        """Delivery goes on in the background; it is done when the queue is empty."""
+        """Delivery goes on in the background, and is done when the queue is empty."""
         end = time.monotonic() + 20
         while self.mailbox.stat().st_size == 0 or list(SPOOL.glob("[MQ]*")):
             self.assertLess(time.monotonic(), end, f"not delivered: {list(SPOOL.iterdir())}")

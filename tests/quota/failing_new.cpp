@@ -19,7 +19,7 @@ void* operator new(std::size_t size) {
     if (memory == nullptr) throw std::bad_alloc();
     return memory;
 }
-// A sanitizer's own would not go through the one above.
+// A sanitizer's own operator would not call the one above.
 void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     try {
         return operator new(size);

@@ -1,10 +1,10 @@
-// A lack of memory on demand: the program's own operator new, which the library calls too.
+// A lack of memory on demand: the program's own operator new, which the library also calls.
 #ifndef TSMAIL_TESTS_QUOTA_FAILING_NEW_H
 #define TSMAIL_TESTS_QUOTA_FAILING_NEW_H
 
 namespace quota_test {
 
-// While it lives, the n-th allocation (from 0) of this thread and all after it fail.
+// While it exists, the n-th allocation (from 0) of this thread and all later ones fail.
 class FailingNew {
   public:
     explicit FailingNew(int n);

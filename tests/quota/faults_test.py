@@ -24,7 +24,7 @@ CALLS = {
 
 
 def start(*args, inject=None, path=None):
-    """Starts the driver; inject is (call, what happens to it), for calls on this path only."""
+    """Starts the driver. inject is (call, fault), for calls on this path only."""
     command = [str(DRIVER), *args]
     log = f"/tmp/strace.{os.getpid()}.{len(os.listdir('/tmp'))}"
     if inject:
@@ -109,7 +109,7 @@ class FlagFaultsTest(unittest.TestCase):
 
     def overlap(self, slow, quick, delay):
         """Sets `quick` while the setter of `slow` has emptied the file and waits before its write.
-        False if that one did not wait long enough."""
+        False if the slow one did not wait long enough."""
         WARNING.write_text("999999")
         waiting = start("set-warning", USER, slow,
                         inject=("pwrite64", f"delay_enter={delay}:when=1"), path=WARNING)
@@ -186,7 +186,7 @@ class NoticeFaultsTest(unittest.TestCase):
                 self.assertFalse(self.SENT.exists())
 
     def test_an_interrupted_write_or_wait_is_made_again(self):
-        # The standard output of the driver is written after the message.
+        # The driver writes its standard output after the message.
         for call in ("write", "wait4"):
             with self.subTest(call):
                 self.assertEqual(self.send((call, "error=EINTR:when=1")), 0)
@@ -223,7 +223,7 @@ class ArchiveFaultsTest(unittest.TestCase):
                              path=self.SPOOL), undisturbed)
 
     def available_on(self, blocks, transfer, block):
-        """On a file system of so many blocks, as the system call tells it."""
+        """The result on a file system of so many blocks, according to the system call."""
         kind, unused = 0x65735546, 0
         fields = struct.pack("=10q", kind, transfer, blocks, *[unused] * 6, block)
         return run(self, "available", "-", path=self.SPOOL,

@@ -65,8 +65,9 @@ INSTANTIATE_TEST_SUITE_P(Flags, Number,
                                                     tsl_set_quota_warning, kWarning, kExceeded}),
                          [](const auto& test) { return std::string(test.param.name); });
 
-// Calls with the first allocation failing, then with the second ..., until none fails. Each failure
-// must come out as std::bad_alloc; `after` looks at what is left then. Returns how many failed.
+// Makes the call with its first allocation failing, then with the second, and so on until none
+// fails. Each failure must throw std::bad_alloc; `after` looks at what is left. Returns the number
+// of failures.
 int fail_each_allocation(const std::function<void()>& call, const std::function<void()>& after) {
     for (int n = 0;; ++n) {
         bool threw = false;
@@ -81,7 +82,7 @@ int fail_each_allocation(const std::function<void()>& call, const std::function<
     }
 }
 
-// What a program would write that has never heard of this library.
+// A file as a program that does not use this library would write it.
 int literal_read(const std::string& path) {
     std::ifstream in;
     in.imbue(std::locale::classic());

@@ -1,4 +1,4 @@
-// Where the test user's quota files lie, written out on purpose instead of asked for.
+// The paths of the test user's quota files. They are written out on purpose and not asked for.
 #ifndef TSMAIL_TESTS_QUOTA_HOMES_H
 #define TSMAIL_TESTS_QUOTA_HOMES_H
 

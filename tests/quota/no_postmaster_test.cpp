@@ -1,4 +1,4 @@
-// With a support library that knows no postmaster (the stand-in of this folder).
+// With a support library that does not have the postmaster's function (built in this folder).
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessaly/mailstore.h>

@@ -1,4 +1,4 @@
-// The notice mail: what reaches the submission program, and what the caller keeps.
+// The notice mail: what reaches the submission program, and what stays as it was in the caller.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -29,19 +29,19 @@ namespace {
 const char* configured_postmaster = nullptr;
 }
 
-// The configuration of this program: the library asks the executable before any library.
+// The configuration of this program: the library calls the executable's function first.
 extern "C" const char* cfg_get_postmaster(void) { return configured_postmaster; }
 
 namespace {
 
 constexpr char kExitsUnread[] = "exec <&-\nexit 75\n";
-// More than a pipe holds, so that a writer meets the reader's end.
+// More than a pipe holds, so that the writer notices that the reader has ended.
 const std::string kLargeBody(1 << 20, 'x');
 
 int send_large() { return tsl_send_quota_msg("a@b", "c@d", "s", kLargeBody.c_str()); }
 
-// What a program of its own would do with popen. Without a buffer: one that could not be written,
-// as the program was done already, would be the close's answer in place of the program's status.
+// A plain caller of popen. It has no buffer: if the submission program had ended, the close would
+// report the unwritten buffer and not the program's status.
 int literal_send(const std::string& text) {
     std::FILE* program = ::popen("/bin/sendmail -Am -bm -t", "w");
     std::setvbuf(program, nullptr, _IONBF, 0);
@@ -49,7 +49,7 @@ int literal_send(const std::string& text) {
     return ::pclose(program);
 }
 
-// All that a caller has set up about signals.
+// Everything that a caller has set up for signals.
 struct Signals {
     std::vector<struct sigaction> actions;
     std::vector<bool> blocked;
@@ -152,10 +152,11 @@ TEST_F(Notice, AnswersWithTheProgramsStatus) {
     for (const auto& [does, status] : rows) {
         write(kRecorderDoes, does);
         const int answer = tsl_send_quota_msg("a", "b", "s", "t");
-        ::signal(SIGPIPE, SIG_IGN);  // the plain one dies of a program that is done already
+        ::signal(SIGPIPE,
+                 SIG_IGN);  // the signal of a program that has ended kills the plain caller
         EXPECT_EQ(answer, literal_send("t")) << does;
         ::signal(SIGPIPE, SIG_DFL);
-        // A shell that stays in between reports a signal as an exit code.
+        // A shell that stays between them reports a signal as an exit code.
         if (status != SIGKILL || WIFSIGNALED(answer)) {
             EXPECT_EQ(answer, status) << does;
         }

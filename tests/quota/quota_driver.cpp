@@ -1,4 +1,4 @@
-// One call of the library from the command line, for tests that watch it from outside. "-" stands
+// Makes one call of the library, for tests that watch the process. "-" stands
 // for NULL; the result goes to standard output.
 #include <tessaly/MailUserId.h>
 

@@ -1,4 +1,4 @@
-// What the recorder kept of the mails handed to it.
+// The mails that the recorder has kept.
 #ifndef TSMAIL_TESTS_QUOTA_RECORDED_H
 #define TSMAIL_TESTS_QUOTA_RECORDED_H
 

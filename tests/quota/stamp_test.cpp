@@ -1,5 +1,5 @@
-// The stamp that keeps notices a day apart. The cases also run on a disk, where a file's time may
-// follow other rules than in memory; what an earlier run left there is removed first.
+// The stamp that keeps notices a day apart. The cases also run on a disk, where the times of files
+// may follow other rules than in memory. Files that an earlier run left there are removed first.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -31,7 +31,8 @@ class Stamp : public testing::Test {
         make_dirs(home);
     }
 
-    // The answer at a stamp of this age. The clock may tick on between the two: then again.
+    // The answer for a stamp of this age. If the clock ticks between the two calls, they are made
+    // again.
     bool due_at_age(time_t age) {
         for (;;) {
             const time_t now = std::time(nullptr);
@@ -43,7 +44,7 @@ class Stamp : public testing::Test {
     }
     bool is_fresh() const { return std::time(nullptr) - status(stamp).st_mtime <= kSlack; }
 
-    // A user for each case: on a disk they share the spool.
+    // Each case has its own user, because the cases on a disk share the spool.
     const std::string name = testing::UnitTest::GetInstance()->current_test_info()->name();
     const TSMailUserId id{name + "@site.test"};
     const std::string home = id.homepath();

@@ -78,7 +78,7 @@ TEST(Convertors, NumbersFromText) {
     }
 }
 
-// As many low bytes as the field has, eight at the most, and not one more.
+// As many low bytes as the field has, at most eight, and no byte beyond the field.
 TEST(Convertors, IntegersOfEveryWidth) {
     const long long number = -2;
     for (unsigned size = 0; size <= 16; ++size) {
@@ -142,7 +142,7 @@ TEST(Convertors, TextsFromText) {
         {256, std::string(255, 'x') + "\n", std::string(255, 'x')},
         {256, std::string(256, 'x') + "\n", std::string(255, 'x')},
         {256, std::string(300, 'x') + "\n", std::string(255, 'x')},
-        // Cut first, then trimmed: what stood behind the blanks is gone.
+        // The text is cut first and then trimmed: the text behind the blanks is lost.
         {256, std::string(250, 'x') + "      y\n", std::string(250, 'x')},
         {1276, std::string(1274, 'x') + "\n", std::string(1274, 'x')},
         {1276, std::string(1276, 'x') + "\n", std::string(1275, 'x')},
@@ -225,7 +225,7 @@ TEST(Convertors, LinesAreCutAsSnprintfCuts) {
     }
 }
 
-// The fields of a record are aligned; a caller's need not be.
+// The fields of a record are aligned. A caller's fields need not be.
 TEST(Convertors, FieldsNeedNoAlignment) {
     alignas(8) char bytes[16] = {};
     for (int at = 0; at < 8; ++at) {

@@ -1,4 +1,4 @@
-// The document about the file and the header say what the tables say, key by key.
+// The document about the file, and the header, agree with the tables for every key.
 #include <map>
 #include <sstream>
 #include <vector>
@@ -21,7 +21,7 @@ std::string between(const std::string& text, const std::string& from, const std:
     return text.substr(begin + from.size(), end - begin - from.size());
 }
 
-// The table's line of a row, as the document has it.
+// The document's line for a row of the table.
 std::string table_line(const pref_property& row) {
     static const char* const types[] = {"int", "flag", "text", "uint16"};
     std::string value = prefs::value_of(prefs::defaults(), row);
@@ -50,7 +50,7 @@ struct Field {
     std::string type, name, size, by_default;
 };
 
-// What stands in a text behind a mark, up to one of the ends; nothing without the mark.
+// The text behind a mark, up to one of the ends. Empty without the mark.
 std::string behind(const std::string& text, const std::string& mark, const char* ends) {
     const std::size_t begin = text.find(mark);
     if (begin == std::string::npos) return "";
@@ -78,7 +78,7 @@ std::vector<Field> fields_of_the_header() {
     return fields;
 }
 
-// The header's comments say what the library sets, field by field.
+// The header's comments name the defaults that the library sets, field by field.
 TEST(Document, TheHeaderNamesTheDefaults) {
     const std::map<std::string, unsigned> sizes = {
         {"int32_t", 4}, {"uint16_t", 2}, {"uint8_t", 1}, {"char", 1}};

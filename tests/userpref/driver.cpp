@@ -1,5 +1,5 @@
-// userpref_driver - one call of a preference function, for tests that watch or disturb it from
-// outside. Prints the answer and, after reading, what the record says.
+// userpref_driver - makes one call of a preference function, for tests that watch or disturb the
+// process. Prints the result and, after reading, the record.
 #include <tessaly/userpref.h>
 
 #include <cstdio>

@@ -113,7 +113,7 @@ class StoreFaultsTest(unittest.TestCase):
                 self.assertEqual(FILE.read_text(), self.text)
 
     def test_a_short_write_goes_on(self):
-        # The injector claims a count and writes nothing: what follows must be the rest.
+        # The injector claims a count and writes nothing. The next write must be the rest.
         self.assertEqual(run("store", USER, "3", inject=("write", "retval=100:when=1")), "0")
         self.assertEqual(FILE.read_text(), self.text[100:])
 

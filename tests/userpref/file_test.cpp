@@ -93,7 +93,7 @@ TEST(Store, NullIsAFailure) {
     EXPECT_TRUE(fs::list("/var/spool").empty());
 }
 
-// No user is an error to two functions alone; to the others it is a user without a name.
+// An empty user is an error for two functions. For the others it is a user without a name.
 TEST(Store, AnEmptyUserHasAFile) {
     user_pref p = defaults();
     p.theme = 7;
@@ -328,7 +328,7 @@ TEST(Read, EveryKindOfContent) {
     }
 }
 
-// Around the size up to which a file is read in one piece without memory of its own.
+// Around the largest size of a file that is read without an allocation.
 TEST(Read, FilesOfEveryLength) {
     for (std::size_t length = 2600; length <= 4200;
          length += length > 2850 && length < 2900 ? 1 : 50) {
@@ -370,7 +370,7 @@ TEST(Read, LeavesWhatTheFileDoesNotMention) {
     user_pref p = prefs::filled_with(0x11);
     user_pref wanted = p;
     wanted.theme = 3;
-    wanted.npage = 100;  // it was greater, and is looked at whatever the file says
+    wanted.npage = 100;  // it was greater, and is limited even if the file does not mention it
     EXPECT_EQ(read_user_pref(&p, kUser), 0);
     EXPECT_EQ(std::memcmp(&p, &wanted, sizeof p), 0);
 }
@@ -384,7 +384,7 @@ TEST(Read, AllRefusesBadArguments) {
     EXPECT_EQ(std::memcmp(&p, &before, sizeof p), 0);
 }
 
-// Users have a file each; the tag has none of its own.
+// Each user has a file. The tag plays no part.
 TEST(Read, FindsTheUsersFile) {
     user_pref p = defaults();
     p.theme = 1;
@@ -561,7 +561,7 @@ TEST(Descriptors, NoneIsLeftOpen) {
     EXPECT_EQ(fs::open_descriptors(), before);
 }
 
-// Without standard streams the file gets one of their numbers, which must do no harm.
+// Without standard streams the file gets one of their descriptors, which must do no harm.
 TEST(Descriptors, LowOnesMayBeClosed) {
     EXPECT_EQ(testing_processes::Child([] {
                   for (int fd = 0; fd < 3; ++fd) ::close(fd);

@@ -41,7 +41,7 @@ TEST(FullDisk, AStoreThatDoesNotFitFails) {
     EXPECT_EQ(fs::read(prefs::kFile), literal::text_of(p));
 }
 
-// At every limit the file holds exactly what fits of the new text, and the answer says so.
+// At every limit the file holds exactly the part of the new text that fits, and the call fails.
 TEST(FileSizeLimit, ABeginningOfTheStoreStays) {
     user_pref p = prefs::defaults();
     std::strcpy(p.uname, "Ann Lee");

@@ -1,4 +1,4 @@
-// What the tests of the preferences share.
+// Helpers of the preference tests.
 #ifndef TSMAIL_TESTS_USERPREF_HELPERS_H
 #define TSMAIL_TESTS_USERPREF_HELPERS_H
 

@@ -3,7 +3,7 @@
 
 namespace {
 
-// Applies a line that lies in memory of exactly its size, so that a look beyond its end shows.
+// Applies a line in memory of exactly its size, so that a read beyond its end is detected.
 int parse(user_pref& p, const std::string& line) {
     const std::vector<char> exact(line.c_str(), line.c_str() + line.size() + 1);
     std::vector<char> given = exact;
@@ -60,7 +60,7 @@ TEST(Line, EveryKeyInEveryForm) {
             EXPECT_EQ(parse(p, line.text), line.answer);
             std::string wanted = prefs::value_of(before, *row);
             if (line.applied) wanted = row->type == PREF_TYPE_BOOL ? "1" : "77";
-            // Lines end at NUL only; a text keeps what stands behind a line feed in its middle.
+            // A line ends only at its NUL. A text keeps what follows a line feed in its middle.
             if (line.applied && row->type == PREF_TYPE_STRING && line.text.ends_with("next=1\n")) {
                 wanted = "77\nnext=1";
             }

@@ -1,4 +1,4 @@
-// A lack of memory at every point gets the failure answer, and nothing is left open or half done.
+// A lack of memory at any point gives the failure answer. Nothing is left open or half done.
 #include "helpers.h"
 #include "quota/failing_new.h"
 #include "testing/files.h"
@@ -8,8 +8,8 @@ using quota_test::FailingNew;
 
 namespace {
 
-// Calls with the n-th allocation failing, for every n until none fails any more; `failed` says what
-// must hold after a call in which one did. Returns how many failed.
+// Makes the call with the n-th allocation failing, for every n until none fails. `failed` checks
+// what must hold after a failure. Returns the number of failures.
 template <class Call, class Failed>
 int with_every_failure(Call call, Failed failed) {
     for (int n = 0;; ++n) {
@@ -42,7 +42,7 @@ TEST(Memory, StoreFailsAndLeavesTheFile) {
 }
 
 TEST(Memory, ReadFailsAndLeavesTheRecord) {
-    // A small file, and one that needs memory of its own.
+    // A small file, and one that needs an allocation.
     for (const std::size_t comment : {1u, 200000u}) {
         fs::write(prefs::kFile, "theme=3\n#" + std::string(comment, 'x') + "\nlang=de\n");
         user_pref p = prefs::defaults();

@@ -1,4 +1,4 @@
-// Random files and records against the plainest way of doing it.
+// Random files and records, compared with the plainest version.
 #include <random>
 
 #include "helpers.h"
@@ -146,8 +146,8 @@ TEST(RandomRecords, ComeBackButForTheKnownChanges) {
     }
 }
 
-// The same with texts that do not fit the writer's line or hold line feeds: the text is that of the
-// plain writer, and reading it is reading any file.
+// The same with texts that do not fit the writer's line or hold line feeds. The file is that of the
+// plain writer, and it is read like any other file.
 TEST(RandomRecords, AreWrittenAsByThePlainWriter) {
     const unsigned seed = 714;
     SCOPED_TRACE(seed);

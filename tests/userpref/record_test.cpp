@@ -70,7 +70,7 @@ TEST(Record, RowsAreTheDocumentedOnes) {
     EXPECT_EQ(last.type + last.offset + last.size, 0u);
 }
 
-// The fields cover the record but for what alignment leaves, and none lies on another.
+// The fields cover the record, except for the gaps of alignment, and do not overlap.
 TEST(Record, FieldsFillTheRecord) {
     std::string covered(sizeof(user_pref), '.');
     for (const Row& row : kRows) {
@@ -106,7 +106,7 @@ TEST(Record, DefaultsOverGarbage) {
     }
 }
 
-// Every byte that no default sets is zero, padding and the rest of texts included.
+// Every byte that a default does not set is zero, also in padding and behind the ends of texts.
 TEST(Record, DefaultsLeaveNoGarbage) {
     user_pref p = prefs::filled_with(0xa5);
     get_default_user_pref(&p);

@@ -1,6 +1,6 @@
-/* record_walk - a C program that does with the preferences what its own table walk can do: shows
- * that the header serves C99 and that the tables describe the record. Exits 0 if all is as it
- * should be, otherwise with the line of the first thing that is not. */
+/* record_walk - a C program that walks over the preferences by the tables alone. It shows that the
+ * header serves C99 and that the tables describe the record. Exits with 0, or with the line of the
+ * first check that failed. */
 #include <string.h>
 #include <tessaly/userpref.h>
 

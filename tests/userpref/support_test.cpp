@@ -15,7 +15,7 @@ namespace {
 Calls calls;
 int timezone_number = 42;
 
-// A preference file that is no file: its stream has no descriptor. Used while `memory` is set.
+// A preference file in memory: its stream has no descriptor. Used while `memory` is set.
 std::string* memory = nullptr;
 bool memory_is_full = false;
 
@@ -42,7 +42,7 @@ FILE* open_memory(const char* mode) {
     return ::fopencookie(new Cookie, mode, {read_memory, write_memory, nullptr, close_memory});
 }
 
-// What close_and_unlock_file answers when it has done its work.
+// The result of close_and_unlock_file after its work; 0: the real one.
 int answer_of_close = 0;
 
 template <class Function>
@@ -112,7 +112,7 @@ TEST(Support, WhatCannotBeReadIsClosed) {
     EXPECT_EQ(taken(), kRead);
 }
 
-// A support library may answer anything: no meaning is known.
+// A support library may answer anything: the meaning of the answer is not known.
 TEST(Support, TheAnswerOfTheCloseIsNotLookedAt) {
     user_pref p = prefs::defaults();
     for (const int answer : {1, -1}) {
