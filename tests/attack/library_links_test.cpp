@@ -1,5 +1,5 @@
-// What the library creates, empties or appends to is not reached through a link that a third person
-// made; through one that root or the caller made it is.
+// The library does not create, empty or append to a file through a link that a third person made.
+// It does so through a link that root or the caller made.
 #include <tessaly/MailUserId.h>
 #include <tessaly/maillist.h>
 #include <tessaly/support.h>
@@ -18,7 +18,7 @@ const std::string kTarget = "/var/spool/elsewhere/target";
 
 struct Writer {
     const char* name;
-    std::string path;  // the store's file that it writes
+    std::string path;  // the file of the store that it writes
     std::function<void()> write;
     friend void PrintTo(const Writer& row, std::ostream* out) { *out << row.name; }
 };

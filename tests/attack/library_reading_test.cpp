@@ -1,5 +1,5 @@
-// What is no regular file, or a monstrous one, counts as one that cannot be read: nothing waits,
-// loops or takes memory without bound.
+// A file that is not a regular one, or a huge one, counts as a file that cannot be read. The
+// library does not wait, loop or take memory without bound.
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,4 +1,4 @@
-// A mailbox with a folder, and whose it is.
+// A mailbox with a folder, and its owner.
 #ifndef TSMAIL_TESTS_ATTACK_MAILBOX_H
 #define TSMAIL_TESTS_ATTACK_MAILBOX_H
 
@@ -28,7 +28,7 @@ inline void give(const std::string& path, uid_t user) {
     ASSERT_EQ(::lchown(path.c_str(), user, user), 0) << path;
 }
 
-// Everybody may write into the directories: who may follow a link is all that is asked.
+// Everybody may write into the directories, so that only the rule for links decides.
 inline void make_mailbox() {
     tsm_delete_path(kHome.c_str());
     tsm_delete_path("/var/spool/elsewhere");

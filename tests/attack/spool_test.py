@@ -46,13 +46,13 @@ class AttackCase(SpoolCase):
         os.chmod(ROOTS_DIRECTORY, 0o700)
 
     def outside(self, attacker=ANN):
-        """All that is not below the attacker's home, but for what the verbs may write in the others'."""
+        """Everything outside the attacker's home, except for the files of others that the verbs may write."""
         seen = {path: what for path, what in snapshot("/var/spool").items()
                 if not path.startswith(home(attacker) + "/") and path != home(attacker)}
         return {path: what for path, what in seen.items() if not path.startswith(HOME)}
 
     def serve(self, words, left_out=1, codes=(1, 66, 73, 74, 75), **options):
-        """The verb serves the others; it says that it left the attacker's mailbox out."""
+        """The verb serves the other mailboxes and reports that it left the attacker's out."""
         before = self.outside()
         done = tsmail(*words, **options)
         self.assertEqual(self.outside(), before, done)
@@ -95,7 +95,7 @@ class ClosedTest(AttackCase):
             with self.subTest(words=words):
                 self.setUp()
                 attack()
-                # (A repair gives the owner his rights back.)
+                # (A repair gives the owner the rights back.)
                 self.serve(words, left_out="--repair" not in words, codes=ANY)
 
     def test_a_home_that_may_only_be_passed(self):
@@ -203,7 +203,7 @@ class StallTest(AttackCase):
 
 
 class RootsOwnTest(AttackCase):
-    """Root's own mailbox: root works in it as root, as long as nobody else can change anything."""
+    """Root's own mailbox: root works in it as root, as long as only root can change anything."""
 
     def setUp(self):
         super().setUp()

@@ -27,15 +27,15 @@ namespace {
 
 constexpr int kProcesses = 8;
 
-// Entries make lines of 32 bytes, so that none crosses a page of the file: a kill that comes while
-// the kernel goes from one page to the next cuts the write there.
+// Entries make lines of 32 bytes, so that a line does not cross a page of the file. A kill that
+// comes while the kernel goes from one page to the next cuts the write there.
 std::string entry_of(int process, int i) {
     std::string entry = "entry-" + std::to_string(process) + "-" + std::to_string(i) + "@";
     entry.resize(31, 'x');
     return entry;
 }
 
-// Whether the text is what the processes write: an entry with its number behind and before it.
+// Whether the text is one that the processes write: an entry with its number behind and before it.
 bool is_whole(const std::string& line) {
     int number = -1, again = -1, length = -1;
     const int read =
@@ -45,7 +45,7 @@ bool is_whole(const std::string& line) {
 
 }  // namespace
 
-// The lists are many because each takes 2,048 lines at most.
+// There are many lists because each takes at most 2,048 lines.
 namespace {
 
 constexpr int kSteps = 8000, kLists = 125;
@@ -57,7 +57,7 @@ struct Counters {
 
 std::string list_of(int step) { return "list" + std::to_string(step % kLists); }
 
-// Goes on where its predecessor was killed.
+// Goes on at the place where the process before it was killed.
 int add_all(const Shared<Counters>& shared, int process) {
     while (shared->begun[process] < kSteps) {
         const int step = shared->begun[process]++;
@@ -69,7 +69,7 @@ int add_all(const Shared<Counters>& shared, int process) {
     return 0;
 }
 
-// Looks at the lists again and again; 1 if a line is none that the processes add.
+// Looks at the lists again and again. 1 if a line is not one that the processes add.
 int watch_lists(const Shared<Counters>& shared) {
     for (int i = 0; !shared->stop; ++i) {
         mail_list_names out;
@@ -86,7 +86,7 @@ int watch_lists(const Shared<Counters>& shared) {
     return 0;
 }
 
-// Checks the lists: each entry once, but for one a kill that may not have got there.
+// Checks the lists: each entry is in them once, except for at most one entry for each kill.
 void expect_all_but(int missing_at_most) {
     std::set<std::string> found;
     std::size_t lines = 0;
@@ -144,8 +144,8 @@ TEST(Lists, KilledAddersLoseNothing) {
     expect_all_but(kills);
 }
 
-// Adds, rewrites of every kind and readers at once: entries may be lost, but every line is whole at
-// any moment, and nothing stays behind.
+// Additions, rewrites of every kind and readers at the same time: entries may be lost, but every
+// line is whole at any moment, and no file is left behind.
 TEST(Lists, ProcessesThatRewriteTearNothing) {
     constexpr int kLines = 400;
     std::string text;

@@ -1,4 +1,4 @@
-// Many processes on one preference file: nobody ever sees two stores mixed.
+// Many processes on one preference file: a reader never sees a mixture of two stores.
 #include <tessaly/support.h>
 #include <unistd.h>
 
@@ -19,12 +19,12 @@ using testing_processes::Child;
 
 namespace {
 
-// A record that says the same thing in every field that can say it.
+// A record with the same number in every field that can hold it.
 user_pref record(int number) {
     user_pref p = prefs::defaults();
     for (const pref_property* row = pref_properties; row->name != nullptr; ++row) {
         std::string text = std::to_string(number);
-        // Of a length of its own, so that a mixture cannot line up.
+        // Each has its own length, so that the lines of a mixture do not fit together.
         if (row->type == PREF_TYPE_STRING)
             text += std::string(static_cast<unsigned>(number) % 200, '.');
         if (row->type == PREF_TYPE_BOOL) text = number % 2 == 0 ? "0" : "1";
@@ -72,7 +72,7 @@ TEST(Preferences, ReadersSeeWholeStores) {
     EXPECT_EQ(two.wait(), 0);
 }
 
-// The file's bytes under the lock of a reader.
+// The bytes of the file, read under a reader's lock.
 std::string locked_text() {
     FILE* stream = open_and_lock_file(prefs::kFile.c_str(), "r");
     EXPECT_NE(stream, nullptr);
@@ -101,7 +101,8 @@ TEST(Preferences, AKilledWriterLeavesABeginningOfItsStore) {
         EXPECT_EQ(writer.wait(), 128 + SIGKILL);
         const std::string left = locked_text();
         ASSERT_TRUE(texts[0].starts_with(left) || texts[1].starts_with(left)) << left;
-        // A writer that was killed between emptying and writing; the next round starts whole.
+        // A writer was killed between emptying and writing. The next round starts with a whole
+        // file.
         ASSERT_EQ(store_user_pref(prefs::kUser, &records[0]), 0);
     }
 }

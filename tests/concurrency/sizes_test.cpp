@@ -1,4 +1,4 @@
-// Many processes on one size file, of either kind.
+// Many processes on one size file of either kind.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <tessaly/mailstore.h>
@@ -19,7 +19,8 @@ using testing_processes::Child;
 namespace {
 
 constexpr int kWriters = 8;
-// Long records, so that a file is compacted every 190 appends or so. Every sum is a multiple.
+// Long records, so that a file is compacted about every 190 appends. Every sum is a multiple of one
+// record.
 constexpr long long kSize = 1'000'000'000'000;
 
 const std::string kMail = "/var/spool/mail";
@@ -58,7 +59,8 @@ long long total(const std::atomic<long long> (&counts)[kWriters]) {
     return sum;
 }
 
-// Reads until told to stop; 1 if a sum was half-written, went back or was not acknowledged yet.
+// Reads until it is told to stop. 1 if a sum was half-written or decreased, lacked an acknowledged
+// record, or held one that was not begun.
 int watch(const Kind& kind, const Shared<Counters>& shared) {
     unsigned long long last = 0, reads = 0;
     for (; !shared->stop; ++reads) {
@@ -87,7 +89,7 @@ int append(const Kind& kind, const Shared<Counters>& shared, int writer, int tim
 
 class Sizes : public testing::TestWithParam<Kind> {
   protected:
-    // A sum before the first append: there is a file for readers.
+    // A record before the first append, so that readers find a file.
     Sizes() { files::write(kind.path, ""); }
     // Nothing but the size file is left.
     ~Sizes() override {

@@ -14,7 +14,7 @@
 
 #include "testing/files.h"
 
-// The C library keeps its time zone under a lock that ThreadSanitizer does not see.
+// The C library protects its time zone by a lock that ThreadSanitizer does not see.
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() { return "race:tzset_internal\n"; }
 

@@ -1,5 +1,5 @@
-// What takes no binding lock, the scan cache and the quota flags: the last writer wins, but nobody
-// ever reads what nobody wrote.
+// The files without a binding lock, which are the scan cache and the quota flags. The last writer
+// wins, but a reader never reads a text that was not written.
 #include <gtest/gtest.h>
 #include <tessaly/MailUserId.h>
 #include <tessaly/mailstore.h>
@@ -24,15 +24,15 @@ const std::string kHome = "/var/spool/home/site.test/ann~site.test";
 const std::string kFolder = kHome + "/mail/Inbox";
 const std::string kCache = kFolder + "/.ts_cache";
 
-// Numbers of very different lengths: a mixture of two of them would be none of them.
+// Numbers of very different lengths, so that a mixture of two of them is not one of them.
 constexpr long kNumbers[kProcesses] = {1, 22, 333333333, 4444, 2147483647, 66666666, 77777, 8};
 
 bool is_one_of_them(long number) {
     return std::find(std::begin(kNumbers), std::end(kNumbers), number) != std::end(kNumbers);
 }
 
-// Runs step(process) 8,000 times in each of 8 processes, and look() beside them, which is false for
-// something that nobody wrote.
+// Runs step(process) 8,000 times in each of 8 processes, and look() beside them. look() is false
+// for a text that was not written.
 template <class Step, class Look>
 void run_beside(Step step, Look look) {
     const Shared<std::atomic<bool>> stop;
@@ -68,7 +68,7 @@ TEST(Unlocked, TheCacheInOneLine) {
             return static_cast<unsigned long>(mtime) == size && is_one_of_them(mtime);
         });
     EXPECT_EQ(files::list(kFolder), (std::vector<std::string>{".ts_cache", "cur", "new", "tmp"}));
-    // The last writer's text is all that stays.
+    // Only the last writer's text stays.
     long mtime = 0;
     ASSERT_EQ(tsl_read_maildir_cache_file(kCache.c_str(), &mtime, nullptr), 1);
     const std::string number = std::to_string(mtime);
@@ -96,7 +96,8 @@ TEST(Unlocked, TheCacheInTwoLines) {
         });
 }
 
-// A reader may meet two setters at work; once they are done the number is one of theirs, and whole.
+// A reader may see the work of two setters. When they are done, the number is one of theirs, and
+// whole.
 TEST(Unlocked, QuotaFlags) {
     files::make_dirs(kHome);
     run_beside(

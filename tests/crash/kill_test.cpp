@@ -1,4 +1,4 @@
-// Every operation that writes, killed at every one of its system calls.
+// Every operation that writes is killed at every one of its system calls.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -17,8 +17,8 @@ bool has_temporary(const Tree& tree) {
                        [](const auto& entry) { return entry.first.ends_with(".tmp"); });
 }
 
-// The operation works again on what a kill left, and clears it away. One that had done its work may
-// find nothing more to do.
+// The operation works again on what a kill left, and clears it away. If it had done its work before
+// the kill, it may find nothing to do.
 std::string judge_next(const Operation& operation, bool was_done) {
     const Attempt next = attempt(operation, {}, {.as_it_is = true});
     if (!next.complaint.empty()) return next.complaint;

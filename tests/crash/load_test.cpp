@@ -33,7 +33,7 @@ constexpr int kKills = 100;
 constexpr int kLongestLife = 4000;  // microseconds between two kills
 constexpr unsigned kSeed = 20240229;
 
-// What the workers have begun and what was acknowledged to them; outlives them.
+// The steps that the workers have begun and those that were acknowledged. It outlives the workers.
 struct Progress {
     std::atomic<long> begun[kWorkers], done[kWorkers];
 };
@@ -58,8 +58,8 @@ long sum(const std::atomic<long> (&counts)[kWorkers]) {
     return total;
 }
 
-// Lets the workers repeat step(worker, number of the step) side by side; again and again one of
-// them is killed and another takes its place. observe() runs beside them, and must always be true.
+// The workers repeat step(worker, number of the step) at the same time. Again and again one of them
+// is killed and another takes its place. observe() runs beside them and must always be true.
 void work_and_kill(SharedProgress& progress, const std::function<void(int, long)>& step,
                    const std::function<bool()>& observe) {
     const auto start = [&](int worker) {
@@ -98,8 +98,8 @@ std::vector<std::string> lines_of(const std::string& path) {
     return lines;
 }
 
-// The sum and the records have such lengths that none crosses a page of the file: a kill that comes
-// while the kernel goes from one page to the next cuts the write there.
+// The sum and the records have such lengths that none of them crosses a page of the file. A kill
+// that comes while the kernel goes from one page to the next cuts the write there.
 TEST_F(KilledUnderLoad, SizeFilesSumToWhatWasAcknowledged) {
     constexpr const char* kFile = FAULT_MAIL "/.ts_folder_size";
     constexpr long kFirst = 100000000;
@@ -122,7 +122,7 @@ TEST_F(KilledUnderLoad, SizeFilesSumToWhatWasAcknowledged) {
 
 constexpr const char* kList = FAULT_PREF "/ann~fault.test.whitelist";
 
-// Entries that make lines of 32 bytes, for the reason that is given with the size files.
+// Entries that make lines of 32 bytes, for the same reason as with the size files.
 constexpr std::size_t kEntry = 31;
 
 std::string entry_of(int worker, long number) {
@@ -135,7 +135,7 @@ void add(const std::string& entry) {
 }
 
 TEST_F(KilledUnderLoad, AddsToAListLoseNothing) {
-    constexpr long kMost = 500;  // a worker, so that the list never is full
+    constexpr long kMost = 500;  // for each worker, so that the list does not get full
     make_dirs(FAULT_PREF);
     SharedProgress progress;
     work_and_kill(
@@ -149,7 +149,7 @@ TEST_F(KilledUnderLoad, AddsToAListLoseNothing) {
     for (const std::string& line : lines_of(kList)) ++found[line];
     EXPECT_TRUE(read(kList).ends_with('\n'));
     for (int worker = 0; worker < kWorkers; ++worker) {
-        // In the order of adding; of those that a kill caught under way any may be missing.
+        // In the order of adding. Entries that were being added at a kill may be missing.
         long there = 0;
         for (long number = 0; number < progress->begun[worker]; ++number) {
             const int count = found[entry_of(worker, number)];
@@ -162,7 +162,7 @@ TEST_F(KilledUnderLoad, AddsToAListLoseNothing) {
     EXPECT_TRUE(found.empty()) << found.begin()->first;
 }
 
-// Entries of many lengths, few enough for the list to lie within one page.
+// Entries of many lengths, so few that the list lies within one page.
 TEST_F(KilledUnderLoad, RewritesBesideAddsLeaveNoTornLineAndNoStrayFile) {
     constexpr long kEntries = 40;
     const auto short_entry = [](int worker, long number) {
@@ -212,7 +212,7 @@ TEST_F(KilledUnderLoad, ReadersNeverSeeTwoStoresMixed) {
         }
         store_user_pref(kUser, &p);
     };
-    // A store that was killed may have left a beginning, whose fields are one store's all the same.
+    // A store that was killed may have left a beginning. Its fields must all be of one store.
     const auto is_of_one_store = [] {
         constexpr int kUnset = -1;
         user_pref p{};

@@ -23,7 +23,7 @@ void* TSMAIL_UNDERLYING(realloc)(void* old, std::size_t size);
 
 namespace {
 
-// An allocator cannot have its state anywhere else. One thread at a time uses it.
+// An allocator can only have global state. One thread at a time uses it.
 bool counting = false;
 long asked = 0, first_failing = 0, last_failing = 0;
 
@@ -54,7 +54,7 @@ void* realloc(void* old, std::size_t size) {
 #ifdef TSMAIL_OWN_OPERATOR_NEW
 namespace {
 
-// The sanitizer's, which knows what its delete gets.
+// The sanitizer's operator, which knows what its delete gets.
 void* sanitizers_new(const char* symbol, std::size_t size) {
     return reinterpret_cast<void* (*)(std::size_t)>(::dlsym(RTLD_NEXT, symbol))(size);
 }

@@ -28,7 +28,7 @@ namespace {
 constexpr int kHangSeconds = 5;
 constexpr int kDescriptors = 64;
 
-// What the child tells; it lies in memory that both processes see.
+// The report of the child, in memory that both processes see.
 struct Report {
     bool returned, threw;
     long allocations;

@@ -1,4 +1,4 @@
-// One attempt at an operation: a fresh spool, a process of its own, a fault, and what came of it.
+// One attempt at an operation: a fresh spool, a process of its own, a fault, and the result.
 #ifndef TSMAIL_TESTS_FAULT_ATTEMPT_H
 #define TSMAIL_TESTS_FAULT_ATTEMPT_H
 
@@ -18,20 +18,20 @@ struct AllocationFault {
 struct Attempt {
     Run run;
     Trace trace;
-    long allocations = 0;   // how many were asked for
-    std::string complaint;  // died, hung, lost a descriptor; empty if all is well
+    long allocations = 0;   // the number of allocations
+    std::string complaint;  // it died, hung or lost a descriptor; empty if it did not
 };
 
-// How an attempt differs from a plain one.
+// Differences between an attempt and a plain one.
 struct Setting {
     AllocationFault allocations = {};
     bool closed = false;    // without the descriptors 0 to 2
-    bool foreign = false;   // in locales that write numbers otherwise
-    bool as_it_is = false;  // on the spool as the last attempt left it
+    bool foreign = false;   // in locales that write numbers in another way
+    bool as_it_is = false;  // on the spool of the last attempt, as it is
 };
 
-// Makes the C locale that a foreign attempt is run in. False if the machine has nothing to make it
-// from; such attempts have a C++ locale with digit grouping then, and no more.
+// Makes the C locale in which a foreign attempt runs. False if the machine does not have its
+// source; such attempts then have only a C++ locale with digit grouping.
 bool make_foreign_locale();
 
 Attempt attempt(const Operation& operation, const Fault& fault = {}, const Setting& setting = {});

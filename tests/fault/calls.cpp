@@ -10,7 +10,7 @@ namespace fault {
 
 namespace {
 
-// What a short call is cut down to: so little that every loop has to go round more than once.
+// The length of a short call: so small that every loop has to go round more than once.
 constexpr std::uint64_t kShortBytes = 7;
 constexpr std::uint64_t kShortEntries = 300;  // bytes; holds one directory entry of any name
 
@@ -31,14 +31,14 @@ struct Row {
     unsigned traits;
 };
 
-// Calls that are not here count, and go by their number in messages.
+// Calls that are not listed count, too; messages show their numbers.
 constexpr Row kRows[] = {
     {SYS_read, "read", kInterruptible | kBytes},
     {SYS_pread64, "pread", kInterruptible | kBytes},
     {SYS_readv, "readv", kInterruptible | kVector},
     {SYS_getdents64, "getdents64", kInterruptible | kEntries},
     {SYS_write, "write", kInterruptible | kWrites | kBytes},
-    // Not refused by a full disk: it serves to overwrite what has its place there already.
+    // A full disk does not refuse it: it overwrites bytes that have their place on the disk.
     {SYS_pwrite64, "pwrite", kInterruptible | kBytes},
     {SYS_writev, "writev", kInterruptible | kWrites | kVector},
     {SYS_openat, "openat", kInterruptible},
@@ -82,7 +82,7 @@ constexpr Row kRows[] = {
     {SYS_clone, "clone", kNone},
     {SYS_clone3, "clone3", kNone},
     {SYS_execve, "execve", kNone},
-#ifdef SYS_stat  // the older machines' own names
+#ifdef SYS_stat  // the names on older machines
     {SYS_open, "open", kInterruptible},
     {SYS_stat, "stat", kNone},
     {SYS_lstat, "lstat", kNone},

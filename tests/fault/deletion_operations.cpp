@@ -13,7 +13,7 @@ namespace {
 
 constexpr const char* kTree = FAULT_WORK "/tree";
 
-// The answers of what has failed with one of the injected errors, or with what they lead to.
+// The results of a failure with one of the injected errors, or with an error that follows from it.
 std::vector<Answer> errors() {
     std::vector<Answer> answers;
     for (const int error : {ENOSPC, EIO, EINTR, EMFILE, ENOMEM, EACCES, ENOTEMPTY}) {
@@ -36,7 +36,7 @@ void prepare_tree() {
     write(FAULT_WORK "/tree/file", "3");
 }
 
-// Two users that name each other in their address lists.
+// Two users who name each other in their address lists.
 void prepare_partners() {
     write(FAULT_PREF "/ann~fault.test.primaryaddr", "cid@fault.test\n");
     write(FAULT_PREF "/ann~fault.test.secondaryaddr", "cid@fault.test\n");

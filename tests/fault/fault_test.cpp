@@ -1,4 +1,4 @@
-// Every operation with every one of its system calls, and of its allocations, failing.
+// Every operation, with each of its system calls and allocations failing.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace fault {
 namespace {
 
 constexpr long kOnce = 1;
-constexpr long kAFewTimes = 3;  // where "from now on" would make a retry endless
+constexpr long kAFewTimes = 3;  // "from now on" would make a retry endless
 constexpr long kAlways = 1L << 40;
 constexpr int kMostComplaints = 5;
 
@@ -57,7 +57,7 @@ bool applies(const Kind& kind, const Call& call) {
     }
 }
 
-// Whether the operation has to do all its work in spite of the fault.
+// Whether the operation must do all its work in spite of the fault.
 bool to_be_borne(const Operation& operation, const Kind& kind, long k, const Trace& trace) {
     if (kind.effect == Effect::cut) return true;
     if (kind.error != EINTR || (operation.traits & kSeesEintr) != 0) return false;
@@ -88,7 +88,7 @@ class Operations : public testing::TestWithParam<Operation> {
         return clean;
     }
 
-    // Counts the complaint about one attempt, if there is one.
+    // Counts the complaint about one attempt, if any.
     void expect_none(const std::string& complaint, const std::string& point) {
         if (!complaint.empty()) ADD_FAILURE() << point << ": " << complaint;
         const Tree now = neighbour_tree();
@@ -101,7 +101,7 @@ class Operations : public testing::TestWithParam<Operation> {
 
     // One system call fails. Whether the fault could change it.
     bool try_call(const Kind& kind, long k, const Attempt& clean);
-    // One allocation fails. Whether there is an allocation of that number.
+    // One allocation fails. False if the operation has no allocation of that number.
     bool try_allocation(long k, long calls, const fault::Run& clean);
 
     static void print(const char* what, long points, long fired) {
@@ -156,7 +156,8 @@ TEST_P(Operations, SurvivesFailingAllocations) {
     EXPECT_EQ(fired == 0, (GetParam().traits & kAllocatesNothing) != 0);
 }
 
-// What is opened is closed in programs started meanwhile, and works without descriptors 0 to 2.
+// Descriptors are closed in programs that are started meanwhile, and the operation works without
+// descriptors 0 to 2.
 TEST(Table, OperationsKeepTheirDescriptorsToThemselves) {
     for (const Operation& operation : all_operations()) {
         SCOPED_TRACE(title(operation));
@@ -170,7 +171,8 @@ TEST(Table, OperationsKeepTheirDescriptorsToThemselves) {
     }
 }
 
-// Nothing waits for the disk. (A move to another file system does, which is no row of the table.)
+// No operation waits for the disk. (A move to another file system does, but it is not in the
+// table.)
 TEST(Table, NoOperationWaitsForTheDisk) {
     const std::set<std::string> flushes = {"fsync", "fdatasync", "sync", "syncfs"};
     for (const Operation& operation : all_operations()) {
@@ -180,8 +182,8 @@ TEST(Table, NoOperationWaitsForTheDisk) {
     }
 }
 
-// A C++ locale with digit grouping and a C locale with a decimal comma change no answer and no
-// file.
+// A C++ locale with digit grouping and a C locale with a decimal comma do not change results or
+// files.
 TEST(Table, OperationsWriteTheSameInEveryLocale) {
     const bool made = make_foreign_locale();
     for (const Operation& operation : all_operations()) {
@@ -194,7 +196,7 @@ TEST(Table, OperationsWriteTheSameInEveryLocale) {
     if (!made) GTEST_SKIP() << "no locale sources: only the C++ locale was tried";
 }
 
-// The functions that a library exports, without their arguments.
+// The names of the functions that a library exports, without their arguments.
 std::set<std::string> exported_functions() {
     std::set<std::string> names;
     FILE* nm = ::popen("nm -DC --defined-only " TSMAIL_LIBRARIES, "re");

@@ -24,7 +24,7 @@ constexpr int kCallStop = SIGTRAP | 0x80;  // PTRACE_O_TRACESYSGOOD
 constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACEFORK |
                           PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
 
-// A tracee may be gone at any time (killed), which the next wait reports.
+// A tracee may be killed at any time, which the next wait reports.
 long trace(int request, pid_t pid, std::uintptr_t address, std::uintptr_t data) {
     return ::ptrace(static_cast<enum __ptrace_request>(request), pid, address, data);
 }
@@ -92,7 +92,7 @@ class Tracer {
         } else if (signal == kMarker && pid == child_) {
             marker();
         } else {
-            // A new tracee's first stop is the tracer's affair alone.
+            // The first stop of a new tracee concerns only the tracer.
             go_on(pid, pid != child_ && signal == SIGSTOP ? 0 : signal);
         }
     }
@@ -174,14 +174,15 @@ class Tracer {
     pid_t child_;
     Fault fault_;
     bool counting_ = false;
-    std::map<pid_t, long> answers_;  // what a call under way is to answer
+    std::map<pid_t, long> answers_;  // the result that the present call is going to have
     Trace trace_;
 };
 
 }  // namespace
 
 Trace run(const std::function<int()>& body, const Fault& fault) {
-    // What a killed child leaves running comes to this process, which waits for it too.
+    // Processes that a killed child leaves behind become children of this process, which waits for
+    // them, too.
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
     const pid_t child = ::fork();
     if (child < 0) throw std::system_error(errno, std::generic_category(), "fork");

@@ -1,4 +1,4 @@
-// The injector itself: what it is told to break is broken, and nothing else.
+// The injector itself: it breaks what it is told to break, and nothing else.
 #include "fault/injector.h"
 
 #include <fcntl.h>

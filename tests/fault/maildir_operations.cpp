@@ -52,7 +52,7 @@ Operation makes_directories(const char* name, Function function, std::vector<Ans
             .traits = traits | kWrites | kAcknowledges};
 }
 
-// Without the time zone's file, or memory for it, a date is read as UTC or not at all.
+// If the time zone's file, or memory for it, is missing, a date is read as UTC or not at all.
 Operation name_date(const char* name, time_t (*date)(const char*), long long good) {
     return {.names = name,
             .run = [date](Output&) -> long long { return date(kMessageName); },
@@ -66,7 +66,7 @@ int visit(const char* name, const struct stat*, void* out) {
     return 1;
 }
 
-// Which folders can be found when some of them cannot be looked at or entered.
+// The folders that can be found when some of them cannot be looked at or entered.
 const std::vector<Answer> kSomeFolders = [] {
     std::vector<Answer> answers;
     for (const auto& [count, text] : std::initializer_list<std::pair<long long, const char*>>{
@@ -78,7 +78,7 @@ const std::vector<Answer> kSomeFolders = [] {
     return answers;
 }();
 
-// Of a generated name the text from the queue marker on; what is before it differs each time.
+// The part of a generated name from the queue marker on. The part before it differs each time.
 long long make_unique_name(Output& out) {
     char name[256];
     if (tsl_gen_mail_unique_name(2048, "abc-6B9Ha0", name, sizeof name) == nullptr) return -1;

@@ -20,7 +20,7 @@ void prepare_lists() {
 
 constexpr int kLongList = 60;
 
-// Several reads' worth of lines.
+// Enough lines for several reads.
 void prepare_long_list() {
     std::string lines;
     for (int i = 0; i < kLongList; ++i) lines += std::string(200, 'x') + std::to_string(i) + '\n';
@@ -57,7 +57,7 @@ long long get_names(bool sorted, Output& out) {
     return result;
 }
 
-// Adds to a list: all the entry or nothing; only a full disk may cut it.
+// Adds to a list: the whole entry or nothing. Only a full disk may cut it.
 Operation adds(const char* variant, void (*prepare)()) {
     return {.names = "mail_list_add_to",
             .variant = variant,
@@ -99,7 +99,7 @@ std::vector<Operation> maillist_operations() {
     const auto names = [](Output& out) { return get_names(false, out); };
     const auto sorted = [](Output& out) { return get_names(true, out); };
     const Answer none = {-1, numbers(0, 0)};
-    std::vector<Answer> some;  // a line that there is no memory for is left out
+    std::vector<Answer> some;  // a line is left out if there is no memory for it
     for (int count = 0; count < kLongList; ++count) some.push_back({0, numbers(count, 0)});
     return {
         {.names = "mail_list_get_path", .run = get_path, .others = {{-1}}, .traits = kNoCalls},

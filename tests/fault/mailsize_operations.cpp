@@ -55,7 +55,7 @@ void prepare_messages_and_cache() {
     set_mtime(FAULT_INBOX, 1000000000);
 }
 
-// The quota daemon's socket, which keeps what is sent to it; each time what came before is dropped.
+// The quota daemon's socket. It keeps what is sent to it; each attempt drops what came before.
 void empty_daemon_socket() {
     static const int daemon = [] {
         sockaddr_un address{AF_UNIX, "/tmp/quotad.socket"};
@@ -76,8 +76,8 @@ std::vector<Answer> sums_of_some(const std::vector<long long>& sizes) {
     return sums;
 }
 
-// Every message is still there, under its old name or the tagged one; only a fault that stays may
-// leave one in tmp.
+// Every message still exists, under its old name or the tagged one. Only a lasting fault may leave
+// one in tmp.
 std::string messages_kept(const Run& run, const Run& clean) {
     const auto contents = [](const Tree& tree) {
         std::multimap<std::string, std::string> found;
@@ -114,8 +114,8 @@ int get_maildirsize(const char* dir, unsigned long long* size, unsigned long lon
     return tsl_get_maildirsize(nullptr, dir, size, count);
 }
 
-// What cannot be opened counts as 0; what cannot be read is damaged; what seems to be missing, or
-// marked, is left alone.
+// A file that cannot be opened counts as 0; one that cannot be read is damaged; one that seems to
+// be missing, or marked, is left alone.
 const std::vector<Answer> kTotalsUnknown = {
     {0, numbers(0, 0)}, {-1, numbers(0, 0)}, {-1, numbers(kUntouched, kUntouched)}};
 

@@ -11,7 +11,7 @@ namespace fault {
 
 namespace {
 
-constexpr std::size_t kModeLength = 7;  // what stands before a file's content in a tree
+constexpr std::size_t kModeLength = 7;  // the text before a file's content in a tree
 
 bool same(const Tree& is, const Tree& other, const std::string& path) {
     const auto a = is.find(path), b = other.find(path);
@@ -44,7 +44,7 @@ bool may_be_so(const Run& run, const Run& clean, const std::string& path) {
     return clean.after.contains(path) && is_new_and_empty(run, path);
 }
 
-// in_steps, with a judge of its own for one file.
+// in_steps, with a special rule for one file.
 template <class Judge>
 Rule in_steps_but(const std::string& path, Judge judge) {
     return [=](const Run& run, const Run& clean) -> std::string {

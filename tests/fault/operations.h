@@ -1,5 +1,5 @@
-// The table of operations that faults are let loose on: every exported one, with what it may leave
-// behind when something fails in it.
+// The table of operations for fault injection: every exported one, with what it may leave behind if
+// something fails in it.
 #ifndef TSMAIL_TESTS_FAULT_OPERATIONS_H
 #define TSMAIL_TESTS_FAULT_OPERATIONS_H
 
@@ -14,7 +14,7 @@
 
 namespace fault {
 
-// What an operation gave its caller besides its result. Filled without allocating.
+// What an operation gave its caller besides its result. It is filled without an allocation.
 struct Output {
     static constexpr unsigned kRoom = 2048;
     std::array<long long, 2> numbers{};
@@ -26,7 +26,7 @@ struct Output {
     bool operator==(const Output&) const = default;
 };
 
-// What an operation answers its caller.
+// The result of an operation.
 struct Answer {
     long long result = 0;
     Output output = {};
@@ -35,42 +35,42 @@ struct Answer {
 
 inline Output numbers(long long first, long long second) { return {{first, second}, {}}; }
 
-// One run and what is on disk after it.
+// One run, and what is on disk after it.
 struct Run {
     bool returned = false;  // false: killed
     bool threw = false;
     Answer answer;
-    bool lasting = false;    // the fault was still there when the operation cleaned up
+    bool lasting = false;    // the fault was still active when the operation cleaned up
     bool no_memory = false;  // of the fault: an allocation failed
-    bool disk_full = false;  // of the fault: a write may have been cut for good
+    bool disk_full = false;  // of the fault: a write may have been cut for ever
     Tree before, after;      // the spool without the neighbour, before and after it
 };
 
 enum Trait : unsigned {
     kThrows = 1,        // std::bad_alloc may reach the caller
-    kWrites = 2,        // changes files: must survive being killed too
+    kWrites = 2,        // changes files, so it must survive a kill, too
     kAcknowledges = 4,  // its good result says that everything is on disk
     kNoCalls = 8,       // makes no system call
     kAllocatesNothing = 16,
     kSeesEintr = 32,  // works on a caller's stream, which an interruption ends
 };
 
-// What may be on disk after a run: empty, or what is wrong. `clean` is a run without a fault.
+// What is wrong on disk after a run; empty if nothing is. `clean` is a run without a fault.
 using Rule = std::function<std::string(const Run& run, const Run& clean)>;
 
 struct Operation {
     std::string names;         // the exported names that the row is about
-    std::string variant = {};  // what sets it apart from other rows of that name
+    std::string variant = {};  // the difference from other rows of that name
     std::function<void()> prepare = {};
     std::function<long long(Output&)> run;
     long long good = 0;                       // the result when nothing fails
-    std::vector<Answer> others = {};          // the answers that are documented besides
-    std::vector<Answer> without_memory = {};  // and those that only a lack of memory explains
+    std::vector<Answer> others = {};          // the other documented results
+    std::vector<Answer> without_memory = {};  // the results that only a lack of memory explains
     Rule rule = {};                           // default: nothing on disk changes
     unsigned traits = 0;
 };
 
-// What a test case of the row is called.
+// The name of the row's test case.
 std::string title(const Operation& operation);
 std::ostream& operator<<(std::ostream& out, const Operation& operation);
 
@@ -86,20 +86,21 @@ const std::vector<Operation>& all_operations();
 
 // ---- Rules
 
-// Every path is as it was or as it is to be; a file that the operation makes may still be empty. An
-// empty lock file may stay, a temporary file only where the operation could not remove it.
+// Every path is as it was before or as it should be after. A file that the operation makes may
+// still be empty. An empty lock file may stay; a temporary file may stay only if the operation
+// could not remove it.
 std::string in_steps(const Run& run, const Run& clean);
-// As in_steps, but the file holds some beginning of what it is to hold.
+// As in_steps, but the file may hold a beginning of its new content.
 Rule file_begun(std::string path);
-// As in_steps, but a full disk may have cut what was to be added to the file's end.
+// As in_steps, but a full disk may have cut the addition at the file's end.
 Rule file_appended(std::string path);
-// As in_steps, but the size file may have any text that sums to the old or the new value.
+// As in_steps, but the size file may have any text with the old or the new sum.
 Rule sums_kept(std::string path);
-// As in_steps, but the empty file may come into being besides.
+// As in_steps, but the empty file may be made, too.
 Rule with_marker(std::string path, Rule rule);
 // Nothing is done, or all of it.
 std::string all_or_nothing(const Run& run, const Run& clean);
-// Nothing new, nothing changed: entries may only be gone.
+// Nothing is new or changed: entries may only have been removed.
 std::string only_removed(const Run& run, const Run& clean);
 
 }  // namespace fault

@@ -18,7 +18,7 @@ constexpr const char* kWarning = FAULT_HOME "/quota_warning_flag";
 constexpr const char* kExceeded = FAULT_HOME "/quota_exceeded_flag";
 constexpr const char* kStamp = FAULT_HOME "/.alert_notification";
 constexpr const char* kOutbox = "/var/spool/outbox";  // where the submission program puts mail
-constexpr int kNoProgram = 127 << 8;                  // the wait status of a program not started
+constexpr int kNoProgram = 127 << 8;  // the wait status of a program that was not started
 
 void prepare_flags() {
     write(kWarning, "80");

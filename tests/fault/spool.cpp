@@ -18,7 +18,7 @@ namespace {
 constexpr const char* kSpool = "/var/spool";
 constexpr const char* kNeighbour = FAULT_DOMAIN "/bob~fault.test";
 
-// A scan cache holds the time of the directories, which may be that of the test.
+// A scan cache holds the time of the directories, which may be the time of the test.
 std::string without_times(std::string content) {
     constexpr std::string_view kTime = "mtime=";
     if (!content.starts_with(kTime)) return content;
@@ -50,7 +50,7 @@ void add_tree(Tree& tree, const fs::path& top) {
     }
 }
 
-// Removes what is below a directory, but not the neighbour and what leads there.
+// Removes everything below a directory, except for the neighbour and the directories above it.
 void clear(const fs::path& top) {
     for (const auto& entry : fs::directory_iterator(top)) {
         if (entry.path() == kNeighbour) continue;

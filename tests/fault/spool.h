@@ -7,7 +7,7 @@
 
 namespace fault {
 
-// What lies where: path below a directory -> type, mode and content. Times are not part of it.
+// The content of a directory: path -> type, mode and content. Times are not part of it.
 using Tree = std::map<std::string, std::string>;
 
 #define FAULT_DOMAIN "/var/spool/home/fault.test"
@@ -25,11 +25,11 @@ constexpr const char* kPartner = "cid@fault.test";
 void make_neighbour();
 // Removes everything but the neighbour.
 void clear_spool();
-// Everything in the spool but the neighbour, and the neighbour alone.
+// Everything in the spool except for the neighbour, and the neighbour alone.
 Tree spool_tree();
 Tree neighbour_tree();
 
-// What the two trees differ in, a path a line.
+// The differences of the two trees, one path on each line.
 std::string difference(const Tree& is, const Tree& should_be);
 
 }  // namespace fault

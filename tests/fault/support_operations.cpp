@@ -70,7 +70,7 @@ long long sum_of_quotas() {
     return sum;
 }
 
-// The file moved is there, under the one name or the other, whole.
+// The moved file exists under one of the two names, and is whole.
 std::string one_of_both(const Run& run, const Run& clean) {
     const bool kept =
         run.after.contains(FAULT_WORK "/from") || run.after.at(FAULT_WORK "/to").ends_with("new\n");
@@ -133,7 +133,8 @@ std::vector<Operation> support_operations() {
          .rule = only_removed,
          .traits = kWrites | kAcknowledges},
         configuration_row("cfg_get_TZ", [](Output&) { return *cfg_get_TZ(); }, 7, {}),
-        // Without the file that of the host's domain, without the host's name that of "localhost".
+        // Without the file it is that of the host's domain, without the host's name that of
+        // "localhost".
         {.names = "cfg_get_postmaster",
          .prepare = prepare_configuration,
          .run = [](Output& out) -> long long {

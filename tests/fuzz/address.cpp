@@ -1,5 +1,5 @@
-// Addresses: the first line is the mailbox type, the rest the text; a second text may follow behind
-// a NUL, for the same value to read.
+// Addresses. The first line is the mailbox type, the rest is the text. A second text, which the
+// same value reads, may follow behind a NUL.
 #include <tessaly/MailUserId.h>
 
 #include "fuzz/fuzz.h"
@@ -9,7 +9,7 @@ using namespace Tessaly;
 
 namespace {
 
-// What a type makes of a text.
+// The fields that a type makes of a text.
 void read(LiteralFields& fields, unsigned type, const std::string& text) {
     switch (type) {
         case 2:
@@ -38,7 +38,8 @@ void compare(const TSMailUserId& id, const LiteralFields& fields) {
     if (id.type() != MAILBOX_DIRECT) fuzz::expect_equal(id.domain(), fields.domain, "domain");
 }
 
-// The flat function gives what the class does, cut to the buffer, and writes nothing behind it.
+// The flat function gives the path of the class, cut to the buffer, and does not write behind the
+// buffer.
 void compare_filenames(const std::string& text) {
     constexpr unsigned kRoom = 40;
     for (int kind = -1; kind <= 32; ++kind) {

@@ -10,7 +10,7 @@ using namespace testing_files;
 namespace {
 
 constexpr time_t kNewest = 2000;      // the time of the folder's newest directory
-constexpr long long kScanned = 1234;  // what a scan of the folder finds
+constexpr long long kScanned = 1234;  // the result of a scan of the folder
 const std::string kFolder = fuzz::kDirectory + std::string("/Inbox");
 const std::string kCache = kFolder + "/.ts_cache";
 

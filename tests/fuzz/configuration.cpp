@@ -1,5 +1,5 @@
-// The configuration file. The TOML itself is the parser library's business: the model walks over
-// the same parser's result and counts by hand what is wrong with it.
+// The configuration file. The TOML itself is left to the parser library: the model walks over the
+// result of the same parser and counts the problems.
 #include <tessaly/support.h>
 #include <unistd.h>
 
@@ -16,7 +16,7 @@ namespace {
 constexpr int kArchiveTable = 670;
 constexpr std::size_t kNameOffset = 4, kQuotaOffset = 640;
 constexpr std::string_view kTooDeep = "a key of too many levels";
-constexpr int kDeep = 34;  // the levels that such a key has at least
+constexpr int kDeep = 34;  // the least number of levels of such a key
 
 struct Account {
     std::string name;
@@ -153,7 +153,7 @@ std::vector<Account> accounts_in_force() {
     return accounts;
 }
 
-// A text that is refused before it is parsed: it must hold such a key, if it is TOML at all.
+// A text that is refused before it is parsed must hold such a key, if it is TOML at all.
 void judge_refusal(const toml::parse_result& file, const Report& report) {
     fuzz::expect_equal(report.errors, 1, "errors of a refused file");
     fuzz::expect(!file || depth_of(file.table()) >= kDeep, "refused for nothing");

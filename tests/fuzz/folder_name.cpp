@@ -1,4 +1,4 @@
-// Folder names given by people, under every flag; and the tests for names of the system's own.
+// Folder names given by people, with all flags, and the tests for names of the system.
 #include <strings.h>
 #include <tessaly/mailstore.h>
 

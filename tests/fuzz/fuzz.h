@@ -21,7 +21,8 @@ namespace fuzz {
 // Everything that a target writes lies below /var/spool, which is the sandbox's own.
 inline constexpr char kDirectory[] = "/var/spool/fuzz";
 
-// An input, taken from its beginning. Made of lines where it can be, so that inputs can be read.
+// An input, which is taken from its beginning. It consists of lines where possible, so that people
+// can read inputs.
 class Input {
   public:
     Input(const std::uint8_t* data, std::size_t size)
@@ -33,7 +34,7 @@ class Input {
         left_.remove_prefix(std::min(end + 1, left_.size()));
         return line;
     }
-    // A line's number, 0 if it is none.
+    // The number in a line, 0 if it is not a number.
     long long number() { return std::strtoll(line().c_str(), nullptr, 10); }
     std::string rest() const { return std::string(left_); }
 

@@ -18,7 +18,7 @@ void compare_reading(const char* entry) {
     }
 }
 
-// One operation that changes the list, on a fresh copy of it.
+// One operation that changes the list, on a new copy of it.
 template <class Ours, class Model>
 void compare_change(const std::string& text, const char* what, Ours ours, Model model) {
     lists::put(text);

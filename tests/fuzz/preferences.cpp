@@ -1,4 +1,4 @@
-// Preference files as a whole and line by line, and the file that a store makes of what was read.
+// Preference files as a whole and line by line, and the file that a store makes of the record.
 #include <tessaly/userpref.h>
 
 #include <cstring>

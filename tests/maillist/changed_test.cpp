@@ -1,5 +1,5 @@
-// The change flag, with a shared configuration block of the program's own: what it defines takes
-// the place of the support library's.
+// The change flag, with a shared configuration block of this program: its variable replaces the
+// support library's.
 #include <tessaly/maillist.h>
 #include <tessaly/support.h>
 

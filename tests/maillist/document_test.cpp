@@ -1,4 +1,4 @@
-// The document about the files shows what the operations do.
+// The examples of the document about lists are what the operations do.
 #include <tessaly/maillist.h>
 
 #include <gtest/gtest.h>
@@ -12,7 +12,7 @@ using namespace lists;
 
 namespace {
 
-// What stands between the n-th pair of code marks, from 0.
+// The text between the n-th pair of code marks, from 0.
 std::string example(int n) {
     const std::string mark = "```\n";
     const std::string document = testing_files::read(TSMAIL_SOURCE_DIR "/docs/formats/lists.md");

@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kFiller[] = "/var/spool/filler";
 
-// Takes all the space that is left, but for so many bytes.
+// Takes all the free space except for so many bytes.
 void fill_but_for(off_t spare) {
     const int fd = ::open(kFiller, O_WRONLY | O_CREAT | O_CLOEXEC, 0666);
     ASSERT_GE(fd, 0);
@@ -58,7 +58,7 @@ TEST(FullDisk, IsNotToldByAnAdd) {
     fill_but_for(0);
     const std::string entry(100, 'y');
     EXPECT_EQ(add(entry.c_str()), 0);
-    // What there was room for is there; nothing is repaired.
+    // The part that fitted is in the list; nothing is repaired.
     EXPECT_EQ(content(), (before + entry + '\n').substr(0, 4096));
     EXPECT_EQ(content().size(), 4096U);
 }

@@ -1,4 +1,4 @@
-// The line functions and the lock, beneath the operations.
+// The line functions and the lock, on which the operations are built.
 #include "maillist/lines.h"
 
 #include <fcntl.h>
@@ -105,7 +105,7 @@ TEST(StripLineEnd, RemovesEveryLineEndAtTheEnd) {
 }
 
 TEST(StripLineEnd, WritesNothingWithoutALineEnd) {
-    // Literals lie where nobody may write.
+    // Literals lie in memory that cannot be written.
     for (const char* text : {"", "a", "a\r", "a\nb"}) {
         char* const literal = const_cast<char*>(text);
         EXPECT_EQ(strip_line_end(literal), literal);
@@ -126,7 +126,7 @@ TEST(LineEnds, AreFoundInBothWays) {
     std::mt19937 random(62);
     for (int round = 0; round < 20000; ++round) {
         char text[LineEnds::kWidth];
-        // Neighbours of the values that count among them.
+        // Among them are neighbours of the bytes that matter.
         const auto alphabet = round % 3 == 0 ? std::string("\n\v\t\x8a\x8b\x0e")
                                              : std::string("\n\0\r\x8a\x80\x8d\x01\x0b", 8);
         for (char& c : text)
@@ -177,7 +177,7 @@ TEST(ReadLines, CutsAt255Characters) {
     }
 }
 
-// Line ends and the limit of a line at every place around the end of a read.
+// Line ends, and the limit of a line, at every place around the end of a read.
 TEST(ReadLines, GoesOnFromPieceToPiece) {
     TempDir dir;
     std::string filler;
@@ -202,7 +202,7 @@ TEST(ReadLines, EqualsFgetsOnRandomBytes) {
     }
 }
 
-// A pipe hands out what it has: reads are short, and only an empty one is the end.
+// A pipe gives what it has: reads are short, and only an empty one is the end.
 TEST(ReadLines, TakesShortReads) {
     std::mt19937 random(64);
     const std::string content = lists::random_content(random, 100000);
@@ -276,7 +276,7 @@ TEST(FindLine, ComparesWholeLinesIgnoringCase) {
     EXPECT_EQ(find_in(dir / "list", ""), 0);
 }
 
-// Bytes that differ only in the bit of the letter case without being letters are different.
+// Bytes that are not letters are different even if they differ only in the bit of the letter case.
 TEST(FindLine, KnowsLettersFromOtherBytes) {
     TempDir dir;
     for (int a = 1; a < 256; ++a) {

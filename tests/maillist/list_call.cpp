@@ -1,5 +1,5 @@
-// list_call VERB [ARGUMENT] - one call on the system list "test", to be traced from outside; prints
-// what it returned.
+// list_call VERB [ARGUMENT] - makes one call on the system list "test", for tests that trace the
+// process. Prints the result.
 #include <tessaly/maillist.h>
 
 #include <cstdio>

@@ -1,4 +1,4 @@
-// Lists for tests: where they lie, and short ways to their contents.
+// Lists for tests: their paths, and short ways to their contents.
 #ifndef TSMAIL_TESTS_MAILLIST_LISTS_H
 #define TSMAIL_TESTS_MAILLIST_LISTS_H
 
@@ -60,8 +60,8 @@ inline std::string numbered(int count) {
     return text;
 }
 
-// Random bytes that are hard on line readers: few different texts in both letter cases, line ends
-// of both kinds, NULs, lengths around the limit of a line and patterns.
+// Random bytes that are hard for line readers: a few texts in both letter cases, both kinds of line
+// ends, NULs, patterns, and lengths around the limit of a line.
 inline std::string random_content(std::mt19937& random, std::size_t about) {
     static const std::string kPieces[] = {"\n",
                                           "\n",

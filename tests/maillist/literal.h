@@ -1,5 +1,5 @@
-// The list operations done the plainest way, with stdio line by line and a literal insertion: what
-// the library is compared with. Works on paths; takes no lock.
+// The list operations done in the plainest way, with stdio line by line and a literal insertion.
+// The library is compared with them. They work on paths and take no lock.
 #ifndef TSMAIL_TESTS_MAILLIST_LITERAL_H
 #define TSMAIL_TESTS_MAILLIST_LITERAL_H
 
@@ -26,7 +26,7 @@ inline char* strip(char* s) {
     return s;
 }
 
-// strcasecmp, as a plain loop: a sanitizer's replaces the C library's and knows ASCII only.
+// strcasecmp as a plain loop: a sanitizer replaces the C library's by one that knows only ASCII.
 inline int compare(const char* a, const char* b) {
     const auto fold = [](char c) { return std::tolower(static_cast<unsigned char>(c)); };
     while (*a != '\0' && fold(*a) == fold(*b)) ++a, ++b;
@@ -49,7 +49,7 @@ struct File {
     FILE* stream;
 };
 
-// Every line as it is compared: stripped, up to its first NUL.
+// Every line in the form in which it is compared: stripped, up to its first NUL.
 inline std::vector<std::string> lines(const std::string& path) {
     std::vector<std::string> all;
     File file(path, "r");
@@ -107,7 +107,7 @@ inline std::vector<std::string> names(const std::string& path, bool sorted) {
     return result;
 }
 
-// Rewrites a list: edit(line, output) puts what becomes of a line.
+// Rewrites a list: edit(line, output) writes what becomes of a line.
 template <class Edit>
 void rewrite(const std::string& path, Edit edit) {
     const std::string temporary = path + ".literal";

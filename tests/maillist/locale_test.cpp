@@ -1,5 +1,6 @@
-// Letter case follows the process's locale, also where letters lie beyond ASCII or 'I' is not the
-// upper case of 'i'. The locales are made by localedef; without their sources a case is skipped.
+// Letter case depends on the process's locale, also for letters beyond ASCII, and where 'I' is not
+// the upper case of 'i'. The locales are made by localedef; without their sources a case is
+// skipped.
 #include <strings.h>
 #include <tessaly/maillist.h>
 
@@ -47,7 +48,7 @@ std::string random_list(std::mt19937& random) {
     return text;
 }
 
-// The plain comparison of the literal versions is the C library's.
+// The plain comparison of the literal versions agrees with the C library's.
 void expect_the_usual_comparison() {
 #if !defined(__SANITIZE_ADDRESS__)
     for (int a = 1; a < 256; ++a) {

@@ -1,4 +1,4 @@
-// Adding, finding, matching, listing: what they answer and what is on disk afterwards.
+// Adding, finding, matching and listing: their results, and the files afterwards.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -70,7 +70,7 @@ TEST(Add, WritesTheEntryAsItStands) {
     }
 }
 
-// An entry that reading cuts is never found again, so it is added again.
+// An entry that is longer than a line is never found, so it is added again.
 TEST(Add, AddsAnOverlongEntryEachTime) {
     for (const std::size_t length : {254U, 255U, 256U}) {
         put("");
@@ -119,7 +119,7 @@ TEST(Add, CountsLinesAsTheyAreRead) {
 TEST(Add, FailsWithoutDirectoryOrAList) {
     EXPECT_EQ(add("a"), -1);
     EXPECT_FALSE(exists("/var/spool/etc"));
-    make_dirs(kPath);  // a directory where the list should be
+    make_dirs(kPath);  // a directory in the place of the list
     EXPECT_EQ(add("a"), -1);
     EXPECT_TRUE(exists(kLock));
 }
@@ -260,7 +260,7 @@ TEST(Names, AreTheCallersToChangeAndFree) {
     mail_list_free_names(&out);  // once more is fine
 }
 
-// The insertion itself would take minutes for so many lines.
+// Inserting one by one would take minutes for so many lines.
 TEST(Names, OfAHundredThousandLinesSortInAMoment) {
     constexpr int kLines = 100000;
     std::mt19937 random(71);
@@ -382,7 +382,7 @@ TEST(Count, SeesWhatTheStreamHasNotWrittenYet) {
     EXPECT_EQ(maillist_count(file.stream), 2);
 }
 
-// Another process has the lock: nobody waits and nothing is told.
+// Another process has the lock: the operations do not wait and do not report it.
 TEST(Lock, OfAnotherProcessIsNotWaitedFor) {
     put("1,a\n2,b\n");
     testing_files::write(kLock, "");
@@ -506,7 +506,7 @@ TEST(Permissions, OfAReadOnlyDirectory) {
                   return modify("x", 1) == -1 && drop_id(1) == -1 ? 0 : 3;
               }),
               0);
-    // With a lock file to be had the list can be read and added to, but not rewritten.
+    // If the lock file can be opened, the list can be read and added to, but not rewritten.
     testing_files::write(kLock, "");
     ASSERT_EQ(::chmod(kLock, 0666), 0);
     EXPECT_EQ(run_unprivileged([] {

@@ -36,7 +36,7 @@ const Row kRows[] = {
      "/var/spool/home/site.test/ann~site.test/pref/ann~site.test.blacklist"},
     {"Bob", "blocklist", MAIL_LIST_USER, "/var/spool/home//bob/pref/bob.blocklist"},
     {"", "blocklist", MAIL_LIST_USER, "/var/spool/home///pref/.blocklist"},
-    // The home scope's directory has the user as given, its file name the tilde name.
+    // In the home scope the directory has the user as given, and the file name has the tilde name.
     {"Ann+X@Site.Test", "whitelist", MAIL_LIST_HOME,
      "/var/spool/home/Ann+X@Site.Test/ann~site.test.whitelist"},
     {"Group", "my.list", MAIL_LIST_HOME, "/var/spool/home/Group/group.my.list"},

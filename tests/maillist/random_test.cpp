@@ -15,7 +15,7 @@ namespace {
 
 constexpr char kTwin[] = "/tmp/twin";  // the literal version's list
 
-// A line that the list has, mostly, in some letter case; or any text.
+// Mostly a line of the list in some letter case, sometimes any text.
 std::string some_text(std::mt19937& random) {
     const auto lines = literal::lines(kTwin);
     std::string text = random_content(random, random() % 5);

@@ -110,7 +110,7 @@ TEST(DeleteThroughId, RemovesAndRenumbers) {
         {"1,a\n2,b\n3,c", 3, "1,a\n2,b\n"},
         {"1,a\n2,b\n", 5, "1,a\n2,b\n"},
         {"2,a\n2,b\n3,c\n2,d\n", 2, "2,c\n"},
-        // What stands behind the first comma is kept, whatever it is.
+        // Everything behind the first comma is kept.
         {"7,a,b,,c\n8,\n", 3, "6,a,b,,c\n7,\n"},
         // The number is what strtol makes of the first field.
         {" 7,a\n+8,b\n09,c\n", 3, "6,a\n7,b\n8,c\n"},
@@ -121,7 +121,7 @@ TEST(DeleteThroughId, RemovesAndRenumbers) {
         // Commas at the beginning are skipped for the number and kept in the line.
         {",7,a\n,,3,b\n,,2,c\n", 3, "6,7,a\n,,2,c\n"},
         {",,8,b\n,x\n", 3, "7,,8,b\n,x\n"},
-        // Lines without a field go.
+        // Lines without a field are removed.
         {",\n,,,\n\n\r\n1,a\n", 9, "1,a\n"},
         // Without a comma the rest behind the number is kept.
         {"7\n8 eight\n", 3, "6\n7 eight\n"},
@@ -135,7 +135,7 @@ TEST(DeleteThroughId, RemovesAndRenumbers) {
         {"-2147483648,a\n-2147483647,b\n", INT_MIN, "-2147483648,b\n"},
         {"99999999999999999999,a\n", 1, "9223372036854775806,a\n"},
         {"-99999999999999999999,a\n", 1, "-99999999999999999999,a\n"},
-        // A piece of an overlong line is a line.
+        // Each piece of an overlong line is a line.
         {"5," + std::string(253, 'x') + "6,y\n", 1, "4," + std::string(253, 'x') + "\n5,y\n"},
         {"5," + std::string(252, 'x') + "\n6,y\n", 1, "4," + std::string(252, 'x') + "\n5,y\n"},
         {std::string(255, ',') + "5,y\n", 1, "4,y\n"},
@@ -230,7 +230,7 @@ TEST(Rewrite, OfManyLinesKeepsThemAll) {
     EXPECT_EQ(content(), numbered(19999));
 }
 
-// The file-size limit lets a part be written: the new list is not whole and must not appear.
+// The file-size limit lets only a part be written. The new list is not whole and must not appear.
 TEST(Rewrite, FailsWhenTheNewListCannotBeWrittenWhole) {
     put(numbered(300));
     for (const rlim_t limit : {0U, 1U, 1000U}) {

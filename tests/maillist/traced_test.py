@@ -1,7 +1,7 @@
-"""List operations with a system call of theirs failing, or killed at it.
+"""List operations in which one system call fails, or at which the process is killed.
 
-Each operation is traced once; then it runs anew for every system call that it makes from its lock
-file on, with a fault at just that one.
+Each operation is traced once. Then it runs again for every system call that it makes from its lock file on,
+with a fault at that call.
 """
 import os
 import re
@@ -23,7 +23,7 @@ WRITERS = (
     ("modify", "x", OLD.replace("2,entry2@site.test\n", "x\n", 1)),
     ("drop-id", "3999", OLD.replace("3999,entry3999@site.test\n4000,", "3999,")),
 )
-# System calls that no file depends on.
+# System calls that do not concern files.
 WITHOUT_FILES = ("exit_group", "mmap", "munmap", "mprotect", "madvise", "brk", "futex")
 WHOLE_WRITE = r"^write\(\d+, .*= \d{5}"  # of a list, in a trace
 
@@ -42,11 +42,11 @@ def content():
 
 
 def run(*words, trace=(), **others):
-    """Runs one call, under strace with these options if there are any; the finished process."""
+    """Runs one call, under strace if options are given. Returns the finished process."""
     command = [CALL, *words]
     if trace:
         command = ["strace", "-o", TRACE, *trace, "--", *command]
-    # A tracer and the leak check of a sanitizer build exclude each other.
+    # The leak checker does not work in a process that is traced.
     environment = dict(os.environ, ASAN_OPTIONS="detect_leaks=0")
     return subprocess.run(command, env=environment, stdout=subprocess.PIPE, text=True, timeout=30,
                           check=False, **others)
@@ -57,7 +57,7 @@ def result(*words, trace=()):
 
 
 def calls_of(*words, extra=()):
-    """The system calls from the lock file on: (name, which one of that name it is, its line)."""
+    """The system calls from the lock file on: (name, its number among those of the name, its line)."""
     run(*words, trace=["-s", "0", *extra])
     counts, calls, begun = {}, [], False
     with open(TRACE, encoding="ascii", errors="replace") as trace:
@@ -77,7 +77,7 @@ def inject(name, number, fault):
 
 
 def call_with(calls, pattern):
-    """Name and number of the one call whose line has this in it."""
+    """Name and number of the only call whose line contains this."""
     found = [(name, number) for name, number, line in calls if re.search(pattern, line)]
     assert len(found) == 1, (pattern, found)
     return found[0]
@@ -99,7 +99,7 @@ class KilledTest(unittest.TestCase):
             self.assertIn(content(), (OLD, after), line)
             moved += content() == after
             self.assertLessEqual(set(os.listdir(DIRECTORY)), {"test", LOCK, TEMPORARY})
-            # What was left does the next rewrite no harm, and it leaves nothing itself.
+            # A file that was left behind does not harm the next rewrite, which leaves nothing behind.
             before = content()
             self.assertEqual(result("drop", "nobody"), 0)
             self.assertEqual(content(), before)
@@ -131,7 +131,7 @@ class KilledTest(unittest.TestCase):
 
 class FaultTest(unittest.TestCase):
     def check_refused(self, words, pattern, fault):
-        """The fault at the call with the pattern gives -1, and nothing is changed or left."""
+        """A fault at the call with the pattern gives -1. Nothing is changed or left behind."""
         put(OLD)
         name, number = call_with(calls_of(*words), pattern)
         put(OLD)
@@ -213,7 +213,7 @@ class FaultTest(unittest.TestCase):
 
 
 class FallbackTest(unittest.TestCase):
-    """Where there are no unnamed files, or none can be named, the temporary file has its name."""
+    """Where there are no unnamed files, or they cannot be named, the temporary file has its name from the beginning."""
 
     def check(self, pattern, fault):
         for verb, argument, after in WRITERS:

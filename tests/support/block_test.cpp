@@ -1,6 +1,6 @@
 // nCfg_debug_zone. The library looks for the block when it is loaded, so each case runs a program
-// of its own. Run as root, and the cases that are named AsAnybody as somebody else too: only root's
-// blocks are trusted.
+// of its own. The cases run as root, and those named AsAnybody also as another user: only blocks of
+// root are trusted.
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>

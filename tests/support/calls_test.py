@@ -1,4 +1,4 @@
-"""The support library under strace: failing system calls and the order of those that matter. Every
+"""The support library under strace: failing system calls, and the order of the calls that matter. Every
 case runs the program support_call, whose answer is "ok" or the name of an error."""
 import os
 import re
@@ -28,8 +28,8 @@ class Traced(unittest.TestCase):
         return path
 
     def call(self, *words, inject=None, environment=None, about=None):
-        """Runs the program; returns its answer and the calls on paths and descriptors as text. No
-        descriptor may be left."""
+        """Runs the program. Returns its answer and the calls on paths and descriptors as text. It must not
+        leave a descriptor open."""
         log = os.path.join(self.dir, "log")
         trace = "open,openat,flock,ftruncate,stat,newfstatat,read,pread64,write,fsync,rename," \
                 "renameat,renameat2,unlink,fchmod,fchown,utimensat,close,mkdir,fcntl"
@@ -130,7 +130,7 @@ class MoveCallsTest(Traced):
         return self.call("move", self.source, self.to, inject=inject, about="")
 
     def numbers(self, call):
-        """Which calls of a kind belong to the move: their numbers among all of that kind."""
+        """The numbers of the calls that belong to the move, among all calls of a kind."""
         _, calls = self.again(None)
         begin, end = first(calls, "^rename", "EXDEV"), first(calls, "^unlink", "/from")
         same = [i for i, line in enumerate(calls) if line.startswith(call + "(")]
@@ -177,7 +177,7 @@ class ConfigCallsTest(Traced):
         environment = {"TSMAIL_CONFIG": path}
         answer, calls = self.call("zone", "10", environment=environment)
         self.assertEqual(answer.split(), ["5"] * 10)
-        self.assertEqual(self.opens(calls), 10)  # a change now might not change its times
+        self.assertEqual(self.opens(calls), 10)  # a change at this moment might not change its times
         time.sleep(5)
         answer, calls = self.call("zone", "10", environment=environment)
         self.assertEqual(answer.split(), ["5"] * 10)

@@ -34,7 +34,7 @@ std::string as_text(const void* row) {
 std::string head() { return as_text(kqf_query_table_head(nCfg_query(kArchiveAccounts))); }
 std::string next() { return as_text(kqf_query_get_next(nCfg_query(kArchiveAccounts))); }
 
-// All rows, by a walk that asks for the handle anew before each step.
+// All rows, by a walk that asks for the handle again before each step.
 std::string all_rows() {
     std::string rows;
     for (std::string row = head(); row != "-"; row = next()) rows += row + ' ';
@@ -58,7 +58,7 @@ Checked check(const char* path) {
     return {problems, report};
 }
 
-// Each test has a configuration file of its own in force, which does not exist at first.
+// Each test has a configuration file of its own, which does not exist at first.
 class ConfigFile : public testing::Test {
   protected:
     ConfigFile() { ::setenv("TSMAIL_CONFIG", path.c_str(), 1); }
@@ -66,7 +66,7 @@ class ConfigFile : public testing::Test {
     const std::string path = dir / "tsmail.toml";
 };
 
-// Whether everything is as without a file.
+// Whether all values are those without a file.
 bool defaults_hold() {
     return *cfg_get_TZ() == 0 && std::string(cfg_get_postmaster()) == "postmaster@sandbox" &&
            all_rows().empty();
@@ -98,7 +98,7 @@ name = 'ä'
     EXPECT_EQ(check(nullptr).report, "");
 }
 
-// What is fine, what is not, and where.
+// Good and bad files, and the places of the errors.
 TEST_F(ConfigFile, IsCheckedToTheLimits) {
     const std::string account = "[[archive_account]]\nquota_gib=1\nname=";
     const std::string quota = "[[archive_account]]\nname='a'\nquota_gib=";
@@ -239,7 +239,7 @@ TEST_F(ConfigFile, ASyntaxErrorIsPlaced) {
     EXPECT_TRUE(defaults_hold());
 }
 
-// The parser follows dotted keys without a limit of its own.
+// The parser has no limit for the levels of dotted keys.
 TEST_F(ConfigFile, DeepKeysAreRefused) {
     const auto dotted = [](int dots) {
         std::string key = "a";
@@ -355,7 +355,7 @@ TEST_F(ConfigFile, WithoutMemoryTheDefaultsHold) {
 TEST_F(ConfigFile, AChangeIsSeenByTheNextCall) {
     write(path, "timezone = 1");
     EXPECT_EQ(*cfg_get_TZ(), 1);
-    for (int i = 10; i < 60; ++i) {  // same length, so quick that the times do not differ
+    for (int i = 10; i < 60; ++i) {  // the same length, and so soon that the times do not differ
         write(path, "timezone = " + std::to_string(i));
         ASSERT_EQ(*cfg_get_TZ(), i);
     }
@@ -372,7 +372,7 @@ TEST_F(ConfigFile, AChangeIsSeenByTheNextCall) {
 TEST_F(ConfigFile, AChangeOfASettledFileIsSeenToo) {
     write(path, "timezone = 1");
     write(dir / "other", "timezone = 2");
-    ::sleep(5);  // the file's times prove something now
+    ::sleep(5);  // a change of the file now changes its times
     EXPECT_EQ(*cfg_get_TZ(), 1);
     EXPECT_EQ(*cfg_get_TZ(), 1);
     testing_files::set_mtime(dir / "other", testing_files::status(path).st_mtime);
@@ -499,8 +499,8 @@ TEST_F(Table670, AChildOfForkGoesOnWhereItsParentWas) {
     EXPECT_EQ(next(), "2=2");
 }
 
-// Readers in several threads and a process that replaces the file all the time: each sees one of
-// the files, never a mixture.
+// Several threads read while a process replaces the file all the time. Each thread sees one of the
+// files, never a mixture.
 TEST_F(Table670, ThreadsReadWhileItIsReplaced) {
     set("12");
     testing_processes::Child writer([&] {
@@ -527,7 +527,7 @@ TEST_F(Table670, ThreadsReadWhileItIsReplaced) {
     writer.wait();
 }
 
-// The environment must not lead a program with borrowed rights to a file of the lender's choice.
+// The environment must not lead a set-user-id program to a file that its caller chose.
 TEST(SetUserId, ProgramsIgnoreTheEnvironment) {
     ::setenv("TSMAIL_CONFIG", "/tmp/other.toml", 1);
     int out[2];

@@ -27,14 +27,14 @@ namespace {
 constexpr const char* kModes[] = {"r", "w", "a+"};
 bool is_shared(const std::string& mode) { return mode == "r"; }
 
-// Whether nobody holds a lock that this kind of lock has to wait for.
+// Whether a lock of this kind could be had without waiting.
 bool is_free_for(const std::string& path, int lock) {
     const Fd fd(::open(path.c_str(), O_RDWR));
     return ::flock(fd.get(), lock | LOCK_NB) == 0;
 }
 
-// A process that, when told to, opens and locks a file and then runs the body with the stream. It
-// is made before the test takes a lock itself: a child shares the locks of its parent.
+// A process that opens and locks a file when it is told to, and then runs the body with the stream.
+// It is made before the test takes a lock, because a child shares the locks of its parent.
 class Opener {
   public:
     Opener(
@@ -58,7 +58,7 @@ class Opener {
     }
 
     void start() { EXPECT_EQ(::write(go_[1], "x", 1), 1); }
-    // Whether it has its stream, at once or within the time.
+    // Whether it gets its stream, at once or within the time.
     bool has_it(int milliseconds) {
         struct pollfd ready = {got_[0], POLLIN, 0};
         return ::poll(&ready, 1, milliseconds) == 1 && (ready.revents & POLLIN) != 0;
@@ -71,8 +71,8 @@ class Opener {
     std::unique_ptr<Child> child_;
 };
 
-constexpr int kSoon = 5000;  // for what must happen
-constexpr int kAWhile = 50;  // for what must not
+constexpr int kSoon = 5000;  // the time for what must happen
+constexpr int kAWhile = 50;  // the time for what must not happen
 
 }  // namespace
 
@@ -304,7 +304,7 @@ TEST(Lock, EndsHoweverTheStreamIsClosed) {
                                FILE* stream = open_and_lock_file((dir / "f").c_str(), "w");
                                if (is_free_for(dir / "f", LOCK_SH)) return 1;
                                if (way(stream) != 0) return 2;
-                               // After the first three in the same process.
+                               // They come after the first three of the same process.
                                return name == "exit" || is_free_for(dir / "f", LOCK_EX) ? 0 : 3;
                            })
                                .wait();

@@ -1,4 +1,5 @@
-// tsm_movefile, on one file system and across two: /tmp and /var/spool of the sandbox are not one.
+// tsm_movefile, on one file system and across two: /tmp and /var/spool of the sandbox are different
+// ones.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -105,7 +106,8 @@ TEST_F(Move, AcrossKeepsTheOwnerWherePermitted) {
     EXPECT_EQ(status(kSpool + "/to").st_uid, 1234U);
     EXPECT_EQ(status(kSpool + "/to").st_gid, 1235U);
     EXPECT_EQ(testing_files::mode_of(kSpool + "/to"), 06755U);
-    // Where it is not, the file is the mover's, and must not lend him to others.
+    // Without that permission the new file belongs to the mover, and its set-user-id bits must not
+    // lend others the mover's rights.
     ASSERT_EQ(::chmod((kSpool + "/to").c_str(), 06755), 0);
     const int result = testing_processes::run_unprivileged([&] {
         if (move(kSpool + "/to", dir / "back") != 0) return 1;
@@ -224,14 +226,15 @@ TEST_F(Move, NeedsPermission) {
     ASSERT_EQ(::chmod((kSpool + "/fixed").c_str(), 0755), 0);
     ASSERT_EQ(::chmod((kSpool + "/fixed/file").c_str(), 0644), 0);
     const int result = testing_processes::run_unprivileged([&] {
-        if (::access((dir / "secret").c_str(), R_OK) == 0) {  // it is ours: nobody stepped down
+        if (::access((dir / "secret").c_str(), R_OK) ==
+            0) {  // the file is this process's own, which is still root
             ::chmod((dir / "secret").c_str(), 0);
             ::chmod((kSpool + "/fixed").c_str(), 0555);
         }
         if (move(dir / "secret", kSpool + "/to") != -1 || errno != EACCES) return 1;
         write(dir / "mine", "mine");
         if (move(dir / "mine", kSpool + "/fixed/to") != -1 || errno != EACCES) return 2;
-        // The copy stands when the removal of the original is refused: both hold the bytes.
+        // If the removal of the original is refused, the copy stays: both names have the bytes.
         if (move(kSpool + "/fixed/file", dir / "copy") != -1 || errno != EACCES) return 3;
         if (testing_files::read(dir / "copy") != "x") return 4;
         return testing_files::read(kSpool + "/fixed/file") == "x" ? 0 : 5;

@@ -1,5 +1,6 @@
-/* A program that defines every imported name itself: the one that a library calls is this one, and
- * nobody writes into its variable. Exits with the number of the first check that failed. */
+/* A program that defines every imported name itself: a library calls these, and the support library
+ * does not write into the program's variable. Exits with the number of the first check that failed.
+ */
 #include <dlfcn.h>
 #include <tessaly/support.h>
 
@@ -62,7 +63,7 @@ void* kqf_query_get_next(void* handle) {
 
 int main(void) {
     void* seen = NULL;
-    /* The support library is there, only hidden behind the program. */
+    /* The support library is loaded; the program's names hide it. */
     if (dlopen("libtssupport.so.1", RTLD_NOLOAD | RTLD_LAZY) == NULL) return 1;
     if (nCfg_debug_zone != &zone) return 2;
     if (import_all(&seen) != IMPORTED_FUNCTIONS) return 3;

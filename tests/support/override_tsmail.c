@@ -1,5 +1,5 @@
-/* A program that defines every name that libtsmail imports, and uses what needs them: the library
- * calls the program's. Prints the names that were not called. */
+/* A program that defines every name that libtsmail imports, and calls functions that need them: the
+ * library calls the program's. Prints the names that were not called. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -76,7 +76,7 @@ static void make_directories(void) {
     for (i = 0; i < sizeof path / sizeof *path; ++i) mkdir(path[i], 0777);
 }
 
-/* A line of the first preference that is a text. */
+/* A line for the first text preference. */
 static void parse_a_text(user_pref* pref) {
     char line[256];
     const pref_property* property = pref_properties;

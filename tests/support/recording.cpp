@@ -1,6 +1,6 @@
-// A support library of somebody else: the same names, other behaviour. It writes down every call,
-// in the file that RECORD names, takes no locks, and has a configuration of its own. It lacks what
-// a support library may lack. Built twice, as libtssupport and as libkqfquery.
+// Another support library: the same names with other behaviour. It records every call in the file
+// that RECORD names, takes no locks, and has its own configuration. It lacks the functions that a
+// support library may lack. It is built twice, as libtssupport and as libkqfquery.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <tessaly/Exception.h>
@@ -99,7 +99,7 @@ int tsm_movefile(const char* from, const char* to) {
     return std::rename(from, to);
 }
 
-// Empties nothing, but says that it did.
+// Empties nothing and reports success.
 int tsm_clean_dir(const char* path, int) {
     record("tsm_clean_dir " + text(path));
     return 0;

@@ -1,4 +1,4 @@
-"""Another support library, put in the bundled one's place by the loader alone: the library that was
+"""Another support library, which the loader alone puts in the place of the bundled one. The library that was
 built with the bundled one works with it, unchanged."""
 
 import os
@@ -20,7 +20,7 @@ class ReplacedTest(SpoolCase):
             os.unlink(CALLS)
 
     def theirs(self, *words, code=0, **options):
-        """Runs the command with their library; returns the result and what was called in it."""
+        """Runs the command with their library. Returns the result and the calls that were recorded."""
         env = environment(LD_LIBRARY_PATH=THEIRS, RECORD=CALLS)
         done = run([TSMAIL, *words], env=env, **options)
         self.assertEqual(done.code, code, done)
@@ -95,7 +95,7 @@ class ReplacedTest(SpoolCase):
 
 
 class LibraryTest(SpoolCase):
-    """What the command does not ask for, asked from a program in C."""
+    """Functions that the command does not call, called by a program in C."""
 
     def test_time_zone_flag_and_removal(self):
         if SANITIZED:

@@ -1,5 +1,5 @@
-// support_call FUNCTION [ARGUMENT...] - calls one function of the support library and prints the
-// answer, "ok" or the name of the error, and how many descriptors it left open.
+// support_call FUNCTION [ARGUMENT...] - calls one function of the support library. Prints the
+// answer, "ok" or the name of the error, and the number of descriptors that it left open.
 #include <sys/mman.h>
 #include <tessaly/support.h>
 #include <unistd.h>
@@ -19,7 +19,7 @@ constexpr std::size_t kFlagOffset = 280944;
 
 const char* outcome(bool fine) { return fine ? "ok" : ::strerrorname_np(errno); }
 
-// Opens, locks, writes a line if the mode lets it, and closes.
+// Opens, locks, writes a line if the mode permits it, and closes.
 std::string lock(char** arguments) {
     FILE* stream = open_and_lock_file(arguments[0], arguments[1]);
     if (stream == nullptr) return outcome(false);

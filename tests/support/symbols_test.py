@@ -1,4 +1,4 @@
-"""What the two libraries export, and that nothing binds libtsmail's imports inside itself."""
+"""The exports of the two libraries. libtsmail must not bind its imports inside itself."""
 import os
 import re
 import subprocess
@@ -14,7 +14,7 @@ SUPPORT_NAMES = {
     "trim_right", "cfg_get_TZ", "cfg_get_postmaster", "cfg_get_file", "cfg_check", "nCfg_query",
     "nCfg_debug_zone"}
 KQFQUERY_NAMES = {"kqf_query_table_head", "kqf_query_get_next"}
-# What sanitizers add to any library.
+# Names that sanitizers add to any library.
 NOT_OURS = re.compile(r"^(__asan|__ubsan|__tsan|__odr_asan|_init|_fini)")
 
 
