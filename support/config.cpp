@@ -136,6 +136,7 @@ struct ThreadState {
     Cache cache;
     int timezone = 0;
     ConfigPtr postmaster;  // keeps the text that was returned
+    ConfigPtr mail_user;   // so does this
     char default_postmaster[Tessaly::base::kPostmasterRoom];
     AccountTable accounts;
 };
@@ -212,6 +213,14 @@ const char* cfg_get_postmaster(void) {
     const std::string& configured = state->postmaster->postmaster;
     if (!configured.empty()) return configured.c_str();
     return Tessaly::base::default_postmaster(state->default_postmaster);
+}
+
+const char* cfg_get_mail_user(void) {
+    ThreadState* state = kStates.mine();
+    if (state == nullptr) return nullptr;
+    state->mail_user = state->cache.current();
+    const std::string& configured = state->mail_user->mail_user;
+    return configured.empty() ? nullptr : configured.c_str();
 }
 
 void* nCfg_query(int table) {

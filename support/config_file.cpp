@@ -125,13 +125,15 @@ void read_timezone(const toml::node& node, string_view key, Config& config, Prob
     read_integer(node, key, config.timezone, problems);
 }
 
-void read_postmaster(const toml::node& node, string_view key, Config& config, Problems& problems) {
+// One line of text.
+template <string Config::*field>
+void read_line(const toml::node& node, string_view key, Config& config, Problems& problems) {
     const auto text = read_text(node, key, problems);
     if (!text) return;
     if (std::ranges::any_of(*text, is_control)) {
         problems.error(node.source(), {key, " has a line break or control character in it"});
     } else {
-        config.postmaster = *text;
+        config.*field = *text;
     }
 }
 
@@ -152,7 +154,8 @@ void read_accounts(const toml::node& node, string_view key, Config& config, Prob
 
 constexpr Key<Config> kKeys[] = {
     {"timezone", false, read_timezone},
-    {"postmaster", false, read_postmaster},
+    {"postmaster", false, read_line<&Config::postmaster>},
+    {"mail_user", false, read_line<&Config::mail_user>},
     {"archive_account", false, read_accounts},
 };
 

@@ -25,6 +25,7 @@ static_assert(offsetof(ArchiveAccount, quota_gib) == 640);
 struct Config {
     std::int32_t timezone = 0;
     std::string postmaster;  // empty: base::default_postmaster
+    std::string mail_user;   // empty: none
     std::vector<ArchiveAccount> archive_accounts;
 };
 

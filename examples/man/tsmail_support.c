@@ -8,6 +8,7 @@
 #pragma weak cfg_get_file
 #pragma weak cfg_check
 #pragma weak cfg_get_postmaster
+#pragma weak cfg_get_mail_user
 
 static void print_problem(int line, int column, const char* message, void* file) {
     printf("%s:%d:%d: %s\n", (const char*)file, line, column, message);
@@ -34,6 +35,7 @@ int main(void) {
 
     printf("zone %d, shared block %s\n", *cfg_get_TZ(), nCfg_debug_zone ? "there" : "missing");
     if (cfg_get_postmaster) puts(cfg_get_postmaster());
+    if (cfg_get_mail_user && cfg_get_mail_user()) puts(cfg_get_mail_user());
     if (cfg_get_file && cfg_check) cfg_check(NULL, print_problem, (void*)cfg_get_file());
     print_accounts();
     return 0;

@@ -84,6 +84,7 @@ char* trim_right(char* text);
  *
  *     timezone = 12                       # 32-bit integer; 0 without an entry
  *     postmaster = "postmaster@site.test" # no line break or control character
+ *     mail_user = "vmail"                 # no line break or control character
  *     [[archive_account]]                 # any number of them
  *     name = "archive1"                   # 1 to 635 bytes, no NUL
  *     quota_gib = 40                      # 0 to 65535
@@ -123,6 +124,12 @@ const int* cfg_get_TZ(void);
  * thread's next call. A support library may lack this function; callers ask for it as a weak
  * symbol. */
 const char* cfg_get_postmaster(void);
+
+/* Returns the configured name of the user who gets new mailboxes where the store names no owner.
+ * Returns NULL if none is configured, and for a lack of memory. The text is valid until the
+ * thread's next call. A support library may lack this function; callers ask for it as a weak
+ * symbol. */
+const char* cfg_get_mail_user(void);
 
 /* Returns the handle of a configuration table, for the kqf_ functions below. Returns NULL for an
  * unknown table and for a lack of memory. Each thread has one handle for each table. Another call

@@ -23,7 +23,7 @@ void prepare_file() { write(kFile, "old\n"); }
 
 void prepare_configuration() {
     write(FAULT_WORK "/tsmail.toml",
-          "timezone = 7\npostmaster = \"pm@fault.test\"\n"
+          "timezone = 7\npostmaster = \"pm@fault.test\"\nmail_user = \"vmail\"\n"
           "[[archive_account]]\nname = \"a\"\nquota_gib = 5\n"
           "[[archive_account]]\nname = \"b\"\nquota_gib = 7\n");
     ::setenv("TSMAIL_CONFIG", FAULT_WORK "/tsmail.toml", 1);
@@ -144,6 +144,14 @@ std::vector<Operation> support_operations() {
          .others = {{0, text("postmaster@sandbox")},
                     {0, text("postmaster@localhost")},
                     {0, text("postmaster")}}},
+        {.names = "cfg_get_mail_user",
+         .prepare = prepare_configuration,
+         .run = [](Output& out) -> long long {
+             const char* user = cfg_get_mail_user();
+             out.set_text(user == nullptr ? "" : user);
+             return 0;
+         },
+         .others = {{0, text("")}}},
         configuration_row("nCfg_query kqf_query_table_head kqf_query_get_next",
                           [](Output&) { return sum_of_quotas(); }, 12, {}),
         {.names = "cfg_check",

@@ -34,6 +34,7 @@ std::string default_postmaster() {
 struct Model {
     std::int64_t timezone = 0;
     std::string postmaster = default_postmaster();
+    std::string mail_user;
     std::vector<Account> accounts;
     int errors = 0, warnings = 0;
 };
@@ -83,10 +84,11 @@ void read_key(std::string_view key, const toml::node& node, Model& model) {
         const bool good = is_integer_within(&node, INT32_MIN, INT32_MAX);
         if (good) model.timezone = node.as_integer()->get();
         model.errors += !good;
-    } else if (key == "postmaster") {
+    } else if (key == "postmaster" || key == "mail_user") {
         const bool good = node.is_string() && !node.as_string()->get().empty() &&
                           !has_control(node.as_string()->get());
-        if (good) model.postmaster = node.as_string()->get();
+        std::string& text = key == "postmaster" ? model.postmaster : model.mail_user;
+        if (good) text = node.as_string()->get();
         model.errors += !good;
     } else if (key == "archive_account") {
         if (!node.is_array()) {
@@ -166,6 +168,8 @@ void compare(const toml::parse_result& file, const Report& report) {
     fuzz::expect_equal(report.warnings, model.warnings, "warnings");
     fuzz::expect_equal<std::int64_t>(*cfg_get_TZ(), model.timezone, "time zone");
     fuzz::expect_equal<std::string>(cfg_get_postmaster(), model.postmaster, "postmaster");
+    const char* mail_user = cfg_get_mail_user();
+    fuzz::expect_equal<std::string>(mail_user ? mail_user : "", model.mail_user, "mail user");
     fuzz::expect(accounts_in_force() == model.accounts, "accounts");
 }
 

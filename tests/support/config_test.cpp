@@ -69,7 +69,7 @@ class ConfigFile : public testing::Test {
 // Whether all values are those without a file.
 bool defaults_hold() {
     return *cfg_get_TZ() == 0 && std::string(cfg_get_postmaster()) == "postmaster@sandbox" &&
-           all_rows().empty();
+           cfg_get_mail_user() == nullptr && all_rows().empty();
 }
 
 }  // namespace
@@ -84,6 +84,7 @@ TEST_F(ConfigFile, GivesItsValues) {
     write(path, R"(
 timezone = -12
 postmaster = "Post.Master@Site.Test"
+mail_user = "vmail"
 [[archive_account]]
 name = "archive one"
 quota_gib = 40
@@ -93,6 +94,7 @@ name = 'ä'
 )");
     EXPECT_EQ(*cfg_get_TZ(), -12);
     EXPECT_STREQ(cfg_get_postmaster(), "Post.Master@Site.Test");
+    EXPECT_STREQ(cfg_get_mail_user(), "vmail");
     EXPECT_EQ(all_rows(), "archive one=40 ä=65535 ");
     EXPECT_EQ(check(nullptr).problems, 0);
     EXPECT_EQ(check(nullptr).report, "");
@@ -134,6 +136,10 @@ TEST_F(ConfigFile, IsCheckedToTheLimits) {
         {"postmaster = '''\na\nb'''",
          "1:14 postmaster has a line break or control character in it\n"},
         {"postmaster = 'ü ~'", ""},
+        {"mail_user = ''", "1:13 mail_user is empty\n"},
+        {"mail_user = 8", "1:13 mail_user is not a string\n"},
+        {"mail_user = \"a\\nb\"", "1:13 mail_user has a line break or control character in it\n"},
+        {"mail_user = 'vmail'", ""},
         {"archive_account = []", ""},
         {"archive_account = [{name='a', quota_gib=1}, {name='b', quota_gib=2}]", ""},
         {"archive_account = 1",
@@ -396,14 +402,18 @@ TEST_F(ConfigFile, ItsNameIsToldAndAnEmptyOneIsNone) {
 }
 
 TEST_F(ConfigFile, WhatWasHandedOutStays) {
-    write(path, "timezone = 1\npostmaster = '" + std::string(100, 'p') + "'");
+    write(path, "timezone = 1\npostmaster = '" + std::string(100, 'p') + "'\nmail_user = '" +
+                    std::string(100, 'm') + "'");
     const int* zone = cfg_get_TZ();
     const char* postmaster = cfg_get_postmaster();
+    const char* mail_user = cfg_get_mail_user();
     write(path, "timezone = 2");
     EXPECT_EQ(all_rows(), "");
     EXPECT_EQ(cfg_get_TZ(), zone);
     EXPECT_EQ(*zone, 2);
     EXPECT_EQ(postmaster, std::string(100, 'p'));
+    EXPECT_EQ(mail_user, std::string(100, 'm'));
+    EXPECT_EQ(cfg_get_mail_user(), nullptr);
     EXPECT_STREQ(cfg_get_postmaster(), "postmaster@sandbox");
 }
 

@@ -4,6 +4,7 @@
 #include <tessaly/support.h>
 
 #pragma weak cfg_get_postmaster
+#pragma weak cfg_get_mail_user
 #pragma weak cfg_get_file
 #pragma weak cfg_check
 
@@ -20,6 +21,7 @@ int import_all(void** zone) {
     calls += trim_right(text) == NULL;
     calls += *cfg_get_TZ() == IMPORTED;
     calls += cfg_get_postmaster && cfg_get_postmaster() == NULL;
+    calls += cfg_get_mail_user && cfg_get_mail_user() != NULL;
     calls += cfg_get_file && cfg_get_file() == NULL;
     calls += cfg_check && cfg_check("", NULL, NULL) == IMPORTED;
     calls += table == NULL;

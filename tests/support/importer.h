@@ -3,7 +3,7 @@
 
 /* The answers of the program's functions. Those of the support library never give them. */
 #define IMPORTED 4711
-#define IMPORTED_FUNCTIONS 13
+#define IMPORTED_FUNCTIONS 14
 
 /* Calls each imported function. Returns the number of those that the program defines. *zone: the
  * pointer to the shared block, as this library sees it. */

@@ -41,6 +41,7 @@ const int* cfg_get_TZ(void) {
     return &imported;
 }
 const char* cfg_get_postmaster(void) { return NULL; }
+const char* cfg_get_mail_user(void) { return "imported"; }
 const char* cfg_get_file(void) { return NULL; }
 int cfg_check(const char* path, void (*report)(int, int, const char*, void*), void* arg) {
     (void)path;

@@ -11,8 +11,8 @@ TSMAIL = os.path.join(BUILD, "libtsmail.so.1")
 
 SUPPORT_NAMES = {
     "open_and_lock_file", "close_and_unlock_file", "create_path", "tsm_movefile", "tsm_clean_dir",
-    "trim_right", "cfg_get_TZ", "cfg_get_postmaster", "cfg_get_file", "cfg_check", "nCfg_query",
-    "nCfg_debug_zone"}
+    "trim_right", "cfg_get_TZ", "cfg_get_postmaster", "cfg_get_mail_user",
+    "cfg_get_file", "cfg_check", "nCfg_query", "nCfg_debug_zone"}
 KQFQUERY_NAMES = {"kqf_query_table_head", "kqf_query_get_next"}
 # Names that sanitizers add to any library.
 NOT_OURS = re.compile(r"^(__asan|__ubsan|__tsan|__odr_asan|_init|_fini)")

@@ -82,7 +82,7 @@ class FoldersTest(SpoolCase):
         self.assertEqual(self.shown()["Inbox"], (0, 0, 0))
 
     def test_no_mailbox(self):
-        self.fail_with(67, "folders", "bob@site.test", saying="no mailbox")
+        self.fail_with(67, "folders", "bob@site.test", saying="no such mailbox")
 
     def test_what_cannot_be_read_is_said(self):
         self.put("Work/cur/a", 3)

@@ -2,11 +2,12 @@
 only to that one."""
 
 import os
+import pwd
 import stat
 import sys
 import unittest
 
-from toolkit import HOME, NOBODY, SpoolCase, as_nobody, mail, tsmail
+from toolkit import HOME, NOBODY, SpoolCase, as_nobody, environment, mail, tsmail
 
 ANN = "ann@site.test"
 
@@ -103,6 +104,96 @@ class OwnerTest(SpoolCase):
         self.succeed("pref", "set", ANN, "npage=31", **as_nobody())
         self.succeed("list", "add", ANN, "whitelist", "eve@site.test", **as_nobody())
         self.succeed("recount", ANN, **as_nobody())
+
+
+class CreateTest(SpoolCase):
+    """Whom a new mailbox belongs to."""
+
+    def setUp(self):
+        super().setUp()
+        self.domain = f"{HOME}/site.test"
+        self.home = f"{self.domain}/ann~site.test"
+
+    def assert_owned(self, user, group):
+        for directory, _, names in os.walk(self.home):
+            for name in [".", *names]:
+                status = os.lstat(os.path.join(directory, name))
+                self.assertEqual((status.st_uid, status.st_gid), (user, group), directory)
+        self.assertEqual(os.stat(self.home).st_mode & 0o7777, 0o700)
+        self.assertEqual(os.listdir(self.domain), ["ann~site.test"])
+        self.assertTrue(os.path.isdir(self.home + "/pref"))
+
+    def domain_of(self, user, group, mode=0o755):
+        os.makedirs(self.domain)
+        os.chown(self.domain, user, group)
+        os.chmod(self.domain, mode)
+
+    def configured(self, text):
+        with open("/tmp/tsmail.toml", "w", encoding="ascii") as file:
+            file.write(text)
+        return {"env": environment(TSMAIL_CONFIG="/tmp/tsmail.toml")}
+
+    def test_root_where_nothing_else_is_said(self):
+        self.succeed("create", ANN)
+        self.assert_owned(0, 0)
+
+    def test_the_owner_of_the_domain(self):
+        self.domain_of(20001, 20002)
+        self.succeed("create", ANN, **self.configured("mail_user = '20003'"))
+        self.assert_owned(20001, 20002)
+
+    def test_the_configured_mail_user(self):
+        user = pwd.getpwnam("nobody")
+        self.succeed("create", ANN, **self.configured("mail_user = 'nobody'"))
+        self.assert_owned(user.pw_uid, user.pw_gid)
+        self.fail_with(64, "create", "bert@site.test", saying="unknown user",
+                       **self.configured("mail_user = 'nosuchuser'"))
+
+    def test_owners_that_are_asked_for(self):
+        user = pwd.getpwnam("nobody")
+        for words, owner in (("nobody", (user.pw_uid, user.pw_gid)), ("20001:20002", (20001, 20002)),
+                             (f"{user.pw_uid}:0", (user.pw_uid, 0)), ("root", (0, 0))):
+            for domain in (None, (0, 0), (20009, 20009)):
+                with self.subTest(words=words, domain=domain):
+                    self.setUp()
+                    if domain:
+                        self.domain_of(*domain)
+                    if domain == (20009, 20009) and words == "root":
+                        self.fail_with(73, "create", ANN, "--owner", words)
+                        continue
+                    for _ in range(2):
+                        self.succeed("create", ANN, "--owner", words)
+                        self.assert_owned(*owner)
+
+    def test_owners_that_are_refused(self):
+        for words in ("", "nosuchuser", "20001", "nobody:nosuchgroup", ":nogroup", "-1:0", "4294967295:0"):
+            self.fail_with(64, "create", ANN, "--owner", words, saying="--owner")
+        self.assertEqual(os.listdir("/var/spool"), [])
+
+    def test_a_home_of_somebody_else(self):
+        self.succeed("create", ANN, "--owner", "20001:20001")
+        self.fail_with(73, "create", ANN, "--owner", "20002:20002", saying="belongs to user 20001")
+        self.assert_owned(20001, 20001)
+
+    def test_only_root_gives_away(self):
+        self.domain_of(NOBODY, NOBODY)
+        done = tsmail("create", ANN, "--owner", "20001:20001", **as_nobody())
+        self.assertEqual((done.code, os.listdir(self.domain)), (73, []), done)
+        self.assertIn("only root", done.err)
+        self.assertEqual(tsmail("create", ANN, "--owner", f"{NOBODY}:{NOBODY}", **as_nobody()).code, 0)
+        self.assert_owned(NOBODY, NOBODY)
+
+    def test_a_mask_does_not_close_the_domain(self):
+        os.umask(0o077)
+        self.addCleanup(os.umask, 0o022)
+        self.succeed("create", ANN, "--owner", "20001:20001")
+        self.assert_owned(20001, 20001)
+        self.assertEqual(os.stat(self.domain).st_mode & 0o777, 0o711)
+
+    def test_a_set_group_id_domain(self):
+        self.domain_of(20001, 20002, 0o2755)
+        self.succeed("create", ANN)
+        self.assertEqual(os.stat(self.home).st_gid, 20002)
 
 
 if __name__ == "__main__":

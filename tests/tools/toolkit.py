@@ -116,6 +116,12 @@ def processes_of(process):
     return [str(process.pid), *started]
 
 
+def workers_of(pid):
+    """The processes that the command with this process number has started."""
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
+        return [int(word) for word in file.read().split()]
+
+
 def traced(options, words, **more):
     """Runs words under strace; returns the result and the list of the system calls' lines."""
     log = "/tmp/trace.log"

@@ -83,6 +83,7 @@ class Results {
                 if (wants_steps())
                     progress_.advance(body.value("done", 0U), body.value("total", 0U));
                 return;
+            case Event::fed:
             case Event::passed:
                 return;
             case Event::end:
@@ -194,7 +195,8 @@ class Run {
         for (const Worker& worker : workers_) polled.push_back({worker.socket(), POLLIN, 0});
         polled.push_back({stopped_ ? -1 : job_.signals, POLLIN, 0});
         const int ready = retry([&] { return ::poll(polled.data(), polled.size(), patience()); });
-        if (ready < 0) throw system_failure("poll");
+        if (ready < 0) return bear("waiting for workers");
+        errors_ = 0;
         if (polled.back().revents != 0) stop();
         std::size_t n = 0;
         for (auto worker = workers_.begin(); worker != workers_.end(); ++n) {
@@ -206,6 +208,13 @@ class Run {
             }
             worker = next;
         }
+    }
+
+    // An error of a call that a task does not depend on. To give up at once would leave open what
+    // became of the tasks.
+    void bear(const char* what) {
+        constexpr unsigned kMostErrors = 10;
+        if (++errors_ > kMostErrors) throw system_failure(what);
     }
 
     Clock::time_point deadline(const Worker& worker) const {
@@ -233,7 +242,7 @@ class Run {
 
     void read_from(Workers::iterator worker) {
         try {
-            const bool alive = worker->incoming.fill(worker->socket());
+            const bool alive = hear(*worker);
             while (auto message = worker->incoming.next()) take(*worker, std::move(*message));
             if (!alive) lose(worker, false, "");
         } catch (const std::exception& e) {
@@ -241,10 +250,21 @@ class Run {
         }
     }
 
+    // False if the worker is gone.
+    bool hear(Worker& worker) {
+        try {
+            return worker.incoming.fill(worker.socket());
+        } catch (const Failure&) {
+            bear("reading from a worker");
+            return true;
+        }
+    }
+
     void take(Worker& worker, Message message) {
         if (worker.tasks().empty()) throw Failure(kExitSoftware, "a worker has an answer too many");
         const std::size_t task = worker.tasks().front();
         const Event event = message.event;
+        if (event == Event::fed) worker.begin_anew();
         if (event == Event::passed) worker.pass();
         if (event == Event::end) worker.finish_task();
         results_.put(task, std::move(message));
@@ -254,10 +274,12 @@ class Run {
     void lose(Workers::iterator worker, bool kill, const string& why) {
         Worker lost = std::move(*worker);
         workers_.erase(worker);
-        const int status = lost.end(kill);
         if (lost.tasks().empty()) return;
         const std::size_t task = lost.tasks().front();
         again_.insert(again_.end(), std::next(lost.tasks().begin()), lost.tasks().end());
+        if (kill) lost.stop([&](Message message) { return take_last(lost, std::move(message)); });
+        const int status = lost.end(kill);
+        if (lost.tasks().empty() || lost.tasks().front() != task) return;
         clean_up(task, lost.owner());
         const string text = why.empty() ? end_text(status) : why;
         if (lost.passed()) {
@@ -266,6 +288,15 @@ class Run {
         } else {
             results_.fail(task, {kExitTryAgain, text});
         }
+    }
+
+    // What a worker says that was asked to give its task up. False if that was the end: unless it
+    // succeeded nevertheless, the reason is the one for which it was asked.
+    bool take_last(Worker& worker, Message message) {
+        const bool end = message.event == Event::end;
+        const bool gave_up = end && message.body.value("code", 1) != kExitOk;
+        if (message.event != Event::error && !gave_up) take(worker, std::move(message));
+        return !end;
     }
 
     // In a worker of its own, which has not long to do it.
@@ -295,6 +326,7 @@ class Run {
     std::deque<std::size_t> again_;  // tasks whose worker was lost before it came to them
     std::optional<Owner> owner_;     // of the task that is handed out next
     bool stopped_ = false;
+    unsigned errors_ = 0;  // that were borne since a wait went well
 };
 
 }  // namespace

@@ -62,6 +62,7 @@ class RootsOwn {
             return ::openat(home_.fd.get(), directory.c_str(),
                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         }));
+        if (!fd && errno == ENOENT) return;  // root, and nobody else, took it away meanwhile
         if (!fd) throw system_failure(shown(directory));
         base::DirReader reader(fd.get());
         while (const dirent64* entry = reader.next_real()) look_at(fd.get(), directory, *entry);

@@ -1,6 +1,7 @@
 #include "tools/spool/worker.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -125,7 +126,8 @@ int do_task(const Job& job, const Given& given, Report& report) {
     return kExitOk;
 }
 
-void do_tasks(const Job& job, const std::optional<Failure>& refused) {
+// noexcept: what cannot even be reported ends the process.
+void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept {
     Report report(kSocket);
     while (const auto given = receive_task()) {
         if (refused) report.error(*refused);
@@ -165,7 +167,10 @@ Worker::Worker(const Job& job, const Owner& owner) : owner_(owner) {
 }
 
 Worker::~Worker() {
-    if (socket_) end(!tasks_.empty());
+    if (!socket_) return;
+    const bool busy = !tasks_.empty();
+    if (busy) stop([](const Message& message) { return message.event != Event::end; });
+    end(busy);
 }
 
 bool Worker::give(std::size_t task, int input) {
@@ -182,6 +187,27 @@ void Worker::finish_task() {
 }
 
 void Worker::signal(int number) const { ::kill(process_, number); }
+
+bool Worker::speaks_within(std::chrono::milliseconds time) const {
+    pollfd polled = {socket_.get(), POLLIN, 0};
+    return retry([&] { return ::poll(&polled, 1, static_cast<int>(time.count())); }) > 0;
+}
+
+void Worker::stop(const std::function<bool(Message)>& take) {
+    constexpr std::chrono::milliseconds kPatience{2000};
+    const auto until = Clock::now() + kPatience;
+    signal(SIGTERM);
+    try {
+        for (bool goes_on = true; goes_on;) {
+            const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - Clock::now());
+            if (left.count() <= 0 || !speaks_within(left)) return;
+            goes_on = incoming.fill(socket_.get());
+            while (auto message = incoming.next()) goes_on = take(std::move(*message)) && goes_on;
+        }
+    } catch (const std::exception&) {
+        return;  // what it says cannot be understood: it is ended like a silent one
+    }
+}
 
 int Worker::end(bool kill) {
     ::shutdown(socket_.get(),

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <deque>
+#include <functional>
 
 #include "tools/spool/job.h"
 
@@ -21,7 +22,7 @@ class Worker {
     Worker(const Job& job, const Owner& owner);
     Worker(Worker&&) = default;
     Worker& operator=(Worker&&) = delete;
-    // Ends it; in the middle of a task, too.
+    // Ends it; in the middle of a task as stop() does.
     ~Worker();
 
     // Hands it a task, with the descriptor that the task reads if it is not -1. False if the worker
@@ -36,6 +37,8 @@ class Worker {
 
     // The first task is over.
     void finish_task();
+    // The first task's time begins anew.
+    void begin_anew() { began_ = Clock::now(); }
     // The first task cannot fail any more.
     void pass() {
         passed_ = true;
@@ -46,6 +49,11 @@ class Worker {
     Clock::time_point began() const { return began_; }
 
     void signal(int number) const;
+    // Asks it to give its task up, and hands what it still says to `take`, until that returns false
+    // or the worker ends or has had its time.
+    void stop(const std::function<bool(Message)>& take);
+    // Waits up to some milliseconds until it says something. False if it did not.
+    bool speaks_within(std::chrono::milliseconds time) const;
     // Ends it, or waits for its end. Returns its status as waitpid has it.
     int end(bool kill);
 

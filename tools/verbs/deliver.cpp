@@ -1,7 +1,6 @@
 // deliver - puts messages into a mailbox.
 #include <fmt/format.h>
 #include <sys/random.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cstdlib>
@@ -9,10 +8,13 @@
 #include "tools/cli/address.h"
 #include "tools/cli/input.h"
 #include "tools/cli/text.h"
-#include "tools/spool/identity.h"
+#include "tools/spool/mailbox_job.h"
+#include "tools/spool/new_home.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/delivery.h"
 #include "tools/work/quota_daemon.h"
+#include "tools/work/records.h"
+#include "tools/work/signals.h"
 
 namespace Tessaly::tool {
 
@@ -47,83 +49,109 @@ string own_queue_id() {
     return id;
 }
 
-// Everything about the mailbox that is the same for each message.
-struct Target {
+// ---- as the mailbox's owner
+
+// What is the same for each message.
+struct Plan {
     TSMailUserId id;
-    string folder;
+    std::optional<string> folder;
     string queue_id;
-    FolderMaker maker;
-    bool may_make;
+    mode_t callers_umask;
+    bool may_make_mailbox;
+    bool may_make_folder;
 };
 
-Target target_of(const Session& session, const Arguments& arguments) {
+void deliver(const Plan& plan, const Input& input, Report& report) {
+    const SignalHold signals;
+    const FolderMaker maker(plan.callers_umask);
+    if (!mailbox_exists(plan.id)) {
+        if (!plan.may_make_mailbox) demand_mailbox(plan.id);
+        maker.make_mailbox(plan.id);
+    }
+    const string folder = choose_folder(plan.id, plan.folder, plan.may_make_folder);
+    Delivery delivery(plan.id, folder, maker, plan.may_make_folder);
+    delivery.deliver(input, plan.queue_id, signals, report);
+}
+
+// ---- in the parent
+
+Plan plan_of(const Session& session, const Arguments& arguments) {
     const TSMailUserId id = mailbox_of(arguments.address);
     if (arguments.folder) check_folder_name(*arguments.folder);
     if (arguments.queue_id) check_queue_id(*arguments.queue_id);
-    const FolderMaker maker(session.callers_umask);
-    if (!mailbox_exists(id)) {
-        if (!arguments.create) demand_mailbox(id);
-        maker.make_mailbox(id);
-    }
-    const AsOwner owner(session, id);
-    return {id, choose_folder(id, arguments.folder, !arguments.no_new_folder),
-            arguments.queue_id.value_or(own_queue_id()), maker, !arguments.no_new_folder};
+    return {id,
+            arguments.folder,
+            arguments.queue_id.value_or(own_queue_id()),
+            session.callers_umask,
+            arguments.create,
+            !arguments.no_new_folder};
 }
 
-void show(Session& session, const Delivered& delivered) {
-    const auto& [folder, path, size, shortfall] = delivered;
-    if (session.json) {
-        session.out.object(Json{{"path", path}, {"folder", folder}, {"size", size}});
-    } else {
-        session.out.line(path);
-    }
-    // At once: who is told of a message need not deliver it again.
-    if (!session.out.finish()) session.warn("standard output: " + error_text(errno));
-    if (shortfall.not_synced)
-        session.warn(path + " was delivered, but may not survive a crash yet");
-    if (shortfall.folder_not_counted)
-        session.warn(path + " is missing in its folder's size record");
-    if (shortfall.mailbox_not_counted)
-        session.warn(path + " is missing in the mailbox's size record");
-}
-
-// One message. When it stands in the folder the answer is success, whatever comes after.
-int deliver_one(Session& session, const Target& target, const string& file,
-                const SignalHold& signals, QuotaDaemon& daemon) {
+Owner owner_for(Session& session, const Plan& plan) {
     try {
-        const Input input = open_input(file);
-        const AsOwner owner(session, target.id);
-        Delivery delivery(target.id, target.folder, target.maker, target.may_make);
-        const Delivered delivered = delivery.deliver(input, target.queue_id, signals);
-        show(session, delivered);
-        daemon.tell(target.id.mailfolder(delivered.folder), static_cast<long long>(delivered.size));
-        return kExitOk;
-    } catch (const Failure& failure) {
-        session.error(failure.what());
-        return for_queue(failure).code();
-    }
-}
-
-Target ready_target(const Session& session, const Arguments& arguments) {
-    try {
-        return target_of(session, arguments);
+        return plan.may_make_mailbox ? owner_of_made_mailbox(session, plan.id, {})
+                                     : Homes().owner(plan.id);
     } catch (const Failure& failure) {
         throw for_queue(failure);
     }
 }
 
-int run_deliver(Session& session, const Arguments& arguments) {
-    seed_random();
-    const SignalHold signals;
-    const Target target = ready_target(session, arguments);
-    QuotaDaemon daemon;
-    if (arguments.files.empty()) return deliver_one(session, target, "", signals, daemon);
-    int worst = kExitOk;
-    for (const string& file : arguments.files) {
-        signals.check();
-        worst = std::max(worst, deliver_one(session, target, file, signals, daemon));
+void show(Session& session, const Json& delivered) {
+    if (session.json) {
+        session.out.object(delivered);
+    } else {
+        session.out.line(printable(delivered.at("path").get<string>()));
     }
-    return worst;
+    // At once: who is told of a message need not deliver it again.
+    if (!session.out.finish()) session.warn("standard output: " + error_text(errno));
+}
+
+// The messages: files, or standard input.
+class Messages {
+  public:
+    explicit Messages(const std::vector<string>& files) : files_(files) {}
+
+    std::size_t count() const { return std::max<std::size_t>(files_.size(), 1); }
+    // In the parent, with the caller's rights.
+    Fd open(std::size_t n) const {
+        return files_.empty() ? Fd() : std::move(open_input(files_[n]).owned);
+    }
+    // In the worker, what was opened.
+    Input opened(std::size_t n, int fd) const {
+        return files_.empty() ? open_input("") : Input{Fd(), fd, printable(files_[n])};
+    }
+
+  private:
+    const std::vector<string>& files_;
+};
+
+int run_deliver(Session& session, const Arguments& arguments) {
+    const Plan plan = plan_of(session, arguments);
+    const Messages messages(arguments.files);
+    const SignalHold signals;
+    const Owner owner = owner_for(session, plan);
+    QuotaDaemon daemon;
+    seed_random();  // for the worker
+    Job job;
+    job.count = messages.count();
+    job.signals = signals.fd();
+    job.owner = [&](std::size_t) { return owner; };
+    job.input = [&](std::size_t n) { return messages.open(n); };
+    job.work = [&](std::size_t n, int input, Report& report) {
+        try {
+            deliver(plan, messages.opened(n, input), report);
+        } catch (const Failure& failure) {
+            report.error(for_queue(failure));
+        }
+        return kExitOk;
+    };
+    job.show = [&](std::size_t, const Json& delivered) {
+        show(session, delivered);
+        daemon.tell(plan.id.mailfolder(delivered.at("folder").get<string>()),
+                    delivered.at("size").get<long long>());
+    };
+    job.after_kill = [&](std::size_t) { mark_for_recount(plan.id); };
+    return run_job(session, job).code;
 }
 
 void declare_deliver(Verb& verb, Arguments& arguments) {

@@ -38,12 +38,13 @@ std::size_t read_piece(const Input& input, char* piece, const SignalHold& signal
     }
 }
 
-unsigned long long copy(const Input& input, int to, const SignalHold& signals) {
+unsigned long long copy(const Input& input, int to, const SignalHold& signals, Report& report) {
     char piece[kPiece];
     unsigned long long size = 0;
     while (const std::size_t n = read_piece(input, piece, signals)) {
         write_all(to, {piece, n});
         size += n;
+        report.fed();
     }
     return size;
 }
@@ -67,8 +68,8 @@ class Delivery::Draft {
     SpoolFile& file() { return file_; }
     unsigned long long size() const { return size_; }
 
-    void write(const Input& input, const SignalHold& signals) {
-        size_ = copy(input, file_.fd(), signals);
+    void write(const Input& input, const SignalHold& signals, Report& report) {
+        size_ = copy(input, file_.fd(), signals, report);
         if (retry([&] { return ::fsync(file_.fd()); }) != 0) {
             throw system_failure("writing below tmp");
         }
@@ -122,40 +123,47 @@ bool Delivery::lock_place(const Place& place, const SignalHold& signals, FolderL
     throw system_failure(printable(id_.mailfolder(folder_)));
 }
 
-Delivered Delivery::deliver(const Input& input, const string& queue_id, const SignalHold& signals) {
+void Delivery::deliver(const Input& input, const string& queue_id, const SignalHold& signals,
+                       Report& report) {
     auto draft = std::make_unique<Draft>(open_place(), queue_id);
-    draft->write(input, signals);
+    draft->write(input, signals, report);
     FolderLock lock;
     while (!lock_place(draft->place(), signals, lock)) {
         lock.unlock();
         auto next = std::make_unique<Draft>(open_place(), queue_id);
-        next->write(draft->written(), signals);
+        next->write(draft->written(), signals, report);
         draft = std::move(next);
     }
     signals.check();
-    return appear(*draft, lock);
+    appear(*draft, lock, report);
 }
 
-Delivered Delivery::appear(Draft& draft, const FolderLock& lock) {
-    Delivered delivered;
-    delivered.folder = folder_;
-    delivered.size = draft.size();
-    delivered.path = id_.mailfolder(folder_).append("/new/");
-    delivered.path.reserve(delivered.path.size() + NAME_MAX);
+void Delivery::appear(Draft& draft, const FolderLock& lock, Report& report) const {
+    string path = id_.mailfolder(folder_).append("/new/");
+    path.reserve(path.size() + NAME_MAX);
     const Fd fresh(retry([&] { return ::openat(lock.fd(), "new", kDirectory); }));
-    if (!fresh) throw system_failure(printable(delivered.path));
-    delivered.path += draft.file().appear(fresh.get(), delivered.size);
-    settle(fresh.get(), delivered);
-    return delivered;
+    if (!fresh) throw system_failure(printable(path));
+    path += draft.file().appear(fresh.get(), draft.size());
+    report.passed();
+    settle(fresh.get(), path, draft.size(), report);
 }
 
-void Delivery::settle(int fresh, Delivered& delivered) const noexcept {
-    const auto size = static_cast<long long>(delivered.size);
-    Shortfall& shortfall = delivered.shortfall;
-    shortfall.not_synced = retry([&] { return ::fsync(fresh); }) != 0;
-    shortfall.folder_not_counted = !add_to_folder_record(id_.mailfolder(folder_), size, 1);
-    shortfall.mailbox_not_counted = !add_to_mailbox_record(id_, size, 1);
-    if (shortfall.folder_not_counted || shortfall.mailbox_not_counted) mark_for_recount(id_);
+// The message is shown before it is counted, as a record may be locked for longer than anybody
+// waits.
+void Delivery::settle(int fresh, const string& path, unsigned long long size,
+                      Report& report) const {
+    const bool flushed = retry([&] { return ::fsync(fresh); }) == 0;
+    report.object({{"path", path}, {"folder", folder_}, {"size", size}});
+    if (!flushed) {
+        report.warn(printable(path) + ": delivered, but it may not survive a crash yet");
+    }
+    report.send();
+    const auto bytes = static_cast<long long>(size);
+    const bool in_folder = add_to_folder_record(id_.mailfolder(folder_), bytes, 1);
+    const bool in_mailbox = add_to_mailbox_record(id_, bytes, 1);
+    if (!in_folder) report.warn(printable(path) + ": missing in its folder's size record");
+    if (!in_mailbox) report.warn(printable(path) + ": missing in the mailbox's size record");
+    if (!in_folder || !in_mailbox) mark_for_recount(id_);
 }
 
 }  // namespace Tessaly::tool

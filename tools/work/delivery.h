@@ -12,6 +12,7 @@
 #include "tools/cli/input.h"
 #include "tools/work/folder.h"
 #include "tools/work/folder_lock.h"
+#include "tools/work/report.h"
 #include "tools/work/signals.h"
 
 namespace Tessaly::tool {
@@ -21,20 +22,6 @@ namespace Tessaly::tool {
 // missing one gives Inbox.
 std::string choose_folder(const TSMailUserId& id, const std::optional<std::string>& option,
                           bool may_make);
-
-// What went wrong after the message was delivered.
-struct Shortfall {
-    bool not_synced = false;
-    bool folder_not_counted = false;
-    bool mailbox_not_counted = false;
-};
-
-struct Delivered {
-    std::string folder;  // its name in the mailbox
-    std::string path;
-    unsigned long long size = 0;
-    Shortfall shortfall;
-};
 
 // A folder to deliver into.
 class Delivery {
@@ -51,9 +38,11 @@ class Delivery {
     // message is written again into the one that is there then, or is made.
     //
     // A Failure means that nothing is left behind and nothing counted. Once the message stands in
-    // new it is delivered, and what fails then is a shortfall. If a record could not be written the
+    // new it is delivered: that is reported at once, the message as {"path", "folder", "size"} when
+    // it is flushed, and what fails from then on as warnings. If a record could not be written the
     // mailbox is marked for a recount.
-    Delivered deliver(const Input& input, const std::string& queue_id, const SignalHold& signals);
+    void deliver(const Input& input, const std::string& queue_id, const SignalHold& signals,
+                 Report& report);
 
   private:
     struct Place {
@@ -64,8 +53,8 @@ class Delivery {
     Place open_place();
     bool find_place(Place& place) const;
     bool lock_place(const Place& place, const SignalHold& signals, FolderLock& lock) const;
-    Delivered appear(Draft& draft, const FolderLock& lock);
-    void settle(int fresh, Delivered& delivered) const noexcept;
+    void appear(Draft& draft, const FolderLock& lock, Report& report) const;
+    void settle(int fresh, const std::string& path, unsigned long long size, Report& report) const;
 
     TSMailUserId id_;
     std::string folder_;

@@ -17,8 +17,6 @@ namespace {
 
 using std::string;
 
-constexpr mode_t kSharedMode = 0777;
-
 class Umask {
   public:
     explicit Umask(mode_t mask) : before_(::umask(mask)) {}
@@ -78,12 +76,8 @@ string existing_folder(const TSMailUserId& id, const string& name) {
     throw Failure(kExitNoInput, "there is no folder \"" + printable(name) + '"');
 }
 
-// The library would make the directories above a home private too, and they hold other users'
-// homes.
 bool FolderMaker::make_roots(const TSMailUserId& id) const {
     const Umask mask(umask_);
-    const string shared = id.fname(MUF_HOME_PARENT);
-    if (create_path(shared.c_str(), kSharedMode) != 0) throw system_failure(printable(shared));
     const string address = id.address();
     bool missing = false;
     for (const auto& [path, make] :

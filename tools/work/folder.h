@@ -25,7 +25,8 @@ class FolderMaker {
   public:
     explicit FolderMaker(mode_t callers_umask) : umask_(callers_umask) {}
 
-    // Makes the mail and preference roots, where missing. Whether anything was.
+    // Makes the mail and preference roots in a home that is there, where missing. Whether anything
+    // was.
     bool make_roots(const TSMailUserId& id) const;
     // Makes a folder where it or a part of it is missing, and every folder above it: only a folder
     // within folders is found again. Whether anything was missing. What was made is on the disk

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <cstring>
 
-#include "base/io.h"
 #include "tools/cli/descriptors.h"
 
 namespace Tessaly::tool {
@@ -24,6 +23,17 @@ struct Head {
 constexpr std::size_t kFull = 32768;                    // bytes collected before they are sent
 constexpr std::size_t kLongest = std::size_t{1} << 28;  // of a body
 
+using std::chrono::milliseconds;
+using Clock = std::chrono::steady_clock;
+
+// Whether it is time for something that is done once in a pause.
+bool has_come(Clock::time_point& next, milliseconds pause) {
+    const auto now = Clock::now();
+    if (now < next) return false;
+    next = now + pause;
+    return true;
+}
+
 Failure garbled() { return {kExitSoftware, "a worker's answer cannot be read"}; }
 
 }  // namespace
@@ -35,15 +45,21 @@ void Report::error(const Failure& failure) {
 }
 
 void Report::progress(std::size_t done, std::size_t total) {
-    constexpr std::chrono::milliseconds kPause{100};
-    const auto now = std::chrono::steady_clock::now();
-    if (now < next_progress_) return;
-    next_progress_ = now + kPause;
+    constexpr milliseconds kPause{100};
+    if (!has_come(next_progress_, kPause)) return;
     put(Event::progress, {{"done", done}, {"total", total}});
     send();
 }
 
+void Report::fed() {
+    constexpr milliseconds kPause{1000};
+    if (!has_come(next_fed_, kPause)) return;
+    put(Event::fed, Json::object());
+    send();
+}
+
 void Report::passed() {
+    passed_ = true;
     put(Event::passed, Json::object());
     send();
 }
@@ -51,7 +67,10 @@ void Report::passed() {
 void Report::end(int code) {
     put(Event::end, {{"code", std::max(code, worst_)}});
     worst_ = kExitOk;
+    passed_ = true;
     send();
+    passed_ = false;
+    if (unheard_) ::_exit(kExitTryAgain);
 }
 
 void Report::put(Event event, const Json& body) {
@@ -64,9 +83,15 @@ void Report::put(Event event, const Json& body) {
     if (pending_.size() >= kFull) send();
 }
 
-// Without a reader there is nobody left to work for.
+// Without a reader there is nobody left to work for, so the task is given up while it can be.
 void Report::send() {
-    if (!base::write_all(socket_, pending_)) ::_exit(kExitTryAgain);
+    constexpr int kAttempts = 10;  // after an error that is not the reader's end
+    for (int attempt = 0; !unheard_ && !pending_.empty(); ++attempt) {
+        const ssize_t n = retry([&] { return ::write(socket_, pending_.data(), pending_.size()); });
+        if (n > 0) pending_.erase(0, static_cast<std::size_t>(n));
+        if (n < 0) unheard_ = errno == EPIPE || errno == ECONNRESET || attempt >= kAttempts;
+    }
+    if (unheard_ && !passed_) throw Failure(kExitTryAgain, "the command was ended");
     pending_.clear();
 }
 

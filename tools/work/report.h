@@ -20,6 +20,7 @@ enum class Event : unsigned char {
     detail,    // {"text"}
     error,     // {"text", "code", "errno"}: something was left out; the work goes on
     progress,  // {"done", "total"}
+    fed,       // some of the task's input came: its time begins anew
     passed,    // nothing that happens from here on makes the task fail
     end,       // {"code"}: the task is over
 };
@@ -29,7 +30,8 @@ struct Message {
     Json body;
 };
 
-// The worker's end. Messages are collected; those that somebody waits for are sent at once.
+// The worker's end. Messages are collected; those that somebody waits for are sent at once. When
+// the parent is gone each call is a Failure until the task has passed; then it does nothing.
 class Report {
   public:
     explicit Report(int socket) : socket_(socket) {}
@@ -40,18 +42,25 @@ class Report {
     void error(const Failure& failure);
     // Ten times a second at most.
     void progress(std::size_t done, std::size_t total);
+    // The task has got some of its input, for which its mailbox's owner is not to blame. Sent once
+    // a second at most.
+    void fed();
     // From here on the task succeeds, whatever comes: a message was delivered, say.
     void passed();
-    // The task's exit code is the larger one of `code` and those of its errors.
+    // The task's exit code is the larger one of `code` and those of its errors. Ends the process if
+    // the parent is gone.
     void end(int code);
+    // Sends what was collected.
+    void send();
 
   private:
     void put(Event event, const Json& body);
-    void send();
 
     int socket_;
     int worst_ = kExitOk;
-    std::chrono::steady_clock::time_point next_progress_;
+    bool passed_ = false;
+    bool unheard_ = false;  // the parent is gone
+    std::chrono::steady_clock::time_point next_progress_, next_fed_;
     std::string pending_;
 };
 

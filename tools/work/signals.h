@@ -13,6 +13,8 @@ class SignalHold {
   public:
     SignalHold();
 
+    // Readable when a signal has come.
+    int fd() const { return signals_.get(); }
     // Waits until the descriptor can be read.
     void wait_readable(int fd) const;
     // Waits a moment.
