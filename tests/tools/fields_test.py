@@ -152,7 +152,7 @@ class VerboseTest(SpoolCase):
         run(["chown", "-R", "1000:1000", f"{HOME}/site.test/ann~site.test"])
         self.assertEqual(self.succeed("folders", ANN).err, "")
         self.assertRegex(self.succeed("-v", "folders", ANN).err,
-                         rf"^tsmail: working as the owner of {re.escape(mail(ANN))}, user 1000\n$")
+                         r"^tsmail: working as user 1000, group \d+\n$")
         self.assertEqual(self.succeed("-v", "-q", "folders", ANN).err, "")
 
 

@@ -115,7 +115,7 @@ class Results {
 class Run {
   public:
     Run(Session& session, const Job& job)
-        : job_(job), limit_(session.timeout), results_(session, job) {}
+        : session_(session), job_(job), limit_(session.timeout), results_(session, job) {}
 
     JobResult run() {
         for (;;) {
@@ -176,10 +176,17 @@ class Run {
         }
         if (best != nullptr && best->tasks().empty()) return best;
         if (workers_.size() >= job_.jobs) retire_idle();
-        if (workers_.size() < job_.jobs) return &workers_.emplace_back(job_, owner);
+        if (workers_.size() < job_.jobs) return &start_worker(owner);
         // Behind a task that waits nobody else's may wait.
         const std::size_t queue = job_.input || job_.jobs > 1 ? 1 : kQueue;
         return best != nullptr && best->tasks().size() < queue ? best : nullptr;
+    }
+
+    Worker& start_worker(const Owner& owner) {
+        if (owner.change) {
+            session_.detail(fmt::format("working as user {}, group {}", owner.user, owner.group));
+        }
+        return workers_.emplace_back(job_, owner);
     }
 
     void retire_idle() {
@@ -318,6 +325,7 @@ class Run {
         }
     }
 
+    const Session& session_;
     const Job& job_;
     const seconds limit_;
     Results results_;
