@@ -13,7 +13,7 @@ import sys
 import time
 import unittest
 
-from tools.toolkit import SANITIZED, Lock, SpoolCase, content, mail, tsmail, write
+from tools.toolkit import SANITIZED, TSMAIL, Lock, SpoolCase, content, environment, mail, run, tsmail, write
 
 ANN, BERT, MAILMAN = "ann@site.test", "bert@site.test", 20009
 USERS = {ANN: 20001, BERT: 20002}
@@ -501,6 +501,25 @@ while True:
                 with self.subTest(name=name, target=target, words=words):
                     self.exchanged(name, target, words)
 
+    def test_exchanges_beside_delayed_calls(self):
+        """Each look at a path takes so long that an exchange comes in between."""
+        for name, words in itertools.product(("mail", "mail/Inbox"), self.CHANGING[:5]):
+            with self.subTest(name=name, words=words):
+                self.restore()
+                os.symlink(ROOTS, home() + "/link")
+                os.lchown(home() + "/link", USERS[ANN], USERS[ANN])
+                before = self.outside(words)
+                with subprocess.Popen([sys.executable, "-c", self.SWAP, f"{home()}/{name}", home() + "/link"],
+                                      user=USERS[ANN], group=USERS[ANN], extra_groups=[]) as swapper:
+                    try:
+                        run(["strace", "-f", "-qq", "-o", "/dev/null", "-e",
+                             "inject=openat,newfstatat,readlinkat,mkdirat,linkat,renameat2:delay_exit=3000",
+                             TSMAIL, "--timeout", "5", *words], stdin=b"x",
+                            env=environment(ASAN_OPTIONS="detect_leaks=0"))
+                    finally:
+                        swapper.kill()
+                self.assertEqual(self.outside(words), before)
+
     def test_homes_exchanged_by_the_owner_of_the_domain(self):
         """Whoever owns the domain's directory can exchange homes; nobody's files but those of the named mailbox's
         owner change, whoever that is at the moment."""
@@ -572,6 +591,37 @@ class ListsTest(VerbsCase):
             os.chmod(self.TOP, 0o777)
             self.assertEqual(tsmail(*words).code, 73, words)
         self.run_each(answer)
+
+
+class DomainTest(VerbsCase):
+    """The owner of a domain's directory may link homes, but root does not work where such a link leads to root."""
+
+    def linked(self, target, owner):
+        domain = os.path.dirname(home())
+        os.chown(domain, MAILMAN, MAILMAN)
+        os.rename(home(), "/var/spool/elsewhere")
+        os.symlink(target, home())
+        os.lchown(home(), owner, owner)
+
+    def test_twin(self):
+        for owner in (0, MAILMAN):
+            self.restore()
+            self.linked("/var/spool/elsewhere", owner)
+            for words in (("recount", ANN), ("deliver", ANN), ("create", ANN, "Extra"), ("size", ANN)):
+                self.assertEqual(tsmail(*words, stdin=b"x").code, 0, words)
+
+    def test_a_link_to_roots_directory(self):
+        for owner, target in itertools.product((0, MAILMAN), (ROOTS, "../../root", "/var/spool/root/.")):
+            self.restore()
+            self.linked(target, owner)
+            os.mkdir(ROOTS + "/mail")
+            before = everything(ROOTS)
+            for words in VERBS:
+                if words[0] == "usage" or "--all" in words:
+                    continue
+                done = tsmail("--timeout", "2", *words, stdin=b"x")
+                self.assertIn(done.code, (73, 75), (words, done))
+                self.assertEqual(everything(ROOTS), before, (words, target))
 
 
 class CreateTest(VerbsCase):
