@@ -43,9 +43,7 @@ bool empty_sub_dir(int folder, const char* name) {
 }
 
 void remove_cache_file(int folder) {
-    char path[32];
-    tsl_get_maildir_cache_file(".", path, sizeof path);
-    retry([&] { return ::unlinkat(folder, path, 0); });
+    retry([=] { return ::unlinkat(folder, Tessaly::names::kScanCache.data(), 0); });
 }
 
 }  // namespace

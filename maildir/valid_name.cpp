@@ -15,8 +15,6 @@ namespace {
 
 using std::string_view;
 
-enum Verdict { valid = 0, malformed = 1, reserved = 2 };
-
 constexpr string_view kForbidden = "/\\?*:\"<>|";
 
 bool is_sub_dir(string_view name) {
@@ -24,33 +22,35 @@ bool is_sub_dir(string_view name) {
     return std::find(std::begin(kSubDirs), std::end(kSubDirs), name) != std::end(kSubDirs);
 }
 
-Verdict judge_component(string_view name, unsigned flags) {
-    if (name.empty() || name.front() == '.') return malformed;
-    if (name.find_first_of(kForbidden) != string_view::npos) return malformed;
-    return (flags & TSL_NAME_REFUSE_SUB_DIRS) != 0 && is_sub_dir(name) ? reserved : valid;
+tsl_name_result judge_component(string_view name, unsigned flags) {
+    if (name.empty() || name.front() == '.') return TSL_NAME_MALFORMED;
+    if (name.find_first_of(kForbidden) != string_view::npos) return TSL_NAME_MALFORMED;
+    return (flags & TSL_NAME_REFUSE_SUB_DIRS) != 0 && is_sub_dir(name) ? TSL_NAME_RESERVED
+                                                                       : TSL_NAME_VALID;
 }
 
 // The first bad component decides.
-Verdict judge(string_view name, unsigned flags) {
+tsl_name_result judge(string_view name, unsigned flags) {
     std::vector<string_view> components{name};
     if ((flags & TSL_NAME_IS_PATH) != 0) {
         boost::algorithm::split(components, name, boost::algorithm::is_any_of("/"));
     }
     for (const string_view component : components) {
-        if (const Verdict verdict = judge_component(component, flags); verdict != valid) {
-            return verdict;
+        if (const tsl_name_result result = judge_component(component, flags);
+            result != TSL_NAME_VALID) {
+            return result;
         }
     }
-    return valid;
+    return TSL_NAME_VALID;
 }
 
 }  // namespace
 
 int tsl_is_valid_mailbox_name(const char* name, unsigned int flags) {
-    if (name == nullptr) return malformed;
+    if (name == nullptr) return TSL_NAME_MALFORMED;
     try {
         return judge(name, flags);
     } catch (...) {  // a lack of memory; the splitting declares more than base::no_throw answers
-        return malformed;
+        return TSL_NAME_MALFORMED;
     }
 }

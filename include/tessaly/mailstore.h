@@ -169,6 +169,13 @@ enum tsl_name_flag {
     TSL_NAME_REFUSE_SUB_DIRS = 2 /* refuse components that are exactly "new", "cur" or "tmp" */
 };
 
+/* Results of tsl_is_valid_mailbox_name. */
+enum tsl_name_result {
+    TSL_NAME_VALID = 0,
+    TSL_NAME_MALFORMED = 1,
+    TSL_NAME_RESERVED = 2 /* by TSL_NAME_REFUSE_SUB_DIRS */
+};
+
 /* Tests a folder name that a person gave, before a folder is made by it. flags may combine: 1 the
  * name is a path of folders separated by '/'; 2 refuse components that are exactly "new", "cur" or
  * "tmp". Returns 0 if the name is valid. Returns 1 if it is malformed: NULL, empty, an empty

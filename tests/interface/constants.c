@@ -1,6 +1,5 @@
-/* The enumerators are interface, but the functions of the library do not have their types: callers
- * pass them as int. These functions have the types, so that the recorded interface of this library
- * contains the enumerators. */
+/* The enumerators are interface, but no function of the library has their types: callers pass them
+ * as int. These functions have, so that the kept dump of this library's interface holds them. */
 #include <tessaly/maillist.h>
 #include <tessaly/mailstore.h>
 #include <tessaly/userpref.h>
@@ -9,6 +8,7 @@
 
 SHOWN void interface_file_kind(enum MailUserFileKind kind);
 SHOWN void interface_name_flag(enum tsl_name_flag flag);
+SHOWN void interface_name_result(enum tsl_name_result result);
 SHOWN void interface_scan_flag(enum tsl_scan_flag flag);
 SHOWN void interface_list_scope(enum mail_list_scope scope);
 SHOWN void interface_preference_type(enum pref_type type);
@@ -16,6 +16,7 @@ SHOWN void interface_convertors(pref_text_to_field read, pref_field_to_text writ
 
 void interface_file_kind(enum MailUserFileKind kind) { (void)kind; }
 void interface_name_flag(enum tsl_name_flag flag) { (void)flag; }
+void interface_name_result(enum tsl_name_result result) { (void)result; }
 void interface_scan_flag(enum tsl_scan_flag flag) { (void)flag; }
 void interface_list_scope(enum mail_list_scope scope) { (void)scope; }
 void interface_preference_type(enum pref_type type) { (void)type; }

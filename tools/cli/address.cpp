@@ -1,7 +1,10 @@
 #include "tools/cli/address.h"
 
+#include <algorithm>
 #include <climits>
+#include <iterator>
 
+#include "base/store_names.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 
@@ -16,9 +19,6 @@ using std::string_view;
 constexpr std::size_t kLongestName = NAME_MAX - 32;
 constexpr std::size_t kLongestQueueId = 100;
 constexpr std::size_t kLongestList = 100;
-// Of tsl_is_valid_mailbox_name.
-constexpr unsigned kFolderPath = 1, kNoMaildirNames = 2;
-constexpr int kMalformed = 1, kReserved = 2;
 
 // What a mailbox type takes as its text, and whether the domain is a directory of the home's path.
 enum class Takes { nothing, address, address_with_domain, name, path };
@@ -38,6 +38,7 @@ constexpr Takes kTakes[] = {
     /* GIVEN_PATH_2 */ Takes::path,
     /* LOCAL */ Takes::address_with_domain,
 };
+static_assert(std::size(kTakes) == MAILBOX_LOCAL + 1, "a row for each mailbox type");
 
 constexpr char kMaildirNames[] = "\"new\", \"cur\" and \"tmp\" are parts of a folder";
 constexpr char kDots[] = "\".\" and \"..\" are no names";
@@ -88,7 +89,8 @@ const char* against(const TSMailUserId& id, string_view text, Takes takes) {
 // folder "Cur", but walks leave out such names in any letter case: its mail would never be found.
 const char* against_folder_component(string_view name) {
     const string letters = folded(name);
-    if (letters == "new" || letters == "cur" || letters == "tmp") {
+    if (std::find(std::begin(names::kSubDirs), std::end(names::kSubDirs), letters) !=
+        std::end(names::kSubDirs)) {
         return kMaildirNames;
     }
     return name.size() > NAME_MAX ? "it is too long" : nullptr;
@@ -96,9 +98,10 @@ const char* against_folder_component(string_view name) {
 
 const char* against_folder_name(const string& name) {
     if (has_control_character(name)) return "it holds a control character";
-    const int answer = tsl_is_valid_mailbox_name(name.c_str(), kFolderPath | kNoMaildirNames);
-    if (answer == kReserved) return kMaildirNames;
-    if (answer == kMalformed) {
+    const int answer =
+        tsl_is_valid_mailbox_name(name.c_str(), TSL_NAME_IS_PATH | TSL_NAME_REFUSE_SUB_DIRS);
+    if (answer == TSL_NAME_RESERVED) return kMaildirNames;
+    if (answer == TSL_NAME_MALFORMED) {
         return "a folder name is one or more names separated by '/', none of them empty or "
                "beginning "
                "with '.', without \\ ? * : \" < > |";

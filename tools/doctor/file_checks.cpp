@@ -10,6 +10,7 @@
 #include <ctime>
 #include <map>
 
+#include "base/store_names.h"
 #include "tools/cli/address.h"
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
@@ -93,7 +94,7 @@ constexpr std::size_t kLineRoom = 254;  // of a line of a list, without its end
 
 bool is_list(const TSMailUserId& id, const string& name) {
     const string prefix = id.tilde_name() + '.';
-    return name.starts_with(prefix) && name != prefix + "pref";
+    return name.starts_with(prefix) && name.substr(prefix.size()) != names::kPreferences;
 }
 
 std::vector<Finding> look_at_list_files(const Patient& patient) {
@@ -102,8 +103,8 @@ std::vector<Finding> look_at_list_files(const Patient& patient) {
     for (const string& name : names_in(directory)) {
         const string path = in(directory, name);
         struct stat st;
-        const bool is_temporary =
-            name.starts_with('.' + patient.id.tilde_name() + '.') && name.ends_with(".tmp");
+        const bool is_temporary = name.starts_with('.' + patient.id.tilde_name() + '.') &&
+                                  name.ends_with(names::kListTemporary);
         if (!is_temporary || ::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
         if (std::time(nullptr) - st.st_mtime <= kLeftBehind) continue;
         findings.push_back({path, "a rewrite of a list that was not finished", "removes it",
@@ -145,15 +146,16 @@ bool is_somebody(const string& address) {
 std::vector<Finding> look_at_partners(const Patient& patient) {
     std::vector<Finding> findings;
     const string user = patient.id.address(true);
-    for (const char* list : {"primaryaddr", "secondaryaddr"}) {
-        const string path = patient.id.prefpath() + '/' + patient.id.tilde_name() + '.' + list;
+    for (const string_view list : {names::kPrimaryAddresses, names::kSecondaryAddresses}) {
+        const string path =
+            in(patient.id.prefpath(), patient.id.tilde_name()).append(".").append(list);
         // (The library's readers make a lock file.)
         for (const string& name : lines_of(path)) {
             if (name.empty() || is_somebody(name)) continue;
             findings.push_back({path, fmt::format("there is no mailbox {}", printable(name)),
                                 "takes the address out of the list", [=] {
-                                    if (mail_list_delete_from(user.c_str(), list, name.c_str(),
-                                                              MAIL_LIST_USER) < 0) {
+                                    if (mail_list_delete_from(user.c_str(), list.data(),
+                                                              name.c_str(), MAIL_LIST_USER) < 0) {
                                         throw Failure(kExitIo,
                                                       printable(path) + " could not be rewritten");
                                     }

@@ -23,8 +23,6 @@ namespace {
 using std::string;
 using std::string_view;
 
-constexpr int kTagFirst = 4;  // a flag of the library's scan
-
 std::vector<MessageRow> all_messages_of(const string& folder) {
     int error = 0;
     std::vector<MessageRow> rows = messages_of(folder, error);
@@ -99,7 +97,7 @@ Tagged tag_folder(const TSMailUserId& id, const string& folder) {
     const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
     const std::uint64_t before = untagged_in(path).all();
     if (before == 0) return {};
-    for (const char* sub : {"cur", "new"}) tsl_get_dir_size(path.c_str(), sub, kTagFirst);
+    for (const char* sub : {"cur", "new"}) tsl_get_dir_size(path.c_str(), sub, TSL_SCAN_TAG_FIRST);
     const std::uint64_t left = untagged_in(path).all();
     // A message that somebody else brought meanwhile is none that was tagged.
     return {before - std::min(before, left), left};
