@@ -1,4 +1,4 @@
-// bench.h - one benchmark item: the same work, done in several ways and measured side by side.
+// bench.h - one benchmark item: the same work done in several ways, measured side by side.
 //
 // Every item has the column "limit" (the bare system calls and memory traffic that no
 // implementation can do without), mostly "literal" (the operation done the plainest way) and
@@ -14,15 +14,15 @@
 
 namespace bench {
 
-// Another program: the command to run, and its cost without the work.
+// Another program: what is run, and what it costs without the work.
 struct Program {
     std::vector<std::string> command;
     // The same program on an empty input: its time is taken off. May be empty.
     std::vector<std::string> empty = {};
     std::string input = "/dev/null";
-    // Prints its version; may be empty.
+    // Says which version it is; may be empty.
     std::vector<std::string> version = {};
-    // The value, from its output and its exit code.
+    // The value, from what it wrote and its exit code.
     std::function<long long(const std::string& output, int code)> value = {};
     // Added to its environment, as NAME=VALUE.
     std::vector<std::string> environment = {};
@@ -34,7 +34,7 @@ struct Column {
     std::function<long long()> run = {};
     // Done before each measured call, not measured; may be empty.
     std::function<void()> prepare = {};
-    // Done after each measured call, not measured. If set, it gives the value in the place of run.
+    // Done after each measured call, not measured; if there, it gives the value in place of run.
     std::function<long long()> check = {};
     // In place of run.
     Program program = {};
@@ -43,15 +43,15 @@ struct Column {
 
 struct Item {
     std::string name;
-    long size;  // the quantity that grows: messages, lines, processes ...
+    long size;  // what the item grows with: messages, lines, processes ...
     std::vector<Column> columns;
-    // The number of calls of run() in one measurement, for work far below a microsecond.
+    // Calls of run() in one measurement, for work far below a microsecond.
     int batch = 1;
-    // How often one call of run() does the work; counts are given for one time.
+    // What one call of run() does so many times; counts are given for one.
     double operations = 1;
 };
 
-// Makes an item of this size and its files on the spool.
+// Makes an item of this size; the set-up (files on the spool) happens in here.
 using Maker = std::function<Item(long size)>;
 
 // Announces a family of items. `quick` are the sizes of the smoke test; system calls and
@@ -75,42 +75,41 @@ struct Registration {
 
 // A new empty directory on the spool.
 std::string fresh_dir(const std::string& name);
-// Ends the program with the message if the condition does not hold: after a failed set-up there is
-// nothing to measure.
+// Ends the program with the message if the condition does not hold: a benchmark whose set-up failed
+// measures nothing.
 void require(bool condition, const std::string& what);
 // Writes a file; makes its directory.
 void write_file(const std::string& path, const std::string& content);
-// The places of messages, and the sizes in their names and files.
+// Where messages lie, and what their names and files tell of their size.
 struct FolderKind {
-    bool tagged = true;  // the names carry the size
-    bool with_new =
-        true;  // every fourth message is in new, the others are in cur; otherwise all are in cur
-    bool sparse = false;  // the files are as long as the names say, but have no blocks on the disk
-    int bytes = 0;        // otherwise: the text of each
+    bool tagged = true;    // the names carry the size
+    bool with_new = true;  // one in four in new, the others in cur; else all in cur
+    bool sparse = false;   // the files are as long as the names say, without blocks on the disk
+    int bytes = 0;         // else: what is written to each
     const char* before_size = ",#F#S#";
     const char* behind_size = "#E";
 };
 // A maildir folder on the spool.
 std::string make_folder(const std::string& name, long messages, const FolderKind& kind);
-// The same in a directory that exists.
+// The same in a directory that is there.
 void fill_folder(const std::string& folder, long messages, const FolderKind& kind);
-// The sum of the bytes in a size file's lines behind the first one.
+// The bytes that a size file's lines behind its first add up to.
 long long total_of(const std::string& path);
 
 // ---- Programs
 // ------------------------------------------------------------------------------------
 
-// The path of the program, from PATH; "" if this machine does not have it.
+// Where the program lies, from PATH; "" if this machine does not have it.
 std::string find_program(const std::string& name);
 // Adds the program's column if this machine has it.
 void add_program(Item& item, const std::string& column, Program program,
                  std::function<void()> prepare = {}, std::function<long long()> check = {});
-// Runs the program to its end and returns the exit code. `output` may be nullptr.
+// Runs it to its end. `output` may be nullptr. The exit code.
 int run_program(const std::vector<std::string>& command, const Program& how, std::string* output);
 
-// Ways to get a value from the output of a program.
+// Ways to get a value out of what a program writes.
 long long sum_of_lines(const std::string& output,
-                       int code);  // the sum of the numbers at the beginnings of lines
+                       int code);  // of the numbers that lines begin with
 long long number_of_lines(const std::string& output, int code);
 long long exit_code(const std::string& output, int code);
 

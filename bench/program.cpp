@@ -1,4 +1,4 @@
-// Columns that are other programs: finding, starting and awaiting them.
+// Columns that are other programs: found, started, waited for.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "base/fd.h"
@@ -37,7 +38,9 @@ void PieceReader::fill() {
     position_ = 0;
     const ssize_t n = read_some(buffer_ + filled_, sizeof buffer_ - filled_);
     ++reads_;
-    failed_ = n < 0 || file_offset_ + n > longest_;
+    const bool too_long = file_offset_ + n > longest_;
+    if (too_long) errno = EFBIG;
+    failed_ = n < 0 || too_long;
     at_end_ = n == 0;
     if (failed_ || at_end_) return;
     filled_ += static_cast<std::size_t>(n);

@@ -30,7 +30,7 @@ class PieceReader {
 
     // The next piece, valid until the next call; empty at the end of the file and on an error.
     std::string_view next();
-    // Whether the reading ended by an error.
+    // Whether the reading ended by an error, which errno holds then.
     bool failed() const { return failed_; }
     // Whether all pieces so far were read at once.
     bool read_once() const { return reads_ == 1; }

@@ -14,6 +14,7 @@ inline constexpr std::size_t kRecordPiece = 254;
 struct Record {
     long long size = 0;
     long long count = 0;
+    bool operator==(const Record&) const = default;
 };
 
 struct ParsedRecord : Record {
@@ -30,8 +31,10 @@ class RecordText {
     explicit RecordText(const Record& record, std::string_view header = {});
     std::string_view view() const { return {text_, length_}; }
 
+    static constexpr std::size_t kRoom = 64;  // two numbers of at most 20 characters and a header
+
   private:
-    char text_[64];  // two numbers of at most 20 characters and a short header
+    char text_[kRoom];
     std::size_t length_;
 };
 

@@ -15,6 +15,7 @@
 #include "base/dir_reader.h"
 #include "base/fd.h"
 #include "base/guard.h"
+#include "base/number.h"
 #include "base/store_names.h"
 #include "mailsize/cache.h"
 #include "mailsize/folder_path.h"
@@ -70,11 +71,6 @@ std::uint64_t key_of(const dirent64& entry) {
     if (is_tagged(name)) name = untagged_name(name, buffer);
     const std::uint64_t key = std::hash<string_view>()(name) ^ (entry.d_ino * kOdd);
     return key != 0 ? key : 1;
-}
-
-// Adds, up to the largest number.
-void add_up(long long& sum, long long size) {
-    if (__builtin_add_overflow(sum, size, &sum)) sum = std::numeric_limits<long long>::max();
 }
 
 // One scan of up to three directories of a folder.
@@ -148,7 +144,7 @@ void Scan::add_all() {
         } else {
             add_directory(dir);
         }
-        add_up(sum_, dir.size);
+        base::add_up(sum_, dir.size);
     }
 }
 
@@ -172,7 +168,7 @@ void Scan::add_entry(Directory& dir, const dirent64& entry) {
         // The same file again. (Each of several links to a file is a message.)
         if (met && st.st_nlink == 1 && st.st_ino == entry.d_ino) return;
     }
-    add_up(dir.size, size < 0 ? st.st_size : size);
+    base::add_up(dir.size, size < 0 ? static_cast<long long>(st.st_size) : size);
     if (careful_) counted_.insert(key);
 }
 

@@ -6,9 +6,10 @@
 
 namespace Tessaly::mailsize {
 
-void write_whole(const base::LockedStream& file, std::string_view text, off_t length) {
-    if (file.write(text) || length < 0) return;
-    base::retry([&] { return ::ftruncate(file.fd(), length); });
+bool write_whole(const base::LockedStream& file, std::string_view text, off_t length) {
+    if (file.write(text)) return true;
+    if (length >= 0) base::retry([&] { return ::ftruncate(file.fd(), length); });
+    return false;
 }
 
 }  // namespace Tessaly::mailsize

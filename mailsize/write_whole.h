@@ -11,8 +11,9 @@
 namespace Tessaly::mailsize {
 
 // Writes at the end of a file of this length, where the stream stands (or appends). If not all
-// could be written, the file is cut back to its length, unless the length is unknown (negative).
-void write_whole(const base::LockedStream& file, std::string_view text, off_t length);
+// could be written, the file is cut back to its length, unless the length is unknown (negative),
+// and the answer is false.
+bool write_whole(const base::LockedStream& file, std::string_view text, off_t length);
 
 }  // namespace Tessaly::mailsize
 

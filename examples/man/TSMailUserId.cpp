@@ -1,4 +1,4 @@
-// Prints what the class knows about a mailbox.
+// What can be asked about a mailbox.
 #include <tessaly/MailUserId.h>
 
 #include <iostream>

@@ -1,4 +1,4 @@
-// Throws the exception of the support library and prints its parts.
+// Throws what the support library throws, and tells all about it.
 #include <tessaly/Exception.h>
 
 #include <iostream>

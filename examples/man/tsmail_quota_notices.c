@@ -1,4 +1,4 @@
-/* Mails a notice from the postmaster, and prints the result. */
+/* Mails a notice from the postmaster, and says what became of it. */
 #include <stdio.h>
 #include <sys/wait.h>
 #include <tessaly/mailstore.h>

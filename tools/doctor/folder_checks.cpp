@@ -9,6 +9,7 @@
 #include <ctime>
 #include <optional>
 
+#include "base/store_names.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/doctor/checks.h"
@@ -25,6 +26,7 @@ namespace Tessaly::tool {
 namespace {
 
 using std::string;
+using std::string_view;
 
 // All folders; a Failure if one cannot be read.
 std::vector<string> folders_of_patient(const Patient& patient) {
@@ -81,15 +83,15 @@ std::vector<Finding> look_at_folder_modes(const Patient& patient) {
 
 // Whether something in the directory says that it was meant to be a folder, or leads to one.
 bool is_meant_as_folder(const string& path, const Listing& listing) {
-    constexpr std::array<const char*, 4> kSigns = {"cur", "new", "tmp", ".ts_folder_size"};
-    return listing.is_folder || std::any_of(kSigns.begin(), kSigns.end(), [&](const char* sign) {
+    constexpr std::array kSigns = {names::kCur, names::kNew, names::kTmp, names::kFolderSize};
+    return listing.is_folder || std::any_of(kSigns.begin(), kSigns.end(), [&](string_view sign) {
                return ::access(in(path, sign).c_str(), F_OK) == 0;
            });
 }
 
 string missing_parts(const string& path) {
     string missing;
-    for (const char* part : {"cur", "new", "tmp"}) {
+    for (const char* part : names::kSubDirs) {
         if (::access(in(path, part).c_str(), F_OK) == 0) continue;
         missing += (missing.empty() ? "" : ", ") + string(part);
     }
@@ -141,8 +143,8 @@ const char* place_of(const string& name, const struct stat& st) {
     const bool has_flags = name.find(":2,") != string::npos;
     const long long size = get_maildir_msg_len_from_name(name.c_str());
     if (size >= 0 && size != st.st_size) return nullptr;
-    if (has_flags) return "cur";
-    return size > 0 ? "new" : nullptr;
+    if (has_flags) return names::kCur.data();
+    return size > 0 ? names::kNew.data() : nullptr;
 }
 
 // Under the folder's lock, as messages must not move while they are counted; then counts.
@@ -247,31 +249,30 @@ std::vector<Finding> look_at_size_fields(const Patient& patient) {
 
 // ---- size files, mark and caches
 
-void check_total(const TSMailUserId& id, const string& file, const KeptTotal& actual,
+void check_total(const TSMailUserId& id, const string& file, const Totals& actual,
                  std::vector<Finding>& findings) {
-    const KeptTotal kept = kept_total(file).value_or(KeptTotal());
+    const Totals kept = stored_totals(file).value_or(Totals());
     if (kept == actual) return;
     const string says =
         kept.damaged
             ? "is damaged"
-            : fmt::format("says {} in {}", counted(static_cast<std::uint64_t>(kept.bytes), "byte"),
-                          counted(static_cast<std::uint64_t>(kept.messages), "message"));
-    findings.push_back(
-        {file,
-         fmt::format("{}; there are {} in {}", says,
-                     counted(static_cast<std::uint64_t>(actual.bytes), "byte"),
-                     counted(static_cast<std::uint64_t>(actual.messages), "message")),
-         "recounts the mailbox", [id] { recount(id); }});
+            : fmt::format("says {} in {}", counted(static_cast<std::uint64_t>(kept.size), "byte"),
+                          counted(static_cast<std::uint64_t>(kept.count), "message"));
+    findings.push_back({file,
+                        fmt::format("{}; there are {} in {}", says,
+                                    counted(static_cast<std::uint64_t>(actual.size), "byte"),
+                                    counted(static_cast<std::uint64_t>(actual.count), "message")),
+                        "recounts the mailbox", [id] { recount(id); }});
 }
 
 std::vector<Finding> look_at_totals_once(const Patient& patient) {
     std::vector<Finding> findings;
-    KeptTotal sum;
+    Totals sum;
     for (const string& folder : folders_of_patient(patient)) {
         const string path = patient.id.mailfolder(folder);
         const FolderCount count = count_folder(AT_FDCWD, path.c_str());
         if (count.error != 0) throw system_failure(printable(path), count.error);
-        const KeptTotal actual = total_of(count);
+        const Totals actual = total_of(count);
         check_total(patient.id, folder_size_file(path), actual, findings);
         add(sum, actual);
     }
@@ -289,7 +290,7 @@ std::vector<Finding> look_at_totals(const Patient& patient) {
 }
 
 std::vector<Finding> look_at_mark(const Patient& patient) {
-    const string path = mailbox_size_file(patient.id) + ".dirty";
+    const string path = dirty_marker(patient.id);
     struct stat st;
     if (::stat(path.c_str(), &st) != 0) return {};
     const auto minutes = std::max<std::time_t>(0, std::time(nullptr) - st.st_mtime) / 60;
@@ -301,14 +302,14 @@ std::vector<Finding> look_at_mark(const Patient& patient) {
 
 long long scanned_size(const string& folder) {
     long long size = 0;
-    for (const char* sub : {"cur", "new", "tmp"}) size += tsl_get_dir_size(folder.c_str(), sub, 0);
+    for (const char* sub : names::kSubDirs) size += tsl_get_dir_size(folder.c_str(), sub, 0);
     return size;
 }
 
 std::vector<Finding> look_at_caches(const Patient& patient) {
     std::vector<Finding> findings;
     for (const string& folder : folders_of_patient(patient)) {
-        const string path = patient.id.mailfolder(folder), cache = path + "/.ts_cache";
+        const string path = patient.id.mailfolder(folder), cache = in(path, names::kScanCache);
         if (::access(cache.c_str(), F_OK) != 0) continue;
         const long long cached = tsl_get_mailbox_size(path.c_str(), nullptr);
         const long long actual = scanned_size(path);

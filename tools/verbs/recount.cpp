@@ -25,10 +25,10 @@ struct Arguments {
 
 Json json_of(const Recounted& record) {
     Json object;
-    object["messages"] = record.after.messages;
-    object["bytes"] = record.after.bytes;
-    object["messages_before"] = record.before.messages;
-    object["bytes_before"] = record.before.bytes;
+    object["messages"] = record.after.count;
+    object["bytes"] = record.after.size;
+    object["messages_before"] = record.before.count;
+    object["bytes_before"] = record.before.size;
     object["damaged_before"] = record.before.damaged;
     return object;
 }

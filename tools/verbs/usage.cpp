@@ -32,8 +32,8 @@ constexpr Word kOrders[] = {{kBySize, "size"}, {kByMessages, "messages"}, {kByNa
 
 Json json_of(const TSMailUserId& id, const MailboxUsage& usage) {
     Json object = {{"address", id.address(true)}, {"path", id.mailpath()}};
-    object["bytes"] = usage.kept.damaged ? Json(nullptr) : Json(usage.kept.bytes);
-    object["messages"] = usage.kept.damaged ? Json(nullptr) : Json(usage.kept.messages);
+    object["bytes"] = usage.kept.damaged ? Json(nullptr) : Json(usage.kept.size);
+    object["messages"] = usage.kept.damaged ? Json(nullptr) : Json(usage.kept.count);
     object["dirty"] = usage.dirty;
     object["warning"] = usage.warning;
     object["exceeded"] = usage.exceeded;
@@ -42,8 +42,8 @@ Json json_of(const TSMailUserId& id, const MailboxUsage& usage) {
 }
 
 Json json_of(const Verified& verified) {
-    return {{"actual_bytes", verified.actual.bytes},
-            {"actual_messages", verified.actual.messages},
+    return {{"actual_bytes", verified.actual.size},
+            {"actual_messages", verified.actual.count},
             {"newest", verified.newest > 0 ? Json(verified.newest) : Json(nullptr)}};
 }
 

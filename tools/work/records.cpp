@@ -10,20 +10,18 @@ namespace Tessaly::tool {
 
 namespace {
 
-// Whether an append changed the file.
-template <class Append>
-bool changes(const std::string& path, Append append) {
-    const FileStamp before = stamp_of(path);
-    append(path.c_str());
-    return !(stamp_of(path) == before);
+using mailsize::SizeFile;
+
+bool add_to(const std::string& path, SizeFile::Kind kind, const mailsize::Record& record) {
+    SizeFile file(path.c_str(), kind);
+    return file && file.append(record);
 }
 
 }  // namespace
 
 bool add_to_folder_record(const std::string& folder, long long size, long long count) noexcept {
     try {
-        return changes(folder_size_file(folder),
-                       [&](const char* path) { tsl_append_mail_folder_size(path, size, count); });
+        return add_to(folder_size_file(folder), SizeFile::Kind::folder, {size, count});
     } catch (const std::exception&) {
         return false;
     }
@@ -31,8 +29,7 @@ bool add_to_folder_record(const std::string& folder, long long size, long long c
 
 bool add_to_mailbox_record(const TSMailUserId& id, long long size, long long count) noexcept {
     try {
-        return changes(mailbox_size_file(id),
-                       [&](const char* path) { tsl_append_maildirsize(path, size, count); });
+        return add_to(mailbox_size_file(id), SizeFile::Kind::mailbox, {size, count});
     } catch (const std::exception&) {
         return false;
     }
@@ -46,8 +43,6 @@ void mark_for_recount(const TSMailUserId& id) noexcept {
     }
 }
 
-bool is_marked(const TSMailUserId& id) {
-    return ::access((mailbox_size_file(id) + ".dirty").c_str(), F_OK) == 0;
-}
+bool is_marked(const TSMailUserId& id) { return ::access(dirty_marker(id).c_str(), F_OK) == 0; }
 
 }  // namespace Tessaly::tool

@@ -1,4 +1,4 @@
-// Adding to the size records of folders and mailboxes, and noticing when that failed.
+// Adding to the size records of folders and mailboxes.
 #ifndef TSMAIL_TOOLS_WORK_RECORDS_H
 #define TSMAIL_TOOLS_WORK_RECORDS_H
 
@@ -9,8 +9,7 @@
 namespace Tessaly::tool {
 
 // Add `size` bytes in `count` messages to a folder's or a mailbox's record. False if the record was
-// not written. (The library's appends always answer 0; seen is whether the file changed meanwhile,
-// so that a failure here beside another process's success at the same moment is missed.)
+// not written.
 bool add_to_folder_record(const std::string& folder, long long size, long long count) noexcept;
 bool add_to_mailbox_record(const TSMailUserId& id, long long size, long long count) noexcept;
 

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <ctime>
 #include <optional>
 
 #include "tools/cli/failure.h"
@@ -16,6 +17,7 @@ namespace Tessaly::tool {
 
 namespace {
 
+using mailsize::SizeFile;
 using std::string;
 
 bool has_other_folders(const TSMailUserId& id, const LockedFolders& folders) {
@@ -25,13 +27,40 @@ bool has_other_folders(const TSMailUserId& id, const LockedFolders& folders) {
                        [](const LockedFolder& a, const string& b) { return a.name == b; });
 }
 
-// The mark that the records are not to be trusted, .maildirsize.dirty. It stands while they are
+// What tells a file that was appended to from the one before: its length, or, if others rewrite it,
+// at least the time. A missing file is as good as an empty one, and an empty one never the result
+// of an append.
+struct FileStamp {
+    off_t length = 0;
+    timespec written = {0, 0};
+    bool operator==(const FileStamp& other) const {
+        return length == other.length && written.tv_sec == other.written.tv_sec &&
+               written.tv_nsec == other.written.tv_nsec;
+    }
+};
+
+FileStamp stamp_of(const struct stat& st) {
+    return st.st_size == 0 ? FileStamp() : FileStamp{st.st_size, st.st_mtim};
+}
+
+FileStamp stamp_of(const string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0 ? stamp_of(st) : FileStamp();
+}
+
+FileStamp stamp_of(const SizeFile& file, const string& path) {
+    struct stat st;
+    if (::fstat(file.fd(), &st) != 0) throw system_failure(printable(path));
+    return stamp_of(st);
+}
+
+// The mark that the records are not to be trusted. It stands while they are
 // rewritten, and goes at the end unless somebody set it again: what they saw may be newer than what
 // was counted. Seen is that by the mark's time; a mark so young that another one could have the
 // same time is made older first.
 class Mark {
   public:
-    explicit Mark(const TSMailUserId& id) : path_(id.mailpath().append("/.maildirsize.dirty")) {
+    explicit Mark(const TSMailUserId& id) : path_(dirty_marker(id)) {
         if ((ours_ = time())) make_old();
         found_ = ours_.has_value();
     }
@@ -80,16 +109,21 @@ class Mark {
     bool is_set_ = false;
 };
 
-KeptTotal count(const LockedFolder& folder) {
+Totals count(const LockedFolder& folder) {
     const FolderCount count = count_folder(folder.lock.fd());
     if (count.error != 0) throw system_failure(printable(folder.name), count.error);
     return total_of(count);
 }
 
-void rewrite(SizeFile& file, const KeptTotal& total, Mark& mark) {
-    if (file.is_exactly(total)) return;
+// A Failure if it could not be opened and locked.
+void demand(const SizeFile& file, const string& path) {
+    if (!file) throw system_failure(printable(path));
+}
+
+void rewrite(SizeFile& file, const string& path, const Totals& total, Mark& mark) {
+    if (file.holds_only(total)) return;
     mark.set();
-    file.rewrite(total);
+    if (!file.replace(total)) throw system_failure(printable(path));
 }
 
 // Whoever appends to the record without the folder's lock has put the message there before, or
@@ -97,34 +131,35 @@ void rewrite(SizeFile& file, const KeptTotal& total, Mark& mark) {
 // a message that is about to go), and what is appended later comes on top.
 Recounted recount_folder(const TSMailUserId& id, const LockedFolder& folder, Mark& mark) {
     const string path = folder_size_file(id.mailfolder(folder.name));
-    std::optional<KeptTotal> counted;
+    std::optional<Totals> counted;
     if (!folder.has_record) {
         counted = count(folder);
         // A folder that never had a message needs no record.
-        if (counted->messages == 0) return {folder.name, {}, {}};
+        if (counted->count == 0) return {folder.name, {}, {}};
     }
-    SizeFile file(path, SizeFile::Kind::folder);
-    if (!counted || !file.empty()) counted = count(folder);
-    Recounted result = {folder.name, file.total(), *counted};
-    rewrite(file, *counted, mark);
+    SizeFile file(path.c_str(), SizeFile::Kind::folder);
+    demand(file, path);
+    if (!counted || file.length() != 0) counted = count(folder);
+    Recounted result = {folder.name, shown(file.totals()), *counted};
+    rewrite(file, path, *counted, mark);
     return result;
 }
 
 using Done = std::function<void(std::size_t, std::size_t)>;
 
 // With all folders and the mailbox's record locked.
-MailboxRecount recount_locked(const TSMailUserId& id, const LockedFolders& folders, SizeFile& file,
-                              const Done& done) {
+MailboxRecount recount_locked(const TSMailUserId& id, const LockedFolders& folders,
+                              const string& path, SizeFile& file, const Done& done) {
     Mark mark(id);
     MailboxRecount result;
     result.was_marked = mark.found();
-    result.mailbox.before = file.total();
+    result.mailbox.before = shown(file.totals());
     for (const LockedFolder& folder : folders) {
         result.folders.push_back(recount_folder(id, folder, mark));
         add(result.mailbox.after, result.folders.back().after);
         if (done) done(result.folders.size(), folders.size());
     }
-    rewrite(file, result.mailbox.after, mark);
+    rewrite(file, path, result.mailbox.after, mark);
     result.is_marked = !mark.remove();
     return result;
 }
@@ -141,9 +176,10 @@ std::optional<MailboxRecount> try_recount(const TSMailUserId& id, const Done& do
     const string path = mailbox_size_file(id);
     const FileStamp before = stamp_of(path);
     const LockedFolders folders = lock_folders(id);
-    SizeFile file(path, SizeFile::Kind::mailbox);
-    if (!(file.stamp() == before) && has_other_folders(id, folders)) return std::nullopt;
-    return recount_locked(id, folders, file, done);
+    SizeFile file(path.c_str(), SizeFile::Kind::mailbox);
+    demand(file, path);
+    if (!(stamp_of(file, path) == before) && has_other_folders(id, folders)) return std::nullopt;
+    return recount_locked(id, folders, path, file, done);
 }
 
 }  // namespace

@@ -16,8 +16,8 @@ namespace Tessaly::tool {
 // A record before and after.
 struct Recounted {
     std::string name;  // of the folder; "" for the mailbox itself
-    KeptTotal before;
-    KeptTotal after;
+    Totals before;
+    Totals after;
     bool changed() const { return before != after; }
 };
 

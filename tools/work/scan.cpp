@@ -84,10 +84,10 @@ FolderCount count_folder(int folder) {
     return count;
 }
 
-KeptTotal total_of(const FolderCount& count) {
+Totals total_of(const FolderCount& count) {
     const std::uint64_t most = LLONG_MAX;
-    return {static_cast<long long>(std::min(count.bytes, most)),
-            static_cast<long long>(std::min(count.messages, most))};
+    return {{static_cast<long long>(std::min(count.bytes, most)),
+             static_cast<long long>(std::min(count.messages, most))}};
 }
 
 std::vector<FolderRow> folders_of(const TSMailUserId& id) {

@@ -26,7 +26,7 @@ FolderCount count_folder(int at, const char* name);
 FolderCount count_folder(int folder);
 
 // The same as a size file has it: numbers end at the largest signed one.
-KeptTotal total_of(const FolderCount& count);
+Totals total_of(const FolderCount& count);
 
 struct FolderRow {
     std::string name;  // relative to the mailbox, as "Work/2024"

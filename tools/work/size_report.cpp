@@ -22,14 +22,14 @@ using std::string;
 // What is known of the size of a folder or a mailbox.
 struct SizeRow {
     string path;
-    std::optional<KeptTotal> kept;
+    std::optional<Totals> kept;
     FolderCount actual;
 
     // A missing record is right for an empty folder.
     bool agrees() const {
-        const KeptTotal total = kept.value_or(KeptTotal());
-        return !total.damaged && static_cast<std::uint64_t>(total.bytes) == actual.bytes &&
-               static_cast<std::uint64_t>(total.messages) == actual.messages;
+        const Totals total = kept.value_or(Totals());
+        return !total.damaged && static_cast<std::uint64_t>(total.size) == actual.bytes &&
+               static_cast<std::uint64_t>(total.count) == actual.messages;
     }
 };
 
@@ -41,10 +41,10 @@ Json cached_size(const string& folder) {
     return tsl_get_mailbox_size(folder.c_str(), nullptr);
 }
 
-void put_kept(const std::optional<KeptTotal>& kept, Json& object) {
+void put_kept(const std::optional<Totals>& kept, Json& object) {
     const bool known = kept && !kept->damaged;
-    object["kept_bytes"] = known ? Json(kept->bytes) : Json(nullptr);
-    object["kept_messages"] = known ? Json(kept->messages) : Json(nullptr);
+    object["kept_bytes"] = known ? Json(kept->size) : Json(nullptr);
+    object["kept_messages"] = known ? Json(kept->count) : Json(nullptr);
     object["kept_damaged"] = kept && kept->damaged;
 }
 
@@ -56,7 +56,8 @@ void put_actual(const SizeRow& row, Json& object) {
 
 SizeRow report_folder(const TSMailUserId& id, const string& name, Report& report) {
     const string path = id.mailfolder(name);
-    SizeRow row = {path, kept_total(folder_size_file(path)), count_folder(AT_FDCWD, path.c_str())};
+    SizeRow row = {path, stored_totals(folder_size_file(path)),
+                   count_folder(AT_FDCWD, path.c_str())};
     Json object = {{"folder", name}, {"path", path}};
     put_kept(row.kept, object);
     object["cached_bytes"] = cached_size(path);
@@ -68,7 +69,7 @@ SizeRow report_folder(const TSMailUserId& id, const string& name, Report& report
 
 void report_mailbox(const TSMailUserId& id, Report& report) {
     const FolderList folders = list_folders(id);
-    SizeRow total = {id.mailpath(), kept_total(mailbox_size_file(id)), {}};
+    SizeRow total = {id.mailpath(), stored_totals(mailbox_size_file(id)), {}};
     for (const string& name : folders.names) {
         const SizeRow row = report_folder(id, name, report);
         total.actual.messages += row.actual.messages;

@@ -22,7 +22,7 @@ MailboxUsage usage_of(const TSMailUserId& id) {
     const std::string file = mailbox_size_file(id);
     struct stat st = {};
     if (::stat(file.c_str(), &st) != 0 && errno != ENOENT) throw system_failure(printable(file));
-    return {kept_total(file).value_or(KeptTotal()), st.st_mtim.tv_sec, exists(file + ".dirty"),
+    return {stored_totals(file).value_or(Totals()), st.st_mtim.tv_sec, exists(dirty_marker(id)),
             exists(id.fname(MUF_QUOTA_WARNING_FLAG)), exists(id.fname(MUF_QUOTA_EXCEEDED_FLAG))};
 }
 
@@ -36,7 +36,7 @@ Verified verify(const TSMailUserId& id) {
     for (const std::string& name : folders.names) {
         int error = 0;
         for (const MessageRow& row : messages_of(id.mailfolder(name), error)) {
-            add(verified.actual, {static_cast<long long>(row.bytes), 1});
+            add(verified.actual, {{static_cast<long long>(row.bytes), 1}});
             verified.newest =
                 std::max(verified.newest, tsl_get_mail_creation_date(row.name.c_str()));
         }

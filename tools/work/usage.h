@@ -12,12 +12,12 @@ namespace Tessaly::tool {
 
 // What the folders hold.
 struct Verified {
-    KeptTotal actual;
+    Totals actual;
     std::time_t newest = 0;  // when the newest message was created, by its name; 0 if none says
 };
 
 struct MailboxUsage {
-    KeptTotal kept;
+    Totals kept;
     std::time_t changed;  // when the size file was last written: by a delivery, a removal or a
                           // recount; 0 if there is none
     bool dirty;           // marked for a recount
