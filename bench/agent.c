@@ -1,6 +1,6 @@
 /* agent - the smallest delivery agent on the library: one message from standard input into a
- * mailbox's Inbox. Written below tmp, flushed to the disk, linked into new, counted; the directory
- * is flushed, too. Measured beside `tsmail deliver`, which can do more. */
+ * mailbox's Inbox. It writes the message in tmp, flushes it to the disk, links it into new, counts
+ * it, and flushes the directory. It is measured beside `tsmail deliver`, which does more. */
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>

@@ -1,4 +1,4 @@
-// bench.h - one benchmark item: the same work done in several ways, measured side by side.
+// bench.h - one benchmark item: the same work, done in several ways and measured side by side.
 //
 // Every item has the column "limit" (the bare system calls and memory traffic that no
 // implementation can do without), mostly "literal" (the operation done the plainest way) and
@@ -14,15 +14,15 @@
 
 namespace bench {
 
-// Another program: what is run, and what it costs without the work.
+// Another program: the command to run, and its cost without the work.
 struct Program {
     std::vector<std::string> command;
     // The same program on an empty input: its time is taken off. May be empty.
     std::vector<std::string> empty = {};
     std::string input = "/dev/null";
-    // Says which version it is; may be empty.
+    // Prints its version; may be empty.
     std::vector<std::string> version = {};
-    // The value, from what it wrote and its exit code.
+    // The value, from its output and its exit code.
     std::function<long long(const std::string& output, int code)> value = {};
     // Added to its environment, as NAME=VALUE.
     std::vector<std::string> environment = {};
@@ -34,7 +34,7 @@ struct Column {
     std::function<long long()> run = {};
     // Done before each measured call, not measured; may be empty.
     std::function<void()> prepare = {};
-    // Done after each measured call, not measured; if there, it gives the value in place of run.
+    // Done after each measured call, not measured. If set, it gives the value in the place of run.
     std::function<long long()> check = {};
     // In place of run.
     Program program = {};
@@ -43,15 +43,15 @@ struct Column {
 
 struct Item {
     std::string name;
-    long size;  // what the item grows with: messages, lines, processes ...
+    long size;  // the quantity that grows: messages, lines, processes ...
     std::vector<Column> columns;
-    // Calls of run() in one measurement, for work far below a microsecond.
+    // The number of calls of run() in one measurement, for work far below a microsecond.
     int batch = 1;
-    // What one call of run() does so many times; counts are given for one.
+    // How often one call of run() does the work; counts are given for one time.
     double operations = 1;
 };
 
-// Makes an item of this size; the set-up (files on the spool) happens in here.
+// Makes an item of this size and its files on the spool.
 using Maker = std::function<Item(long size)>;
 
 // Announces a family of items. `quick` are the sizes of the smoke test; system calls and
@@ -75,41 +75,42 @@ struct Registration {
 
 // A new empty directory on the spool.
 std::string fresh_dir(const std::string& name);
-// Ends the program with the message if the condition does not hold: a benchmark whose set-up failed
-// measures nothing.
+// Ends the program with the message if the condition does not hold: after a failed set-up there is
+// nothing to measure.
 void require(bool condition, const std::string& what);
 // Writes a file; makes its directory.
 void write_file(const std::string& path, const std::string& content);
-// Where messages lie, and what their names and files tell of their size.
+// The places of messages, and the sizes in their names and files.
 struct FolderKind {
-    bool tagged = true;    // the names carry the size
-    bool with_new = true;  // one in four in new, the others in cur; else all in cur
-    bool sparse = false;   // the files are as long as the names say, without blocks on the disk
-    int bytes = 0;         // else: what is written to each
+    bool tagged = true;  // the names carry the size
+    bool with_new =
+        true;  // every fourth message is in new, the others are in cur; otherwise all are in cur
+    bool sparse = false;  // the files are as long as the names say, but have no blocks on the disk
+    int bytes = 0;        // otherwise: the text of each
     const char* before_size = ",#F#S#";
     const char* behind_size = "#E";
 };
 // A maildir folder on the spool.
 std::string make_folder(const std::string& name, long messages, const FolderKind& kind);
-// The same in a directory that is there.
+// The same in a directory that exists.
 void fill_folder(const std::string& folder, long messages, const FolderKind& kind);
-// The bytes that a size file's lines behind its first add up to.
+// The sum of the bytes in a size file's lines behind the first one.
 long long total_of(const std::string& path);
 
 // ---- Programs
 // ------------------------------------------------------------------------------------
 
-// Where the program lies, from PATH; "" if this machine does not have it.
+// The path of the program, from PATH; "" if this machine does not have it.
 std::string find_program(const std::string& name);
 // Adds the program's column if this machine has it.
 void add_program(Item& item, const std::string& column, Program program,
                  std::function<void()> prepare = {}, std::function<long long()> check = {});
-// Runs it to its end. `output` may be nullptr. The exit code.
+// Runs the program to its end and returns the exit code. `output` may be nullptr.
 int run_program(const std::vector<std::string>& command, const Program& how, std::string* output);
 
-// Ways to get a value out of what a program writes.
+// Ways to get a value from the output of a program.
 long long sum_of_lines(const std::string& output,
-                       int code);  // of the numbers that lines begin with
+                       int code);  // the sum of the numbers at the beginnings of lines
 long long number_of_lines(const std::string& output, int code);
 long long exit_code(const std::string& output, int code);
 

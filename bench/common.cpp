@@ -46,7 +46,7 @@ void fill_folder(const std::string& folder, long messages, const FolderKind& kin
     for (const char* sub : {"/cur", "/new", "/tmp"}) fs::create_directories(folder + sub);
     const std::string content(static_cast<std::size_t>(kind.bytes), 'x');
     for (long i = 0; i < messages; ++i) {
-        const bool seen = !kind.with_new || i % 4 != 0;  // most of a folder has been looked at
+        const bool seen = !kind.with_new || i % 4 != 0;  // most messages of a folder have been read
         const long size = 2048 + i % 9000;
         char tag[64] = "";
         if (kind.tagged) {

@@ -3,8 +3,8 @@
 
 usage: counts.py BENCH OUTPUT [the program's options: --quick, --only TEXT]
 
-Runs inside the sandbox. strace counts calls, callgrind instructions; a program's own start, which the
-same program on an empty input shows, is taken off. Writes a list of
+Runs inside the sandbox. strace counts calls, callgrind instructions; the start of a program, which a run on
+an empty input shows, is subtracted. Writes a list of
 {item, size, column, calls, instructions, by_name} to OUTPUT.
 """
 import collections
@@ -26,7 +26,7 @@ def run(words, **options):
 
 
 def calls_in(log, is_marked):
-    """{name: how often}; between the two marks if there are marks."""
+    """{name: how often}, between the two marks if there are any."""
     counts = collections.Counter()
     counting = not is_marked
     with open(log, encoding="utf-8", errors="replace") as lines:

@@ -38,7 +38,7 @@ string make_homes(const string& name, long mailboxes, long messages) {
 
 }  // namespace
 
-// Its own layout, as it would be set up for speed: no index files.
+// Its own layout, set up for speed: no index files.
 string dovecot_conf() {
     write_file(kConf,
                "mail_location = maildir:~/Maildir:INDEX=MEMORY\n"

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
-"""inside.py - what scripts/bench.sh runs in the sandbox: makes the peers and the spool ready, gives up
-root's rights, and does the measuring.
+"""inside.py - scripts/bench.sh runs it in the sandbox. It prepares the peers and the spool, gives up root's
+rights, and measures.
 
 usage: inside.py SOURCE ROOTS COMMAND...
 
-ROOTS: with ":" between, unpacked packages that are laid over /usr (see fetch-neighbour). Dovecot serves
-no mail that root owns, so everything runs as the owner of the mail, as it would on an appliance.
+ROOTS: with ":" between, unpacked packages that are laid over /usr (see fetch-neighbour). Dovecot does not
+serve mail that root owns, so everything runs as the owner of the mail, as on an appliance.
 """
 import os
 import sys

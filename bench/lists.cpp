@@ -26,7 +26,7 @@ constexpr char kFile[] = "/var/spool/home/site.test/ann~site.test/pref/ann~site.
 constexpr char kLock[] =
     "/var/spool/home/site.test/ann~site.test/pref/.ann~site.test.whitelist.lock";
 
-// Addresses in no order, one in eight a doublet in other letters.
+// Unsorted addresses. Every eighth is a duplicate in another letter case.
 void make_list(long lines) {
     string text;
     for (long i = 0; i < lines; ++i) {
@@ -39,8 +39,8 @@ void make_list(long lines) {
     bench::write_file(kFile, text);
 }
 
-// Lock and list opened, flock, the list read in large pieces, memchr for each line. handle gets
-// each line.
+// Opens lock and list, calls flock, reads the list in large pieces, and finds each line with
+// memchr. handle gets each line.
 template <class Handle>
 long bare_lines(int list_flags, Handle handle) {
     const int lock = ::open(kLock, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
@@ -117,7 +117,8 @@ Item list_find(long lines) {
     return item;
 }
 
-// Adding what is there already: everything but the write, so that the list stays as long.
+// Adding an entry that the list has: everything except for the write, so that the list does not
+// grow.
 Item list_add(long lines) {
     make_list(lines);
     static const string last = [] {
@@ -197,7 +198,7 @@ Names literal_names(bool sorted) {
     return names;
 }
 
-// The values count the names; that they are the same, in the same order, is looked at once.
+// The values count the names. The names and their order are compared once.
 void require_same_names(bool sorted) {
     Names expected = literal_names(sorted);
     mail_list_names names;

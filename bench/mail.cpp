@@ -1,4 +1,4 @@
-// The tool's work, from its start to its end: one delivery, the recount of all mailboxes.
+// The command's work from its start to its end: one delivery, and the recount of all mailboxes.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -41,7 +41,7 @@ void make_empty_folder(const string& path) {
     }
 }
 
-// How many messages of the full size are in new.
+// The number of messages of the full size in new.
 long long delivered_in(const string& folder) {
     long long count = 0;
     for (const auto& entry : fs::directory_iterator(folder + "/new")) {
@@ -50,7 +50,7 @@ long long delivered_in(const string& folder) {
     return count;
 }
 
-// The message written, flushed, linked; the directory flushed.
+// Writes, flushes and links the message, and flushes the directory.
 long long bare_delivery(const string& text) {
     static unsigned long number = 0;
     const string name =

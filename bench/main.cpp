@@ -1,5 +1,5 @@
-// The benchmark program. Works below /var/spool, which the caller makes a place of its own
-// (scripts/bench.sh does).
+// The benchmark program. It works below /var/spool, for which the caller provides a private
+// directory (scripts/bench.sh does).
 //
 //   bench [CHOICE] [--rounds N] --out FILE   measures
 //   bench [CHOICE] --list              the columns whose calls are counted
@@ -26,8 +26,8 @@
 
 #include "bench/bench.h"
 
-// Between its first and its last instruction lies one call of what is counted. By its name for
-// callgrind, by two calls that nobody else makes for strace.
+// Runs one call of the counted work. callgrind finds it by this function's name, strace by two
+// unusual calls around it.
 extern "C" __attribute__((noinline)) void bench_counted_call(const bench::Column& column) {
     column.run();
 }
@@ -66,7 +66,7 @@ struct Measured {
     long long value;
 };
 
-// From spawn to exit, less the same program on an empty input.
+// The time from spawn to exit, less that of the same program on an empty input.
 Measured measure_program(const Program& program) {
     std::string output;
     int code = 0;
@@ -97,7 +97,7 @@ Measured measure_once(const Item& item, const Column& column) {
 
 // ---- Rounds -------------------------------------------------------------------------------------
 
-// Takes one run of Google Benchmark's.
+// Records one run of Google Benchmark.
 class Collector : public benchmark::BenchmarkReporter {
   public:
     bool ReportContext(const Context&) override { return true; }
@@ -113,7 +113,7 @@ class Collector : public benchmark::BenchmarkReporter {
 constexpr int kFewestRounds = 3;
 constexpr std::chrono::seconds kBudget{20};
 
-// The columns of one item, round by round in an order drawn anew each time.
+// The columns of one item, in a new random order in each round.
 class Rounds {
   public:
     Rounds(const Item& item, const Options& options) : item_(item), options_(options) {}
@@ -138,7 +138,7 @@ class Rounds {
         auto* bench = benchmark::RegisterBenchmark(
             column.name.c_str(), [&](benchmark::State& state) { loop(state, column); });
         bench->UseManualTime();
-        // So many calls as the first round needed to be worth measuring.
+        // As many calls as the first round needed for a useful measurement.
         auto& calls = calls_[column.name];
         if (calls > 0) {
             bench->Iterations(calls);
@@ -186,7 +186,7 @@ class Rounds {
 
 // ---- What the program is asked for --------------------------------------------------------------
 
-// handle(family, size) for what is chosen.
+// Calls handle(family, size) for everything that is chosen.
 template <class Handle>
 void each_size(const Options& options, Handle handle) {
     for (const Family& family : families()) {
@@ -237,7 +237,7 @@ int list_columns(const Options& options) {
     return 0;
 }
 
-// Does handle(column) for the one that the words name.
+// Calls handle(column) for the column that the words name.
 template <class Handle>
 int with_column(const std::vector<std::string>& words, Handle handle) {
     for (const Family& family : families()) {

@@ -29,14 +29,14 @@ void store_defaults() {
     bench::require(store_user_pref(kUser, &record) == 0, kFile);
 }
 
-// The elements of the converter table are stored under a common type; by way of void (*)() the
-// compiler takes the cast for wanted.
+// The elements of the converter table have a common type. A cast through void (*)() tells the
+// compiler that it is intended.
 template <class Function>
 Function convertor(uint32_t index) {
     return reinterpret_cast<Function>(reinterpret_cast<void (*)()>(pref_data_convertor[index]));
 }
 
-// What every column answers: the bytes of the file were seen and the page size is the default.
+// The value of every column: the bytes of the file were read and the page size is the default.
 long long page_size_of(const user_pref& record) { return record.page_size; }
 
 // One line, tried against every key in turn.
@@ -112,7 +112,7 @@ std::vector<string> lines_of(const string& text) {
 Item pref_parse(long) {
     store_defaults();
     static const string text = whole_file();
-    // Parsing leaves them as they are, or the second round would be another one.
+    // Parsing must not change them, as every round uses them again.
     static std::vector<string> lines = lines_of(text);
     user_pref unused;
     get_default_user_pref(&unused);

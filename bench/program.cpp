@@ -1,4 +1,4 @@
-// Columns that are other programs: found, started, waited for.
+// Columns that are other programs: finding, starting and awaiting them.
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>

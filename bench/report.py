@@ -4,9 +4,9 @@
 usage: report.py MEASURED_DIR OUTPUT_DIR [A WORD ABOUT THE MACHINE]
 
 Reads MEASURED_DIR/times.json and counts.json. Each column's time is divided by the limit's time of the
-same round; shown are median, smallest and largest of these ratios, beside them system calls and
+same round; the tables show the median, the smallest and the largest of these ratios, and the system calls and
 user-space instructions of one operation. Writes OUTPUT_DIR/results.md, and OUTPUT_DIR/<item>.svg for
-every item with several sizes. Targets that are missed are listed with what bench/reasons.toml says.
+every item with several sizes. Missed targets are listed with the reasons in bench/reasons.toml.
 """
 import json
 import pathlib
@@ -18,7 +18,7 @@ import matplotlib
 matplotlib.use("svg")
 from matplotlib import pyplot, rcParams, ticker  # noqa: E402
 
-# item: the largest ratio of the library that is aimed at (by size where it depends on it).
+# item: the largest ratio that the library should have (by size, if it depends on the size).
 TARGETS = {
     "sum_names": 1.05, "sum_stat": 1.04, "fresh_cache": 1.2, "delete_tree": 1.05,
     "list_find": {2047: 0.85, 100000: 0.7}, "list_add": {2047: 1.0}, "list_names": 1.1,
@@ -26,8 +26,8 @@ TARGETS = {
     "pref_store": 1.05, "message_name": 8, "size_append": 1.06, "walk": {11110: 1.9},
     "recount": {1000: 1.1},
 }
-# item: the peers that the library has to be ahead of, and the sizes from which it counts: in smaller
-# ones a peer's work is lost in the difference between two of its starts.
+# item: the peers that the library must be faster than, and the size from which this counts. In smaller ones a
+# peer's work is smaller than the difference between two of its starts.
 AHEAD_OF = {"delete_tree": (["rm -rf"], 10000), "deliver": (["dovecot-lda"], 0),
             "recount": (["doveadm"], 1000)}
 WHAT = {
@@ -44,7 +44,7 @@ WHAT = {
     "recount": "mailboxes of 1,000 messages; time and counts are those of one mailbox. The limit is one "
                "thread's, the library works in one for each processor, with one job in a single one",
 }
-# Plots are texts that change where what was measured changes.
+# Plots are text files that change only if the figures change.
 rcParams.update({"svg.fonttype": "none", "svg.hashsalt": "tsmail", "font.family": "sans-serif"})
 
 
@@ -68,7 +68,7 @@ def target_of(item, size):
 
 
 def verdicts(item, size, columns):
-    """(what was aimed at, whether it was reached) for the library in this size"""
+    """(the target, whether it was reached) for the library in this size"""
     target = target_of(item, size)
     if target is not None:
         yield f"at most {target}", statistics.median(ratios(columns, "library")) <= target
@@ -144,7 +144,7 @@ def missed(table, counts, reasons):
 
 
 def medians(sizes):
-    """{size: {column: ratio}} but for the limit's own."""
+    """{size: {column: ratio}} without the limit's own."""
     return {size: {c: statistics.median(ratios(columns, c)) for c in order(columns) if c != "limit"}
             for size, columns in sizes.items()}
 

@@ -1,12 +1,12 @@
 #!/usr/bin/env python3
-"""scale.py - how the costs of a spool grow with its mailboxes, on generated ones.
+"""scale.py - shows how the costs of a spool grow with its mailboxes, on generated ones.
 
 usage: scale.py TSMAIL OUTPUT MAILBOXES...      (numbers that grow, as 100 1000 10000)
 
 Runs inside the sandbox (scripts/bench.sh --scale). Mailboxes have the folders that `tsmail create`
-makes and 100 messages, of which only the names are real: the files are empty. From LINKED mailboxes on
-the names of a mailbox are links to one file, as no small disk has inodes for so many files; nothing that
-is measured here looks at the files. Writes a table.
+makes and 100 messages with real names and empty files. From LINKED mailboxes on the messages of a mailbox are
+links to one file, because a small disk does not have inodes for so many files. The measured operations do not
+look at the files. Writes a table.
 """
 import os
 import resource

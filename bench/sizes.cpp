@@ -44,8 +44,8 @@ bool is_dots(const char* name) {
     return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
 }
 
-// The plainest way: readdir, every size field searched with strstr and read with strtoll, every
-// path composed.
+// The plainest way: readdir, strstr and strtoll for every size field, and a composed path for every
+// entry.
 long long literal_sum(const string& dir, bool by_stat) {
     long long sum = 0;
     DIR* stream = ::opendir(dir.c_str());
@@ -70,7 +70,7 @@ long long literal_sum(const string& dir, bool by_stat) {
 const std::vector<string> kDuVersion = {"du", "--version"};
 const std::vector<string> kFindVersion = {"find", "--version"};
 
-// What `du` shows is the directory's own size and that of what is in it.
+// `du` shows the size of the directory and of everything in it.
 bench::Program du(const string& dir) {
     struct stat st;
     bench::require(::stat(dir.c_str(), &st) == 0, dir);
@@ -129,7 +129,7 @@ Item sum_names(long messages) {
                   {"library", [=] { return tsl_get_dir_size(dir.c_str(), nullptr, 0); }}}};
     bench::add_program(item, "du", du(dir));
     if (messages <= 10000) bench::add_program(item, "Python mailbox", python_mailbox(folder));
-    // With less its start is all that can be measured; with more it takes seconds to make them.
+    // With fewer messages only its start can be measured. With more, making them takes seconds.
     if (messages >= 10000 && messages <= 100000) bench::add_doveadm(item, 1, messages);
     return item;
 }

@@ -24,7 +24,7 @@ static bool write_file(const string& path, const string& message) {
     return written;
 }
 
-// Makes the message appear in the folder's "new", under a name that nobody else has.
+// Makes the message appear in the folder's "new", under a name that no other file has.
 static bool deliver(const string& folder, const string& message, const char* queue_id) {
     do {
         char name[256];
@@ -56,5 +56,5 @@ int main(int argc, char** argv) {
 
     tsl_append_mail_folder_size((folder + "/.ts_folder_size").c_str(), size, 1);
     id.append_maildirsize(size, 1);
-    tsl_update_mail_folder_size(folder.c_str(), size);  // nobody need be listening
+    tsl_update_mail_folder_size(folder.c_str(), size);  // the daemon need not run
 }

@@ -36,7 +36,7 @@ def write_synced(path, message):
 
 
 def deliver(folder, message):
-    """Makes the message appear in the folder's new, under a name that nobody else has."""
+    """Makes the message appear in the folder's new, under a name that no other file has."""
     queue_id = ctypes.create_string_buffer(32)
     tsmail.tsl_gen_queue_id(None, queue_id, ctypes.c_size_t(len(queue_id)))
     while True:
@@ -68,7 +68,7 @@ def main():
         return EX_TEMPFAIL
     tsmail.tsl_append_mail_folder_size(folder + b"/.ts_folder_size", len(message), 1)
     tsmail.tsl_append_maildirsize(mail + b"/.maildirsize", len(message), 1)
-    tsmail.tsl_update_mail_folder_size(folder, len(message))  # nobody need be listening
+    tsmail.tsl_update_mail_folder_size(folder, len(message))  # the daemon need not run
     return 0
 
 

@@ -1,5 +1,6 @@
-/* file_note - files one short note as a message of a mailbox, the way a small delivery agent would:
- * written below tmp, flushed to the disk, linked into new under a name that did not exist, counted.
+/* file_note - files one short note as a message of a mailbox, as a small delivery agent would: it
+ * writes the message in tmp, flushes it to the disk, links it into new under a name that did not
+ * exist, and counts it.
  *
  *   file_note ann+work@site.test "Do not forget the milk"
  */

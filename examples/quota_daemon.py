@@ -1,6 +1,6 @@
 """quota_daemon.py - listens for size changes and keeps each mailbox's total.
 
-Prints the totals as JSON when it is told to end (SIGTERM), after what was sent before.
+On SIGTERM it reads what was sent before and prints the totals as JSON.
 """
 
 import json

@@ -1,4 +1,4 @@
-// where_is - prints where everything of a mailbox lies.
+// where_is - prints the paths of a mailbox.
 //
 //   where_is ann@site.test
 #include <tessaly/MailUserId.h>

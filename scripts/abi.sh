@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# abi.sh [--update] BUILD - compares the interface of the libraries in the build folder BUILD with
-# the dumps kept in abi/: names, arguments, layouts, enumerators. Any difference is a failure, an
-# addition too; --update makes the dumps anew, for a change that is meant.
+# abi.sh [--update] BUILD - compares the interface of the libraries in the build folder BUILD with the dumps
+# in abi/: names, arguments, layouts, enumerators. Any difference is a failure, also an addition. --update
+# makes the dumps anew, for an intended change.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 update=false
@@ -17,7 +17,7 @@ for program in abidw abidiff; do
     }
 done
 
-# What others define (the C++ runtime's strings, the C library's records) is not ours to keep.
+# Types of other libraries (the C++ runtime's strings, the C library's records) are left out.
 dump() { # dump LIBRARY FILE
     abidw --headers-dir "$top/include/tessaly" --exported-interfaces-only --drop-private-types \
         --drop-undefined-syms --no-corpus-path --no-comp-dir-path --no-show-locs --no-elf-needed \
@@ -35,7 +35,7 @@ for library in libtsmail.so.1 support/libtssupport.so.1 support/libkqfquery.so.1
         continue
     fi
     dump "$1/$library" "$now/now.abi"
-    # A dump that says nothing would agree with anything.
+    # An empty dump would agree with anything.
     grep -q "<elf-symbol " "$now/now.abi" || { echo "${library##*/}: no symbols" >&2; exit 1; }
     if abidiff --no-default-suppression "$kept" "$now/now.abi"; then
         echo "${library##*/}: as kept"

@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
 # bare.sh [--suite SUITE] [--as root|user] [COMMAND]
 #
-# Tries COMMAND (default: the demo, then all tests) as a newcomer would: in a bare Debian of its own,
-# made by debootstrap, from a fresh clone of what is committed here. First as root in /root, then, in
-# another one, as a user with sudo whose home is closed to others; --as chooses one of them. SUITE is
+# Tries COMMAND (default: the demo, then all tests) as a newcomer would: in a bare Debian that debootstrap
+# makes, from a fresh clone of what is committed here. It runs first as root in /root, then, in another bare
+# Debian, as a user with sudo whose home is closed to others. --as chooses one of them. SUITE is
 # bookworm (default), trixie or another that the mirror has from which this machine installs packages.
 # Ends at the first failure; logs and downloads stay in build/bare. Needs root or sudo.
 set -euo pipefail
@@ -56,7 +56,7 @@ make_base() {
     mv "$base.part" "$base"
 }
 
-# make_root ROOT WHO - a copy of the base with the user and the clone; prints the clone's place in it.
+# make_root ROOT WHO - makes a copy of the base with the user and the clone, and prints the path of the clone in it.
 make_root() {
     local root=$1 home=/root
     cp -a "$base" "$root"
@@ -68,15 +68,15 @@ make_root() {
         echo 'ann ALL=(ALL) NOPASSWD: ALL' >"$root/etc/sudoers.d/ann"
     fi
     chmod 700 "$root$home"
-    # The checkout may be somebody else's than root's.
+    # The checkout may belong to another user than root.
     printf '[safe]\n\tdirectory = *\n' >"$work/gitconfig"
     GIT_CONFIG_GLOBAL=$work/gitconfig git clone -q "$top" "$root$home/libtsmail"
     [ "$2" = root ] || chroot "$root" chown -R ann: "$home/libtsmail"
     printf '%s\n' "$home/libtsmail"
 }
 
-# enter ROOT COMMAND... - runs the command with ROOT as the whole file system, as a machine of its own
-# would have it: user name spaces are refused below a plain chroot.
+# enter ROOT COMMAND... - runs the command with ROOT as the whole file system, as on a machine of its own:
+# user name spaces are refused below a plain chroot.
 enter() {
     local root=$1
     shift
@@ -96,7 +96,7 @@ enter() {
         exec "$@"' bash "$root" "$work/$suite.archives" "$@"
 }
 
-# try WHO - the command as that user, in a root of its own, which is removed at the end.
+# try WHO - runs the command as that user, in a root of its own, and removes that at the end.
 try() {
     local who=$1 name=root log="$work/$suite.$1.log" root clone code=0
     root=$(mktemp -d "$work/$suite.$who.XXXXXX")/root

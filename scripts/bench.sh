@@ -4,11 +4,11 @@
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
 # sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
-# into bench/results/, or below build/bench/ if only some items are measured. --only, --most and
-# --rounds choose items by name, sizes and how often; DIR is where other mail programs are unpacked
-# (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, no time
-# judged, nothing written but below build/bench/. --scale measures how a spool of generated mailboxes
-# grows to 100,000 of them: ten minutes, 13 GiB and six million inodes, which are given back at the end.
+# into bench/results/, or below build/bench/ if only some items are measured. --only, --most and --rounds
+# choose the items by name, the largest size and the number of rounds. Other mail programs are unpacked in DIR
+# (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, times are not
+# judged, and files are written only below build/bench/. --scale measures how a spool of generated mailboxes
+# grows to 100,000 of them. It takes ten minutes, 13 GiB and six million inodes, which are freed at the end.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
@@ -36,7 +36,7 @@ trap 'rm -rf "$spool"' EXIT
 out=build/bench
 [ -n "$quick$only" ] || out=bench/results
 
-# Peers that cannot be had are left out, and the table says which were there.
+# Peers that cannot be downloaded are left out. The table names those that were measured.
 roots='' shown=()
 for package in dovecot-imapd mblaze; do
     [ "$(id -u)" = 0 ] || continue
@@ -45,7 +45,7 @@ for package in dovecot-imapd mblaze; do
     shown+=(--ro "$peers/$package")
 done
 
-# inside NAME COMMAND... - in the sandbox; the log is build/bench/NAME.log.
+# inside NAME COMMAND... - runs the command in the sandbox; the log is build/bench/NAME.log.
 inside() {
     local log=build/bench/$1.log
     shift
@@ -54,7 +54,7 @@ inside() {
         { tail -n 20 "$log" >&2; die "failed; the log is $log"; }
 }
 
-# Where they may write as another user.
+# A directory that they may write to as another user.
 chmod 777 "$spool"
 install -d -m 1777 build/bench/new
 rm -f build/bench/new/*
@@ -68,7 +68,7 @@ fi
 load=$(cut -d ' ' -f 1-3 /proc/loadavg)
 say "Measuring; the log is build/bench/times.log"
 inside times build/dev/bench/bench "${choice[@]}" "${words[@]}" --out build/bench/new/times.json
-# The counting takes the most time; the smoke test tries it with one item.
+# Counting takes the most time. The smoke test tries it with one item.
 [ -z "$quick" ] || [ -n "$only" ] || choice+=(--only list_find)
 say "Counting system calls and instructions; the log is build/bench/counts.log"
 inside counts python3 -B bench/counts.py build/dev/bench/bench build/bench/new/counts.json \

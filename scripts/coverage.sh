@@ -1,11 +1,10 @@
 #!/usr/bin/env bash
 # coverage.sh - installs what is missing, builds the preset coverage, runs all tests and prints which
-# lines and branches of the library's own sources they reached. Fails if a test fails, or if there is
-# an unreached line or branch that tests/coverage/uncovered.md does not name with its reason.
+# lines and branches of the library's own sources they reached. Fails if a test fails, and if
+# tests/coverage/uncovered.md does not name an unreached line or branch with its reason.
 #
-# Counted are the conditions of the source (clang's source-based coverage), so the ways that an
-# exception takes are no branches. The counters lie in a mapped file: what a process did before it
-# was killed counts too.
+# The conditions of the source are counted (clang's source-based coverage), so the paths of exceptions are not
+# branches. The counters lie in a mapped file, so the work of a process before it was killed counts, too.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
@@ -15,7 +14,7 @@ build_preset coverage
 cd "$top"
 build=build/coverage profile=build/coverage/profile
 
-# The files are made first, for all: some tests run as somebody else.
+# The files are made first, writable for all: some tests run as another user.
 rm -rf "$profile"
 (umask 0 && mkdir "$profile" &&
     LLVM_PROFILE_FILE="$profile/%c%m.profraw" "$build/tools/tsmail" --version >/dev/null)

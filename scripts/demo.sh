@@ -10,7 +10,7 @@ if [ "${1-}" != --inside ]; then
     exec "$top/scripts/sandbox" -- "$top/scripts/demo.sh" --inside
 fi
 
-# ---- From here on: in the sandbox, with an empty spool. -------------------------------------------
+# ---- The rest runs in the sandbox, with an empty spool. -------------------------------------------
 
 PATH=$top/build/dev/tools:$PATH
 export LC_ALL=C.UTF-8
@@ -23,7 +23,7 @@ output=''
 step() { printf '\n== %s\n' "$*"; }
 tell() { printf '   %s\n' "$@"; }
 
-# Shows a tsmail command as a person would type it in the checkout, and what it answers.
+# Shows a tsmail command as a person would type it in the checkout, and its output.
 tsmail_shown() {
     local words="$*" all="$samples/*.eml"
     words=${words//"$(echo "$samples"/*.eml)"/"$all"}
@@ -34,7 +34,7 @@ tsmail_shown() {
     [ "$code" = 0 ] || printf '  (exit code %s)\n' "$code"
 }
 
-# expect WHAT COMMAND... - says whether the command, a plain check, holds.
+# expect WHAT COMMAND... - prints whether the command, a plain check, succeeds.
 expect() {
     local what=$1
     shift
@@ -58,7 +58,7 @@ kept_total_is_true() {
     [ "$(record_sum "$1/.maildirsize" 1)" = "$(bytes_below "$1")" ] &&
         [ "$(record_sum "$1/.maildirsize" 2)" = "$(messages_in "$1")" ]
 }
-# Each sample message stands in the folder once, unchanged.
+# Each sample message is in the folder once, unchanged.
 all_samples_in() {
     [ "$(cd "$samples" && sha256sum -- *.eml | cut -c1-64 | sort)" = \
         "$(sha256sum -- "$1"/new/* | cut -c1-64 | sort)" ]

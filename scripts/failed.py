@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""failed.py JUNIT LOG AGAIN - says in one line which tests of a CTest run failed, the reason that most of
+"""failed.py JUNIT LOG AGAIN - prints one line with the failed tests of a CTest run, the reason that most of
 them share, and what to do: look into LOG, run them AGAIN. For scripts/test.sh.
 """
 import collections
@@ -7,8 +7,8 @@ import re
 import sys
 import xml.etree.ElementTree
 
-NAMES = 12  # as many as a person reads
-# What a test prints where it fails, the most telling first.
+NAMES = 12  # as many as a person would read
+# What a failing test prints, the most helpful first.
 REASONS = [
     r"^(?:\w+\.)*\w*(?:Error|Exception)\b: *.+",  # Python
     r"^(?:bwrap|sandbox|fetch-neighbour|skipped): .+",
@@ -29,7 +29,7 @@ def reason(output):
 
 
 def likeness(text):
-    """What is left of a reason when the parts that differ from test to test are taken out."""
+    """A reason without the parts that differ from test to test."""
     return re.sub(r"\d+|/tmp/\S+", "#", text)
 
 

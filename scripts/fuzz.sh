@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
-# fuzz.sh [--seconds N] [TARGET...] - installs what is missing, builds the fuzz targets and runs each
-# (or those that are named) for N seconds (60) in a sandbox of its own. Prints what was reached; ends
-# at the first target that finds something, whose input then lies in build/fuzz/found. Inputs that
-# reached something new stay in build/fuzz/corpus for the next run.
+# fuzz.sh [--seconds N] [TARGET...] - installs what is missing, builds the fuzz targets and runs each (or
+# those that are named) for N seconds (60) in a sandbox of its own. Prints the coverage. Ends at the first
+# target that finds something; its input is in build/fuzz/found then. Inputs that reached new code stay in
+# build/fuzz/corpus for the next run.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"

@@ -6,7 +6,7 @@ die() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 
-# What is built is for every user of the sandbox, whatever the caller's mask.
+# The build is readable for every user of the sandbox, whatever the caller's umask.
 umask 022
 
 # Runs a command as root: directly, or through sudo.
@@ -40,8 +40,8 @@ ensure_packages() {
         die "could not install ${missing[*]}"
 }
 
-# build_preset PRESET [TARGET...] - configures and builds one of CMakePresets.json, quietly unless it
-# fails; all of it unless targets are named.
+# build_preset PRESET [TARGET...] - configures and builds a preset of CMakePresets.json, all of it unless
+# targets are named. Quiet unless it fails.
 build_preset() {
     local preset=$1 log="$top/build/$1.log"
     shift

@@ -14,8 +14,8 @@ git ls-files | while read -r file; do
     if head -n 1 "$file" | grep -qE '^#!.*\b(ba)?sh\b'; then printf '%s\n' "$file"; fi
 done | xargs shellcheck -x -P scripts
 
-# It needs to know how each file is compiled, not that it was; and it cannot read another compiler's
-# precompiled headers.
+# clang-tidy needs the commands by which files are compiled, not the compiled files, and cannot read another
+# compiler's precompiled headers.
 say "clang-tidy"
 mkdir -p build
 cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON >build/lint.log ||

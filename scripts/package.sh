@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # package.sh - installs what is missing, builds the Debian packages and their source from a copy of the
-# tree as it stands (committed or not) and lets lintian judge them: a tag of any level is a failure. The
+# present tree (committed or not) and runs lintian on them: a tag of any level is a failure. The
 # packages are left in build/debs, the log in build/package.log.
 set -euo pipefail
 . "$(dirname "$0")/lib.sh"
@@ -12,13 +12,13 @@ log=$top/build/package.log
 rm -rf "$work" "$top/build/debs"
 mkdir -p "$work/tree" "$top/build/debs"
 
-# The files under version control or about to be, without what was built among them.
+# The files under version control, and new ones that are not ignored.
 git ls-files -z --cached --others --exclude-standard |
     while IFS= read -r -d '' file; do [ ! -e "$file" ] || printf '%s\0' "$file"; done |
     tar -cf - --null -T - | tar -xf - -C "$work/tree"
 
 say "Building the packages; the log is build/package.log"
-# A build of packages has a home of its own, so the compiler cache is named.
+# A package build has its own home, so the path of the compiler cache is set.
 export CCACHE_DIR=${CCACHE_DIR:-${HOME:-$work}/.cache/ccache}
 export DEB_BUILD_OPTIONS=${DEB_BUILD_OPTIONS:-parallel=$(nproc)}
 (cd "$work/tree" && dpkg-buildpackage -us -uc) >"$log" 2>&1 || {

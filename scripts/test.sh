@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# test.sh [PRESET] - installs what is missing, builds and runs all tests (preset: dev). The last lines
-# are CTest's own; if a test failed, one more says which, why, and what to do.
+# test.sh [PRESET] - installs what is missing, builds and runs all tests (preset: dev). The last lines are
+# CTest's own. If a test failed, one more line says which, why, and what to do.
 set -euo pipefail
 . "$(dirname "$0")/lib.sh"
 
@@ -10,7 +10,7 @@ build_preset "$preset"
 cd "$top"
 junit=$top/build/$preset/tests.xml
 rm -f "$junit"
-# Many tests wait more than they work.
+# Many tests wait most of the time.
 code=0
 ctest --preset "$preset" --progress -j $((2 * $(nproc))) --output-junit "$junit" || code=$?
 [ "$code" = 0 ] && exit

@@ -1,4 +1,4 @@
-// What can be asked about a mailbox.
+// Prints what the class knows about a mailbox.
 #include <tessaly/MailUserId.h>
 
 #include <iostream>

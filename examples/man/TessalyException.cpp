@@ -1,4 +1,4 @@
-// Throws what the support library throws, and tells all about it.
+// Throws the exception of the support library and prints its parts.
 #include <tessaly/Exception.h>
 
 #include <iostream>

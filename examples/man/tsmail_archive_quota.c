@@ -3,7 +3,7 @@
 #include <tessaly/mailstore.h>
 
 int main(void) {
-    /* Its own quota is left out: it is the one that changes. */
+    /* Its own quota is left out, because it is the one that changes. */
     const int left = tsm_archive_avail_quota("archive-2026");
     printf("%d GiB left: %s\n", left, left >= 40 ? "yes" : "no");
     return 0;

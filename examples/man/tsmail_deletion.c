@@ -9,12 +9,12 @@ int main(void) {
     if (create_pref_dir(user, 1) != 0) return 73;
     if (tsl_mkdir_maildir("/tmp/Work") != 0 || tsl_mkdir_maildir("/tmp/Old") != 0) return 73;
 
-    /* Its name is free at once; the sweep looks for names that begin with ".deleted.". */
+    /* The name is free at once. The sweep looks for names that begin with ".deleted.". */
     if (tsm_schedule_for_deletion("/tmp/Work", "/tmp", "ann") != 0) return 74;
     if (!tsm_is_deleted_user_path(".deleted.ann.Work.1")) return 1;
     if ((error = tsm_delete_path("/tmp/.deleted.ann.Work.1")) != 0) return error;
 
-    /* A program that renames by itself asks for a name. */
+    /* A program that renames the folder itself asks for a free name. */
     if (tsm_get_deleted_path("/tmp/Old", free_name, sizeof free_name) != 0) return 1;
     puts(free_name);
 

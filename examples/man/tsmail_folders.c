@@ -20,5 +20,5 @@ int main(int argc, char** argv) {
     printf("%d system folders, reserved beginnings:", tsl_sys_folders_count);
     for (row = tsm_sys_folders; row->name != NULL; ++row) printf(" %s", row->name);
     printf("\n");
-    return tsl_is_maildir_folder("/var/spool"); /* it holds folders, it is none */
+    return tsl_is_maildir_folder("/var/spool"); /* it holds folders and is not one */
 }

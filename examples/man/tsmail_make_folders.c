@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
     char root[4096], folder[8192];
     mode_t mode = 0777;
     if (tsl_is_valid_mailbox_name(typed, 1 | 2) != 0) {
-        fprintf(stderr, "\"%s\" is no name for a folder\n", typed);
+        fprintf(stderr, "\"%s\" is not a name for a folder\n", typed);
         return 65;
     }
     mailuser_filename(MUF_MAILPATH, root, sizeof root, user);
@@ -26,7 +26,7 @@ int main(int argc, char** argv) {
         perror(folder);
         return 73;
     }
-    /* The working directory moves during the walk and is back afterwards. */
+    /* The walk moves the working directory and moves back at its end. */
     printf("%d folders\n", tsl_visit_folders(root, 1, print_folder, &mode));
     return 0;
 }

@@ -1,4 +1,4 @@
-/* Changes one of Ann's preferences, and reads them in the ways there are. */
+/* Changes one of Ann's preferences, and reads them in all ways. */
 #include <stdio.h>
 #include <string.h>
 #include <tessaly/userpref.h>
@@ -33,7 +33,7 @@ int main(void) {
     print_text_preferences(&again);
 
     get_default_user_pref(&again);
-    if (read_user_pref(&again, user) != 0) return 74; /* the file over what is there */
+    if (read_user_pref(&again, user) != 0) return 74; /* the file over the present values */
     other = tmpfile();                                /* the same from any stream */
     if (other == NULL || fill_user_pref_struct(&again, other) != 0) return 74;
     return fclose(other);

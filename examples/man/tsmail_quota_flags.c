@@ -11,7 +11,7 @@ int main(void) {
     tsl_set_quota_exceeded(user, 1);
     printf("warning %d, exceeded %d\n", tsl_get_quota_warning(user), tsl_get_quota_exceeded(user));
 
-    /* Of an archive account only the flag's being there counts. */
+    /* For an archive account only the existence of the flag counts. */
     tsl_set_arch_quota_exceeded(account);
     printf("archive exceeded %d\n", tsl_get_arch_quota_exceeded(account));
     tsl_unset_arch_quota_exceeded(account);

@@ -1,4 +1,4 @@
-/* Mails a notice from the postmaster, and says what became of it. */
+/* Mails a notice from the postmaster, and prints the result. */
 #include <stdio.h>
 #include <sys/wait.h>
 #include <tessaly/mailstore.h>

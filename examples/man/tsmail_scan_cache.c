@@ -1,4 +1,4 @@
-/* Keeps what a scan found, and when unread messages were looked for. */
+/* Keeps the result of a scan, and the date of a scan for unread messages. */
 #include <stdio.h>
 #include <tessaly/mailstore.h>
 #include <time.h>

@@ -21,11 +21,11 @@ int main(void) {
     if (tsl_get_maildirsize(NULL, root, &size, &count) != 0) return 74;
     printf("all: %llu bytes in %llu messages\n", size, count);
 
-    /* After a recount: a folder's record anew. */
+    /* After a recount: replaces a folder's record. */
     snprintf(record, sizeof record, "%s/.ts_folder_size", folder);
     tsl_write_mail_folder_size(record, 1204, 1);
 
-    /* When in doubt: ask for a recount, either way. The sums are unknown from then on. */
+    /* In doubt: asks for a recount, in both ways. The sums are unknown from then on. */
     tsl_reset_quota_flag_by_path(root);
     tsl_reset_quota_flag_by_user(user);
     return tsl_get_maildirsize(NULL, root, &size, &count) == -1 ? 0 : 1;

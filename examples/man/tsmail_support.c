@@ -1,4 +1,4 @@
-/* What a support library offers: locked files, paths, moves, configuration. */
+/* The functions of a support library: locked files, paths, moves, configuration. */
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>

@@ -9,7 +9,7 @@ from tsmail.mailbox import Maildir
 
 
 def folder_of(box: Mailbox) -> str:
-    """The tag's folder if it is there, else Inbox. A tag comes from strangers: it makes no folder."""
+    """The tag's folder if it exists, else Inbox. A tag comes from strangers and does not make folders."""
     is_name = name_verdict(box.tag, refuse_parts=True) is NameVerdict.VALID
     return box.tag if is_name and box.folder(box.tag).exists() else "Inbox"
 
@@ -21,7 +21,7 @@ def main() -> int:
     if not box.folder("Inbox").exists():
         return os.EX_NOUSER
     try:
-        # Written below tmp, flushed, put into new under a name that nobody has, and counted.
+        # Writes the message in tmp, flushes it, moves it into new under a free name, and counts it.
         Maildir(box, folder_of(box), create=False).add(sys.stdin.buffer.read())
     except OSError as error:
         print(f"deliver: {error}", file=sys.stderr)

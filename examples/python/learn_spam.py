@@ -1,7 +1,7 @@
 """learn_spam.py ADDRESS FOLDER MODEL - learns what spam looks like from a folder and those below it.
 
-MODEL is a JSON file: how many messages were learnt, in how many of them each word occurred, and the keys
-of the messages, so that each one is learnt once however often this runs.
+MODEL is a JSON file: the number of messages that were learnt, the number of those with each word, and the
+keys of the messages, so that each one is learnt once, however often the program runs.
 """
 
 import collections
@@ -20,7 +20,7 @@ LARGEST = 1 << 20  # bytes; spam is short
 
 
 def words_of(message: email.message.Message) -> set[str]:
-    """The words of the subject and of what is plain text."""
+    """The words of the subject and of the plain text parts."""
     texts = [str(message["subject"] or "")]
     for part in message.walk():
         payload = part.get_payload(decode=True)
@@ -51,7 +51,7 @@ def learn(model: dict[str, Any], maildir: Maildir) -> None:
             continue
         try:
             message = maildir[key]
-        except (KeyError, FileNotFoundError):  # somebody moved it meanwhile
+        except (KeyError, FileNotFoundError):  # another program moved it meanwhile
             continue
         learnt.add(key)
         if len(message.as_bytes()) <= LARGEST:

@@ -1,8 +1,8 @@
 """migrate_preferences.py <LINES - stores preferences that another system exported.
 
-Each line is a JSON object with "address" and preferences by their keys. What a user has already and the
-line does not name is kept. A value that would not come back as it is is reported and left out; the others
-of its line are stored. Exit code 1 if there was one.
+Each line is a JSON object with "address" and preferences by their keys. A user's other preferences stay as
+they are. A value that could not be read back as it is is reported and left out; the other values of the line
+are stored. The exit code is 1 if a value was left out.
 """
 
 import json
@@ -13,7 +13,7 @@ from tsmail import Mailbox, Preferences
 
 
 def migrate(address: str, values: dict[str, Any]) -> list[str]:
-    """Stores the values; what was refused, and why."""
+    """Stores the values. Returns the refused ones with the reasons."""
     user = Mailbox(address).bare_address
     preferences, refused = Preferences.of(user, missing_ok=True), []
     for key, value in values.items():

@@ -3,7 +3,6 @@ the hostile mailbox changes. Each attack has a twin in which nobody is hostile."
 
 import fcntl
 import os
-import shutil
 import subprocess
 import sys
 import time
@@ -181,7 +180,7 @@ class StallTest(AttackCase):
                     begun = time.monotonic()
                     done = tsmail("--timeout", "1", *words)
                     self.assertEqual(done.code, 75, done)
-                    self.assertIn("ann@site.test: it took longer than 1 seconds", done.err)
+                    self.assertIn("ann@site.test: it took longer than 1 second", done.err)
                     self.assertRegex(done.lines[-1], "^1 mailbox was left out$", done)
                     self.assertLess(time.monotonic() - begun, 20)
         self.succeed("recount", "--all")

@@ -1,5 +1,5 @@
-"""The store on a distributed file system, from two machines: each a client of the same three servers,
-with a cache, a host name and a view of the file system of its own.
+"""The store on a distributed file system, from two machines. Each is a client of the same three servers, with
+its own cache, host name and view of the file system.
 
 One cluster serves all the tests; each test has mailboxes of its own. How many messages go through them
 depends on the machine: agents deliver for a fixed time."""
@@ -17,7 +17,7 @@ SOURCE, BUILD = os.environ["TSMAIL_SOURCE"], os.environ["TSMAIL_BUILD"]
 CLUSTER = os.path.join(SOURCE, "scripts", "cluster")
 TSMAIL = os.path.join(BUILD, "tools", "tsmail")
 SECONDS = int(os.environ.get("TSMAIL_CLUSTER_SECONDS", "12"))
-LONGEST = 90  # seconds that a delivery may take when something fails
+LONGEST = 90  # the seconds that a delivery may take if something fails
 TEMPFAIL = 75
 SKIPPED = 77
 TOP = ""
@@ -36,7 +36,7 @@ def setUpModule():
 
 
 def start(machine, script, *words, sendmail=None):
-    """A shell script on a machine. It knows $T, the command, and has the words as its arguments."""
+    """Runs a shell script on a machine. $T is the command, and the words are the arguments."""
     options = ["--sendmail", sendmail] if sendmail else []
     return subprocess.Popen(
         [f"{SOURCE}/scripts/sandbox", "--rw", BUILD, "--spool-dir", f"{TOP}/{machine}/spool",
@@ -60,12 +60,12 @@ def mail(machine, address):
 
 
 def body(name):
-    """A message that can be known by its name."""
+    """A message that can be recognised by its name."""
     return f"Subject: {name}\n\n" + f"{name}\n" * (1 + len(name) * 7 % 50)
 
 
-# Delivers messages of its own to the addresses in turn until the time is up; says for each the answer,
-# its name and the seconds.
+# Delivers its own messages to the addresses in turn until the time is up. Prints the exit code, the name and
+# the seconds for each.
 AGENT = r"""
 prefix=$1 until=$((SECONDS + $2)); shift 2; i=0
 while [ $SECONDS -lt $until ]; do
@@ -78,7 +78,7 @@ while [ $SECONDS -lt $until ]; do
     done
 done"""
 
-# Removes a message now and then, and says which.
+# Removes a message now and then, and prints its name.
 REMOVER = r"""
 address=$1 user=${1%@*} domain=${1#*@} until=$((SECONDS + $2))
 cd /var/spool/home/$domain/$user~$domain/mail/Inbox/new || exit 1
@@ -94,7 +94,7 @@ while [ $SECONDS -lt $until ]; do $T "$@" || exit; done"""
 
 
 class Answers:
-    """What agents were told."""
+    """The results of the agents."""
 
     def __init__(self, agents):
         self.acknowledged, self.refused, self.codes, self.errors = set(), set(), set(), set()
@@ -139,7 +139,7 @@ class ClusterCase(unittest.TestCase):
         return sum(int(size) for size, _ in pairs), sum(int(count) for _, count in pairs)
 
     def assert_whole(self, addresses, answers, removed=()):
-        """Every acknowledged message is there once, as it was sent, and what was refused once or not."""
+        """Every acknowledged message is stored once, as it was sent. A refused message is stored once or not at all."""
         for machine in "ab":
             texts = [text for address in addresses for text in self.found(machine, address)]
             names = [text.split("\n", 1)[0].removeprefix("Subject: ") for text in texts]
@@ -187,7 +187,7 @@ class TogetherTest(ClusterCase):
 
 
 class FilesTest(ClusterCase):
-    """Files that the library keeps, from both machines at once."""
+    """The library's files, from both machines at the same time."""
 
     CALL = r"""exec python3 -c "
 import ctypes, sys
@@ -254,8 +254,8 @@ for i in range(count):
 
 
 class FailureTest(ClusterCase):
-    """What fails while both machines deliver: nothing acknowledged is lost or comes twice, and a
-    recount makes the totals right again."""
+    """Failures while both machines deliver: no acknowledged message is lost or stored twice, and a recount
+    makes the totals right."""
 
     def during_deliveries(self, name, act, restore=lambda: None):
         address = f"{name}@site.test"

@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """report.py BUILD PROFILE - lines and branches of the library's sources that the tests reached.
 
-Prints a table and compares what was not reached with uncovered.md: each side of a condition and each
-line that is missing must be named there with its reason. Answers 1 if one is not.
+Prints a table and compares what was not reached with uncovered.md. Each missing side of a condition and each
+missing line must be named there with its reason. Exits with 1 if one is not.
 """
 import collections
 import json
@@ -15,7 +15,7 @@ import sys
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 FOLDERS = ("mailuser", "maildir", "mailsize", "quota", "userpref", "maillist", "base")
 NAMED = SOURCE / "tests/coverage/uncovered.md"
-LINES_WANTED, BRANCHES_WANTED = 100.0, 95.0  # what is aimed at
+LINES_WANTED, BRANCHES_WANTED = 100.0, 95.0  # the targets
 
 
 def export(build, profile, *options):
@@ -27,7 +27,7 @@ def export(build, profile, *options):
 
 
 def ours(filename):
-    """The path inside the source, or None for a file that is not the library's."""
+    """The path below the source, or None for a file that does not belong to the library."""
     path = pathlib.Path(os.path.normpath(filename))
     if not path.is_relative_to(SOURCE):
         return None
@@ -61,7 +61,7 @@ def lines(text):
 
 
 def functions_not_called(text):
-    """(file, first line, last line) of each function that ran nowhere, in none of its instances."""
+    """(file, first line, last line) of each function that never ran, in any of its instances."""
     counted = collections.defaultdict(int)
     for function in json.loads(text)["data"][0]["functions"]:
         path, region = ours(function["filenames"][0]), function["regions"][0]
@@ -83,7 +83,7 @@ def text_between(path, place):
 
 
 def missing(all_lines, all_branches, functions):
-    """What was not reached: file, source text, what about it -> where it stands."""
+    """What was not reached: (file, source text, what is missing) -> its place."""
     found, known = collections.defaultdict(list), collections.defaultdict(set)
     for path, first, last in functions:
         known[path].update(range(first, last + 1))
@@ -102,7 +102,7 @@ def missing(all_lines, all_branches, functions):
 
 
 def named():
-    """The rows of uncovered.md: as missing() has it -> how often."""
+    """The rows of uncovered.md, as missing() has them -> how often."""
     rows = collections.Counter()
     for line in NAMED.read_text(encoding="utf-8").splitlines():
         match = re.match(r"\| `([^`]+)` \| `(.+)` \| (never \w+)(?: \((\d+) times\))? \| (.+) \|$", line)
@@ -113,7 +113,7 @@ def named():
 
 
 def leave_out(functions, all_lines, all_branches):
-    """Drops what only the compiler runs: constexpr functions that nothing calls."""
+    """Drops what only the compiler runs: constexpr functions that are not called."""
     away = [place for place in functions
             if re.search(r"\bconst(expr|eval)\b", source_of(place[0])[place[1] - 1])]
     for path, first, last in away:

@@ -1,4 +1,4 @@
-"""Shell completion, asked in real shells: bash and zsh on a terminal of their own, fish by itself."""
+"""Shell completion in real shells: bash and zsh on terminals of their own, fish by itself."""
 
 import os
 import pathlib
@@ -14,7 +14,7 @@ TSMAIL = BUILD / "tools/tsmail"
 PATH = f"{BUILD}/tools:{os.environ['PATH']}"
 ANN = "ann@site.test"
 
-# (what is typed, what the shell makes of it), in every shell; a blank is put behind it.
+# (what is typed, what the shell makes of it), in every shell. The shell adds a blank.
 ROWS = [
     ("tsmail fold", "tsmail folders"),
     ("tsmail list rem", "tsmail list remove"),
@@ -36,20 +36,20 @@ ROWS = [
     (f"tsmail list show {ANN} my", f"tsmail list show {ANN} mylist"),
     ("tsmail list show --scope system - al", "tsmail list show --scope system - allowed"),
     (f"tsmail message rm {ANN} Inbox 17", f"tsmail message rm {ANN} Inbox 1763275200.x"),
-    # What has a blank in it, within quotes or not.
+    # Words with a blank, with and without quotes.
     (f"tsmail messages {ANN} Old\\ m", f"tsmail messages {ANN} Old\\ mail"),
     (f"tsmail messages {ANN} Old", f"tsmail messages {ANN} Old\\ mail"),
     (f"tsmail messages {ANN} 'Old m", f"tsmail messages {ANN} 'Old mail'"),
     (f"tsmail messages {ANN} \"Old m", f"tsmail messages {ANN} \"Old mail\""),
     (f"tsmail deliver {ANN} /tmp/some\\ m", f"tsmail deliver {ANN} /tmp/some\\ mail.eml"),
 ]
-# What has no answer.
+# Lines without a completion.
 NOTHING = [f"tsmail folders {ANN} x", f"tsmail messages {ANN} Nowhe", "tsmail check-name ", f"tsmail messages {ANN} .del",
            "tsmail messages $(touch /tmp/run)@site.test W", "tsmail messages `touch /tmp/run` W"]
 
 
 def prepare():
-    """A spool with all that can be asked for."""
+    """A spool with everything that can be completed."""
     for words in (["create", ANN, "Old mail", "Work"], ["create", "bert@other.test"],
                   ["list", "add", ANN, "whitelist", "x@site.test"], ["list", "add", ANN, "mylist", "x@site.test"]):
         subprocess.run([TSMAIL, "-q", *words], check=True)
@@ -84,7 +84,7 @@ class Terminal:
         self.case.assertIn(wanted, seen)
 
     def completed(self, line):
-        """The line as completion leaves it; ^O makes the shell put it into a file."""
+        """The line after completion; ^O makes the shell write it into a file."""
         if os.path.exists("/tmp/line"):
             os.unlink("/tmp/line")
         self.type("\x15" + line + "\t\x0f")
@@ -97,7 +97,7 @@ class Terminal:
 
 
 class Shell:
-    """What is asked of bash and zsh alike."""
+    """The cases of bash and zsh."""
 
     def test_what_is_typed_is_completed(self):
         prepare()
@@ -158,7 +158,7 @@ class ZshTest(Shell, unittest.TestCase):
 
 class FishTest(unittest.TestCase):
     def offered(self, line):
-        """What fish offers for a line: words that stand in place of its last one."""
+        """The words that fish offers in the place of the last word of a line."""
         script = f"source {SCRIPTS}/tsmail.fish; complete -C $argv[1]"
         done = subprocess.run(["fish", "--no-config", "-c", script, line], check=True, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, text=True, env={**os.environ, "PATH": PATH}, cwd="/tmp")
@@ -169,7 +169,7 @@ class FishTest(unittest.TestCase):
         prepare()
         for line, expected in ROWS:
             if line.startswith("tsmail messages") and "Old" in line:
-                continue  # asked below: it answers without the quotes
+                continue  # tested below: fish answers without the quotes
             with self.subTest(line):
                 self.assertEqual(self.offered(line), [expected.split(" ", line.count(" "))[-1].replace("\\", "")]
                                  if "some" not in line else ["/tmp/some mail.eml"])

@@ -1,4 +1,4 @@
-"""The manual: well-formed pages, one for each name, with all that a page has to say."""
+"""The manual: well-formed pages, one for each name, with all the facts."""
 
 import json
 import os
@@ -24,7 +24,7 @@ def text_of(path):
 
 
 def pages():
-    """Pages that are no links."""
+    """Pages that are not links."""
     return sorted(p for p in MAN.glob("man*/*") if not text_of(p).startswith(".so "))
 
 
@@ -37,7 +37,7 @@ class FormTest(unittest.TestCase):
         self.assertGreater(len(pages()), 20)
         done = subprocess.run(["mandoc", "-T", "lint", *pages()], stdout=subprocess.PIPE,
                               stderr=subprocess.STDOUT, text=True, check=False)
-        # It looks for other pages among the installed ones; the next test looks for them here.
+        # The linter looks for other pages among the installed ones. The next test looks for them here.
         found = [line for line in done.stdout.splitlines() if "referenced manual not found" not in line]
         self.assertEqual(found, [])
 
@@ -67,7 +67,7 @@ class FormTest(unittest.TestCase):
 
 
 class FunctionsTest(unittest.TestCase):
-    """What functions.toml says is about the functions that there are, and about all of them."""
+    """functions.toml is about the functions that exist, and about all of them."""
 
     @classmethod
     def setUpClass(cls):
@@ -133,7 +133,7 @@ class FormatsTest(unittest.TestCase):
 
 
 class CommandTest(unittest.TestCase):
-    """Section 1 is about the verbs that there are."""
+    """Section 1 is about the verbs that exist."""
 
     @classmethod
     def setUpClass(cls):
@@ -198,7 +198,7 @@ class CommandTest(unittest.TestCase):
 
 
 class ExamplesTest(unittest.TestCase):
-    """The examples of every verb's page run as they stand there."""
+    """The examples on the page of every verb run as they are."""
 
     PREPARED = """
         tsmail -q create ann@site.test Work; tsmail -q create bert@site.test

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
-"""tutorial.py SOURCE [PREFIX] - does what docs/tutorial.md says, and sees what it says is shown.
+"""tutorial.py SOURCE [PREFIX] - runs the commands of docs/tutorial.md and compares their output with the tutorial.
 
-PREFIX is where libtsmail is installed; without one it is where the compiler and the loader look by
+PREFIX is where libtsmail is installed. Without it, it is where the compiler and the loader look by
 themselves. Runs inside the sandbox.
 """
 

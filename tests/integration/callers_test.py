@@ -13,7 +13,7 @@ MESSAGE = f"Subject: note\n\n{NOTE}\n".encode()
 
 
 def build(compiler, standard, source):
-    """Builds an example as a program of one's own: with what pkg-config says."""
+    """Builds an example in the way of any program: with the flags of pkg-config."""
     library = next(root for root, _, names in os.walk(PREFIX) if "tsmail.pc" in names)
     env = environment(PKG_CONFIG_PATH=library)
     words = {what: subprocess.run(["pkg-config", what, "tsmail"], env=env, check=True,

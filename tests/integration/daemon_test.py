@@ -1,4 +1,4 @@
-"""Beside a quota daemon in a process of its own: it learns each mailbox's size from what it is told."""
+"""Beside a quota daemon in a process of its own. It learns the size of each mailbox from the notifications."""
 
 import ctypes
 import json
@@ -30,7 +30,7 @@ class Daemon:
         self.process.wait()
 
     def totals(self):
-        """Ends the daemon, which reads what is waiting first."""
+        """Ends the daemon, which first reads what is waiting."""
         self.process.send_signal(signal.SIGTERM)
         return json.loads(self.process.communicate(timeout=30)[0])
 
@@ -51,7 +51,7 @@ def deliver(seed):
 
 
 def read(seed):
-    """A reader moves what is new to cur."""
+    """Moves new messages to cur, as a reader does."""
     rng = random.Random(seed)
     for _ in range(4 * ROUNDS):
         address, folder = rng.choice(ADDRESSES), rng.choice(FOLDERS)
@@ -60,7 +60,7 @@ def read(seed):
 
 
 def remove_and_refile(seed):
-    """The only one who takes messages away: removes some, moves others to another folder."""
+    """The only process that takes messages away: it removes some and moves others to another folder."""
     rng, tsl = random.Random(seed), library()
     for _ in range(ROUNDS // 2):
         address, (source, target) = rng.choice(ADDRESSES), rng.sample(FOLDERS, 2)

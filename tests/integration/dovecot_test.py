@@ -1,4 +1,4 @@
-"""Beside Dovecot, which serves the same folders over IMAP: what the one writes the other reads."""
+"""Beside Dovecot, which serves the same folders over IMAP. Each reads what the other writes."""
 
 import email.utils
 import imaplib
@@ -18,7 +18,7 @@ FLAGS = {"\\Seen": "S", "\\Flagged": "F", "\\Answered": "R", "\\Deleted": "T", "
 
 
 def network(text):
-    """A message as IMAP shows it: every line end is CR LF, and no byte is zero."""
+    """A message as IMAP shows it: every line end is CR LF, and there are no NUL bytes."""
     return re.sub(rb"\r?\n", b"\r\n", text).replace(b"\0", b"\x80")
 
 
@@ -28,7 +28,7 @@ def sizes(folder):
 
 
 class Imap:
-    """A session of its own, logged in already."""
+    """A new session that is logged in."""
 
     def __init__(self, folder=None):
         home = os.path.dirname(mail(ADDRESS))
@@ -54,7 +54,7 @@ class Imap:
         return {re.search(rb'"/" "?(.*?)"?$', row).group(1).decode() for row in self("list")}
 
     def messages(self):
-        """Of each message in the open folder: content, date, flags."""
+        """Content, date and flags of each message in the open folder."""
         if self("search", None, "ALL") == [b""]:
             return []
         found = []
@@ -91,7 +91,7 @@ class DovecotCase(SpoolCase):
                               stdin=text).lines[0] for text in texts]
 
     def assert_sizes_right(self, *folders):
-        """After a recount the records say what the files say, and so do all verbs."""
+        """After a recount the records agree with the files, and so do all verbs."""
         self.run_tool("recount", ADDRESS)
         for folder in folders:
             found = sizes(folder)

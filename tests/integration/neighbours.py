@@ -1,11 +1,11 @@
-"""Tests beside other mail programs, which Debian's packages bring. Nothing is installed: each package
-is unpacked beside the build and laid over /usr in the sandbox, where /etc can be written and there is
-a user for the mail.
+"""Tests beside other mail programs from Debian's packages. Nothing is installed: each package is unpacked
+beside the build and mounted over /usr in the sandbox, where /etc can be written and a user for the mail
+exists.
 
 usage: neighbours.py SOURCE BUILD CACHE PACKAGES FILE CLASS   (PACKAGES: names, with commas between)
 
-Exits with 77 (skipped) where that cannot be done: without root, without the packages, on a kernel
-that has no overlay file system.
+Exits with 77 (skipped) where this is impossible: without root, without the packages, or on a kernel without
+an overlay file system.
 """
 
 import os
@@ -16,7 +16,7 @@ import sys
 
 SKIPPED = 77
 VMAIL = 5000  # the user and group that own the mail
-# Needed to lay file systems over others, and to run what steps down from root.
+# Needed to mount file systems over others, and to run programs that give up root's rights.
 ACCOUNTS = ["vmail:5000", "dovecot:901", "dovenull:902", "postfix:903", "postdrop:904"]
 
 
@@ -45,7 +45,7 @@ def outside(source, build, cache, packages, file, test_class):
 
 
 def overlay(target, lower, upper=None):
-    """Lays directories over the target, the first one uppermost; with `upper` it can be written."""
+    """Mounts directories over the target, the first one uppermost. With `upper` the target can be written."""
     options = "lowerdir=" + ":".join([*lower, target])
     if upper:
         for name in ("upper", "work"):
@@ -60,7 +60,7 @@ def overlay(target, lower, upper=None):
 def inside(roots, file, test_class):
     roots = [root for root in roots.split(":") if root]
     etc = [f"{root}/etc" for root in roots if os.path.isdir(f"{root}/etc")]
-    # The tool where a package would put it, and the usual ways into other programs.
+    # The command where a package would put it, and the usual paths to other programs.
     os.makedirs("/run/own/usr/bin")
     os.symlink(os.path.join(os.environ["TSMAIL_BUILD"], "tools/tsmail"), "/run/own/usr/bin/tsmail")
     os.symlink("/usr/sbin/sendmail", "/bin/sendmail")
@@ -81,7 +81,7 @@ def as_vmail():
 
 
 def make_home():
-    """The directory of all mailboxes, owned by who owns the mail."""
+    """The directory of all mailboxes, owned by the owner of the mail."""
     os.makedirs("/var/spool/home", exist_ok=True)
     os.chown("/var/spool/home", VMAIL, VMAIL)
     os.chmod("/var/spool/home", 0o755)

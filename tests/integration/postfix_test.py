@@ -1,4 +1,4 @@
-"""Beside Postfix, which hands the mail that arrives to `tsmail deliver`."""
+"""Beside Postfix, which passes the mail that arrives to `tsmail deliver`."""
 
 import grp
 import json
@@ -39,7 +39,7 @@ def deferred():
 
 
 def submitter():
-    """Who owns the mail, with the right to submit that Postfix's set-group-id program would give."""
+    """The owner of the mail, with the right to submit that Postfix's set-group-id program would give."""
     return {**neighbours.as_vmail(), "extra_groups": [grp.getgrnam("postdrop").gr_gid]}
 
 
@@ -69,7 +69,7 @@ class PostfixCase(SpoolCase):
         postfix("stop")
 
     def submit(self, sender, recipient, text):
-        """On the interface that local programs use."""
+        """Through the interface that local programs use."""
         subprocess.run(["/bin/sendmail", "-i", "-f", sender, recipient], input=text, check=True)
 
     def assert_body(self, path, body):

@@ -1,4 +1,4 @@
-"""Beside mail readers: after what they mark, move and remove, the tool shows what the files say."""
+"""Beside mail readers: after they have marked, moved and removed messages, the command agrees with the files."""
 
 import mailbox
 import os
@@ -45,7 +45,7 @@ class ReaderCase(SpoolCase):
         return self.succeed(*words, **neighbours.as_vmail())
 
     def read(self, *words, **options):
-        """Runs a program as who owns the mail, with the mailbox as its home."""
+        """Runs a program as the owner of the mail, with the mailbox as its home."""
         env = environment(HOME="/tmp/reader", MAILDIR=mail(ADDRESS), TERM="xterm")
         os.makedirs("/tmp/reader", exist_ok=True)
         os.chown("/tmp/reader", neighbours.VMAIL, neighbours.VMAIL)
@@ -56,7 +56,7 @@ class ReaderCase(SpoolCase):
         return f"{mail(ADDRESS)}/Inbox"
 
     def assert_shown_as_it_is(self):
-        """Counts, sizes and flags of all verbs, before and after the records are made anew."""
+        """Counts, sizes and flags of all verbs, before and after a recount."""
         self.assert_folders_shown()
         self.run_tool("recount", ADDRESS)
         self.assert_folders_shown()
@@ -79,7 +79,7 @@ class ReaderCase(SpoolCase):
 
 class MuttTest(ReaderCase):
     def drive(self, keys):
-        """Runs mutt on a terminal; it ends by the keys."""
+        """Runs mutt on a terminal. The keys end it."""
         done = None
         arguments = ["mutt", "-n", "-F", "/dev/null", "-f", self.inbox(),
                      "-e", "set folder=/tmp/reader mbox_type=Maildir move=no delete=yes confirmappend=no quit=yes "
@@ -147,8 +147,8 @@ class MblazeTest(ReaderCase):
 
 class PythonTest(ReaderCase):
     def test_marks_moves_and_removals(self):
-        """In a process of its own, as any other reader. It works on messages that Python writes byte
-        for byte as it read them: of another length the size in the name would be wrong."""
+        """In a process of its own, like any other reader. It works on messages that Python writes back byte
+        for byte. With another length the size in the name would be wrong."""
         script = f"""
 import mailbox
 inbox = mailbox.Maildir({self.inbox()!r}, create=False)

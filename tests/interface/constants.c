@@ -1,5 +1,6 @@
-/* The enumerators are interface, but no function of the library has their types: callers pass them
- * as int. These functions have, so that the kept dump of this library's interface holds them. */
+/* The enumerators are interface, but the functions of the library do not have their types: callers
+ * pass them as int. These functions have the types, so that the recorded interface of this library
+ * contains the enumerators. */
 #include <tessaly/maillist.h>
 #include <tessaly/mailstore.h>
 #include <tessaly/userpref.h>

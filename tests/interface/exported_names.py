@@ -3,7 +3,7 @@
 
 usage: exported_names.py LIBRARY... -- HEADER...
 
-Prints what is missing on either side and answers 1 if there is a difference.
+Prints what is missing on either side. Exits with 1 if there is a difference.
 """
 import re
 import subprocess

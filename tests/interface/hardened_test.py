@@ -1,5 +1,5 @@
-"""The libraries and the command are built with the compiler's and the linker's protections, and no
-program of the build folder loads a library from the working directory."""
+"""The libraries and the command are built with the protections of the compiler and the linker. The programs
+in the build folder do not load libraries from the working directory."""
 import glob
 import os
 import pathlib
@@ -55,7 +55,7 @@ class HardenedTest(unittest.TestCase):
             self.assertRegex(text, r" __(read|memcpy|snprintf|vsnprintf|open64|openat64)_(chk|2)@")
 
     def test_each_file_was_compiled_so(self):
-        # The compiler that says with which switches: in the debug information of each file.
+        # The debug information of each file names the compiler and its switches.
         flags = [flag for flag in ("-fstack-protector-strong", "-fstack-clash-protection",
                                    "-fcf-protection", "-mbranch-protection=standard") if has(flag)]
         self.assertTrue(flags)

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# own_support.sh CMAKE SUPPORT KQFQUERY SOURCE CC CXX - builds the library with an appliance's own
-# support libraries (here: copies of the bundled ones, standing elsewhere), as a packager there does,
-# and lets the examples use it. Runs inside the sandbox.
+# own_support.sh CMAKE SUPPORT KQFQUERY SOURCE CC CXX - builds the library with an appliance's own support
+# libraries (here: copies of the bundled ones in another place), as a packager there does, and builds the
+# examples with it. Runs inside the sandbox.
 set -euo pipefail
 
 cmake=$1 support=$2 kqfquery=$3 source=$4 cc=$5 cxx=$6

@@ -1,8 +1,7 @@
 #!/usr/bin/env python3
-"""prints_nothing.py LIBRARY... - no library asks for anything to print or log with, nor for a way to
-end its process. The one exception is perror, for a socket that cannot be had. fwrite is not among
-them: it writes preferences to a stream of the executable's own, and without stdout and stderr, which
-are among them, it cannot print."""
+"""prints_nothing.py LIBRARY... - the libraries do not import functions that print, log or end the process.
+The only exception is perror, for a socket that cannot be created. fwrite is not on the list: it writes to a
+stream of the executable. Without stdout and stderr, which are on the list, it cannot print."""
 import re
 import subprocess
 import sys

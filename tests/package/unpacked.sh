@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# unpacked.sh SOURCE BUILD PYTHON - unpacks the packages of build/debs into an empty root, lays that over
-# the sandbox's, and runs the packages' own smoke test and the tutorial there: compiler, loader, man and
-# shells find everything where Debian has it.
+# unpacked.sh SOURCE BUILD PYTHON - unpacks the packages of build/debs into an empty root, mounts that over
+# the sandbox's root, and runs the packages' own smoke test and the tutorial there: compiler, loader, man and
+# shells find everything in Debian's places.
 set -euo pipefail
 source=$1 build=$2 python=$3
 root=$(mktemp -d "$source/build/package/root.XXXXXX")
@@ -26,9 +26,9 @@ done
     root=$1 source=$2 python=$3
     [ "$(command -v tsmail)" = /usr/bin/tsmail ]
     ldd /usr/bin/tsmail | grep "libtssupport.so.1 => /lib/"
-    # Searched for nowhere but where the loader looks.
+    # Libraries are found only where the loader looks by itself.
     if readelf -d /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 | grep -E "RPATH|RUNPATH"; then exit 1; fi
-    # Hardened: addresses known at start only, tables read-only, buffers checked.
+    # Hardened: random addresses, read-only tables, checked buffers.
     readelf -h /usr/bin/tsmail | grep -q "DYN (Position-Independent"
     for binary in /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 /usr/lib/*/libtssupport.so.1; do
         readelf -dW "$binary" | grep -q "BIND_NOW"

@@ -1,4 +1,4 @@
-"""What scripts/test.sh says at the end of a run with failed tests, of real runs of ctest.
+"""The last lines of scripts/test.sh after a run with failed tests, for real runs of ctest.
 
 usage: failed_test.py SOURCE CTEST
 """
@@ -12,12 +12,12 @@ SOURCE, CTEST = sys.argv[1:3]
 REFUSED = "PermissionError: [Errno 13] Permission denied: '/nowhere/tsmail'"
 
 
-# Instead of a text, what a test does.
+# The actions of a test that does not print a text.
 DOINGS = {"sleep": "sh -c [[sleep 60]]", "missing": "/nowhere/program", "skip": "sh -c [[exit 77]]"}
 
 
 def said(tests, timeout=20):
-    """The line, of a run of tests that print what is given and fail; empty text: passed."""
+    """The line for a run of tests that print these texts and fail. A test with an empty text passes."""
     with tempfile.TemporaryDirectory() as folder:
         place = pathlib.Path(folder)
         with open(place / "CTestTestfile.cmake", "w", encoding="utf-8") as file:

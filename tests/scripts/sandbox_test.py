@@ -1,5 +1,5 @@
-"""The sandbox shows the checkout and the build to every user inside, wherever they lie and whatever
-their modes are, and nothing else of a home.
+"""The sandbox shows the checkout and the build to every user in it, wherever they lie and whatever their
+modes are. It does not show anything else of a home.
 
 usage: sandbox_test.py SOURCE [CLASS]  (outside of a sandbox: it makes its own)
 """
@@ -15,7 +15,7 @@ import tempfile
 import unittest
 
 SOURCE = pathlib.Path(sys.argv.pop(1)) if __name__ == "__main__" else None
-# Root becomes somebody else, as the tests of refused permissions do; others cannot.
+# Root becomes another user, as the tests of refused permissions do. Other users cannot.
 OTHER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
 
 
@@ -29,7 +29,7 @@ def umask(mask):
 
 
 class Checkout:
-    """A small one with its own sandbox, a program as if built, and a file of its own."""
+    """A small checkout with its own sandbox, a program as if built, and a file."""
 
     def __init__(self, path, mask=0o022):
         self.path = pathlib.Path(path)
@@ -58,7 +58,7 @@ class Checkout:
         assert code == 0, text
 
     def inside(self, *command, **environment):
-        """What the command, run as another user, prints; its exit code must be 0."""
+        """The output of the command, run as another user. Its exit code must be 0."""
         code, text = self.sandbox("--rw", self.build, "--", *OTHER, *command, **environment)
         assert code == 0, text
         return text
@@ -66,7 +66,7 @@ class Checkout:
 
 class Case(unittest.TestCase):
     def place(self, parent):
-        """A new directory that is closed to others."""
+        """A new directory that other users may not enter."""
         path = tempfile.mkdtemp(dir=parent)
         self.addCleanup(shutil.rmtree, path)
         return pathlib.Path(path)
@@ -188,7 +188,7 @@ class HomesTest(Case):
         self.assertEqual(checkout.inside("find", home, HOME=str(home)), f"{home}\n")
 
     def test_a_home_among_homes(self):
-        # The real checkout stands for the private things beside the caller's home.
+        # The real checkout is an example of private files beside the caller's home.
         checkout = Checkout(self.place("/tmp") / "clone")
         checkout.inside("test", "!", "-e", SOURCE / "scripts", HOME=str(SOURCE.parent))
 

@@ -1,6 +1,5 @@
 """deliver, stopped or failing at every one of its system calls; and many of them at once."""
 
-import os
 import re
 import subprocess
 import threading
@@ -9,7 +8,7 @@ import unittest
 
 from tools import toolkit
 from tools.toolkit import (SANITIZED, TSMAIL, SpoolCase, environment, folder_record, is_marked,
-                           left_in_tmp, mail, mailbox_record, messages, traced)
+                           left_in_tmp, mail, mailbox_record, messages)
 from tools.tracing import traced_parent, traced_worker
 
 ANN = "ann@site.test"

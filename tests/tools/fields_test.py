@@ -2,11 +2,10 @@
 
 import json
 import os
-import re
 import unittest
 
 from tools.schemas import check_shown
-from tools.toolkit import HOME, SOURCE, SpoolCase, mail, messages, run, tsmail
+from tools.toolkit import HOME, SOURCE, SpoolCase, messages, run, tsmail
 
 ANN = "ann@site.test"
 

@@ -12,7 +12,7 @@ from tools import toolkit
 from tools.toolkit import (BUILD, SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content,
                            environment, folder_record, held_by_folders, is_marked, mail,
                            mailbox_record, messages, numbered, own_by_nobody, processes_of,
-                           record, snapshot, traced, tsmail, wait_until, write)
+                           snapshot, traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOTAL = mail(ANN) + "/.maildirsize"

@@ -211,7 +211,9 @@ class Run {
             if (polled[n].revents != 0) {
                 read_from(worker);
             } else if (!worker->tasks().empty() && Clock::now() >= deadline(*worker)) {
-                lose(worker, true, fmt::format("it took longer than {} seconds", limit_.count()));
+                lose(worker, true,
+                     fmt::format("it took longer than {} second{}", limit_.count(),
+                                 limit_.count() == 1 ? "" : "s"));
             }
             worker = next;
         }

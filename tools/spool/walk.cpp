@@ -91,7 +91,10 @@ Place go(Place at, Names names) {
             if (++links > kMostLinks) throw system_failure(printable(path), ELOOP);
             const string target = target_of(fd.get(), path);
             put_in_front(names, target);
+            // Whoever can change the link decides what stands at the path.
+            const bool roots = at.only_root_writes && st.st_uid == 0;
             if (target.starts_with('/')) at = slash();
+            at.only_root_writes = at.only_root_writes && roots;
         } else if (S_ISDIR(st.st_mode)) {
             at = {std::move(fd), path, st.st_uid, st.st_gid,
                   at.only_root_writes && only_root_writes(st)};

@@ -18,8 +18,8 @@ struct Place {
     std::string path;  // for messages
     uid_t owner = 0;
     gid_t group = 0;
-    // Every directory from the spool's root down to this one belongs to root and only root can
-    // write to it, so that nobody else can change what stands at the path.
+    // Every directory and link on the way to this directory, and the directory itself, belongs to
+    // root, and only root can write to them: nobody else can change what stands at the path.
     bool only_root_writes = false;
 };
 

@@ -24,6 +24,7 @@ namespace {
 constexpr int kSocket = 3;  // the worker's end; behind the standard streams
 constexpr rlim_t kMemory = rlim_t{4} << 30;
 constexpr rlim_t kOpenFiles = 65536;
+constexpr rlim_t kFileSize = rlim_t{64} << 30;  // no message is longer
 
 // A sanitizer reserves more address space than any limit allows.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -96,7 +97,8 @@ void limit(int resource, rlim_t most) {
 void set_limits() {
     if (kLimitMemory) limit(RLIMIT_AS, kMemory);
     limit(RLIMIT_NOFILE, kOpenFiles);  // the folders that are locked are open
-    limit(RLIMIT_CORE, 0);             // a dump would lie about with somebody's mail in it
+    limit(RLIMIT_FSIZE, kFileSize);
+    limit(RLIMIT_CORE, 0);  // a dump would lie about with somebody's mail in it
 }
 
 // Keeps the standard streams and the socket: a worker has no use for what its parent has open, and
