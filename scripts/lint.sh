@@ -22,4 +22,4 @@ cmake --preset dev -B build/lint -DCMAKE_DISABLE_PRECOMPILE_HEADERS=ON >build/li
     { cat build/lint.log >&2; die "cmake failed"; }
 git ls-files '*.cpp' | grep -vE '^(tests|bench|examples|python)/' |
     xargs -P "$(nproc)" -n 4 clang-tidy -p build/lint --quiet 2>&1 |
-    grep -vE '^[0-9]+ warnings? (generated|treated)' || [ "${PIPESTATUS[1]}" = 0 ] || die "clang-tidy found something"
+    grep -vE '^[0-9]+ warnings? (generated|treated)' || [ "${PIPESTATUS[2]}" = 0 ] || die "clang-tidy found something"

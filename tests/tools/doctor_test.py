@@ -335,6 +335,20 @@ class FindingsTest(DoctorCase):
             os.rmdir(path)
 
 
+    def test_a_stamp_of_the_future(self):
+        path = os.path.dirname(mail(ANN)) + "/.alert_notification"
+        write(path, b"")
+        for ahead, found in ((-86400, False), (0, False), (3500, False), (3700, True), (10**9, True)):
+            with self.subTest(ahead=ahead):
+                when = int(time.time()) + ahead
+                os.utime(path, (when, when))
+                if not found:
+                    self.assertEqual(self.doctor(0), [])
+                    continue
+                self.found("notice-stamp", path, "in the future")
+                self.assertLess(abs(os.stat(path).st_mtime - time.time()), 60)
+
+
 class RunTest(DoctorCase):
     def test_all(self):
         write(mail(BERT) + "/Inbox/.ts_folder_size", "1 1\n")

@@ -5,7 +5,7 @@ import os
 import unittest
 
 from tools.schemas import check_shown
-from tools.toolkit import HOME, SOURCE, SpoolCase, messages, run, tsmail
+from tools.toolkit import HOME, SOURCE, SpoolCase, mail, messages, run, tsmail
 
 ANN = "ann@site.test"
 
@@ -141,6 +141,21 @@ class FieldsTest(SpoolCase):
         self.assertIn("1.5 KiB", self.succeed("folders", ANN).out)
         self.assertIn("1.5 KiB", self.succeed("quota", "show", ANN).out)
         self.assertEqual(json.loads(self.succeed("--json", "quota", "show", ANN).out)["bytes"], 1536)
+
+
+class BytesTest(SpoolCase):
+    def test_names_that_are_not_utf8_can_be_told_apart(self):
+        self.succeed("create", ANN)
+        names = [b"a\xff", b"a\xfe", "\u00e4".encode(), b"\xed\xa0\x80"]
+        for name in names:
+            for part in (b"cur", b"new", b"tmp"):
+                os.makedirs(os.path.join(os.fsencode(mail(ANN)), name, part))
+        rows = self.succeed("--json", "folders", ANN).objects
+        shown = {bytes.fromhex(row["folder_hex"]) if "folder_hex" in row else row["folder"].encode()
+                 for row in rows}
+        self.assertLessEqual(set(names), shown)
+        self.assertEqual(sum("folder_hex" in row for row in rows), 3)
+        self.assertTrue(all(("path_hex" in row) == ("folder_hex" in row) for row in rows))
 
 
 class VerboseTest(SpoolCase):

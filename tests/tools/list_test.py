@@ -122,6 +122,16 @@ class ListTest(ListCase):
         self.assertEqual(content("/var/spool/etc/mail/friends"), b"s\n")
         self.assertEqual(self.succeed("list", "export", "-", "friends", "--scope", "2").out, "s\n")
 
+    def test_a_list_keeps_its_mode(self):
+        path = os.path.dirname(mail(ANN)) + "/pref/ann~site.test.friends"
+        for mode in (0o600, 0o644, 0o640):
+            with open(path, "wb") as file:
+                file.write(b"a@b\nc@d\ne@f")  # whose last line has no end
+            os.chmod(path, mode)
+            for words in (("add", "x@y"), ("remove", "a@b"), ("replace", "1", "z@z")):
+                self.succeed("list", words[0], ANN, "friends", *words[1:])
+                self.assertEqual(os.stat(path).st_mode & 0o7777, mode, words)
+
     def test_lists_and_mailboxes_that_do_not_exist(self):
         for verb, *words in (["show"], ["show", "--sorted"], ["export"], ["remove", "x"],
                              ["replace", "1", "x"]):

@@ -21,7 +21,9 @@ def strict(schema):
     # (A validator of today takes what "additionalProperties" of a reference allows for not evaluated.)
     any_field = schema.get("$ref") == "#/$defs/preferences"
     closed = ("$schema" in schema and not any_field) or describes_fields
-    return {**inner, "unevaluatedProperties": False} if closed else inner
+    # A text that is not UTF-8 has its bytes beside it.
+    hexadecimal = {"_hex$": {"type": "string", "pattern": "^([0-9a-f][0-9a-f])+$"}}
+    return {**inner, "patternProperties": hexadecimal, "unevaluatedProperties": False} if closed else inner
 
 
 @functools.cache

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 #include <unistd.h>
+#include <utf8proc.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <utility>
+#include <vector>
 
 #include "tools/cli/descriptors.h"
 #include "tools/cli/text.h"
@@ -26,6 +28,38 @@ bool wants_colour(int fd) {
            std::strcmp(term, "dumb") != 0 && ::isatty(fd) == 1;
 }
 
+bool is_utf8(const std::string& text) {
+    const auto* rest = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    auto left = static_cast<utf8proc_ssize_t>(text.size());
+    while (left > 0) {
+        utf8proc_int32_t character = 0;
+        const utf8proc_ssize_t n = utf8proc_iterate(rest, left, &character);
+        if (n <= 0) return false;
+        rest += n;
+        left -= n;
+    }
+    return true;
+}
+
+std::string hex_of(const std::string& bytes) {
+    std::string text;
+    for (const char byte : bytes) text += fmt::format("{:02x}", static_cast<unsigned char>(byte));
+    return text;
+}
+
+// Beside each text that is not UTF-8, which JSON cannot carry, its bytes in hexadecimal digits.
+void add_bytes(Json& json) {
+    if (!json.is_structured()) return;
+    std::vector<std::pair<std::string, std::string>> added;
+    for (auto& [key, value] : json.items()) {
+        add_bytes(value);
+        if (!json.is_object() || !value.is_string()) continue;
+        const auto& text = value.get_ref<const std::string&>();
+        if (!is_utf8(text)) added.emplace_back(key + "_hex", hex_of(text));
+    }
+    for (auto& [key, text] : added) json[key] = std::move(text);
+}
+
 }  // namespace
 
 Output::Output(int fd) : fd_(fd), colour_(wants_colour(fd)) {}
@@ -41,7 +75,9 @@ void Output::line(std::string_view text) {
 }
 
 void Output::object(const Json& object) {
-    line(object.dump(-1, ' ', false, Json::error_handler_t::replace));
+    Json shown = object;
+    add_bytes(shown);
+    line(shown.dump(-1, ' ', false, Json::error_handler_t::replace));
 }
 
 bool Output::finish() {

@@ -27,7 +27,8 @@ class Output {
     std::string strong(std::string_view text) const;
 
     void line(std::string_view text);
-    // One object on one line; bytes that are not UTF-8 become U+FFFD.
+    // One object on one line. Bytes that are not UTF-8 become U+FFFD; the exact bytes of such a
+    // text follow as hexadecimal digits in a field of the same name with "_hex" behind it.
     void object(const Json& object);
 
     // Writes what is left. False with errno if anything could not be written since the last call.

@@ -196,6 +196,25 @@ std::vector<Finding> look_at_flags(const Patient& patient) {
     return findings;
 }
 
+// ---- the stamp of notices
+
+// Clocks of several machines differ a little.
+constexpr std::time_t kAhead = std::time_t{60} * 60;
+
+void make_fresh(const string& path) {
+    if (::utimensat(AT_FDCWD, path.c_str(), nullptr, AT_SYMLINK_NOFOLLOW) == 0) return;
+    throw system_failure(printable(path));
+}
+
+std::vector<Finding> look_at_stamp(const Patient& patient) {
+    const string path = patient.id.fname(MUF_ALERT_NOTIFICATION);
+    struct stat st;
+    if (::lstat(path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return {};
+    if (st.st_mtime <= std::time(nullptr) + kAhead) return {};
+    return {{path, "the time of the last notice is in the future",
+             "sets it to now: the next notice is due in a day", [path] { make_fresh(path); }}};
+}
+
 constexpr Check kFileChecks[] = {
     {"preferences", "of a doubled key the last one counts, and an unknown one does nothing",
      look_at_preferences},
@@ -204,6 +223,7 @@ constexpr Check kFileChecks[] = {
     {"list-lines", "a longer line than 254 bytes is read as several entries", look_at_list_lines},
     {"partners", "what is sent to such a partner goes nowhere", look_at_partners},
     {"flags", "a quota flag that cannot be read says nothing of the quota", look_at_flags},
+    {"notice-stamp", "until that time the user gets no notice about the quota", look_at_stamp},
 };
 
 }  // namespace

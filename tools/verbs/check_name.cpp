@@ -1,6 +1,7 @@
 // check-name - says whether a folder's name is valid.
 #include <fmt/format.h>
 #include <tessaly/mailstore.h>
+#include <nlohmann/json.hpp>
 
 #include "tools/cli/text.h"
 #include "tools/verbs/verbs.h"

@@ -1,5 +1,6 @@
 // list - address lists.
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <tessaly/maillist.h>
 #include <unistd.h>
 

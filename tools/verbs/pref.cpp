@@ -1,4 +1,5 @@
 // pref - a user's preferences.
+#include <fmt/format.h>
 #include <functional>
 
 #include "tools/cli/input.h"

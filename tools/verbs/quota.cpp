@@ -1,5 +1,6 @@
 // quota - flags, kept totals and notices of a mailbox; the share of the archive accounts.
 #include "tools/work/quota.h"
+#include <fmt/format.h>
 
 #include <sys/stat.h>
 

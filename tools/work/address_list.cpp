@@ -1,6 +1,7 @@
 #include "tools/work/address_list.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <tessaly/maillist.h>
 #include <unistd.h>
 
@@ -118,7 +119,9 @@ bool AddressList::remove(const string& entry) const {
     demand();
     const bool was_there = contains(entry);
     errno = 0;
-    rewritten(mail_list_delete_from(user_.c_str(), list_.c_str(), entry.c_str(), scope_));
+    keeping_mode([&] {
+        rewritten(mail_list_delete_from(user_.c_str(), list_.c_str(), entry.c_str(), scope_));
+    });
     return was_there;
 }
 
@@ -129,7 +132,9 @@ void AddressList::replace(unsigned line, string entry) const {
                                      " lines, no line " + std::to_string(line));
     }
     errno = 0;
-    rewritten(mail_list_modify_from(user_.c_str(), list_.c_str(), entry.data(), line, scope_));
+    keeping_mode([&] {
+        rewritten(mail_list_modify_from(user_.c_str(), list_.c_str(), entry.data(), line, scope_));
+    });
 }
 
 bool AddressList::exists() const {
@@ -147,7 +152,23 @@ void AddressList::demand() const {
 void AddressList::end_last_line(const string& entry) const {
     if (!last_line_is_open(path_)) return;
     errno = 0;
-    rewritten(mail_list_delete_from(user_.c_str(), list_.c_str(), entry.c_str(), scope_));
+    keeping_mode([&] {
+        rewritten(mail_list_delete_from(user_.c_str(), list_.c_str(), entry.c_str(), scope_));
+    });
+}
+
+// A rewrite puts a new file in the list's place, which only its owner can read.
+void AddressList::keeping_mode(const std::function<void()>& rewrite) const {
+    struct stat before, after;
+    const bool known = ::lstat(path_.c_str(), &before) == 0 && S_ISREG(before.st_mode);
+    rewrite();
+    const Fd list(known ? retry([&] {
+        return ::open(path_.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    })
+                        : -1);
+    constexpr mode_t kRights = 0777;
+    if (!list || ::fstat(list.get(), &after) != 0 || after.st_mode == before.st_mode) return;
+    if (::fchmod(list.get(), before.st_mode & kRights) != 0) throw system_failure(printable(path_));
 }
 
 void AddressList::rewritten(int answer) const {

@@ -2,6 +2,7 @@
 #ifndef TSMAIL_TOOLS_WORK_ADDRESS_LIST_H
 #define TSMAIL_TOOLS_WORK_ADDRESS_LIST_H
 
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -35,13 +36,14 @@ class AddressList {
     enum class Added { added, present, full };
     // Adds an entry, if no line equals it. A Failure if it cannot be written.
     Added add(const std::string& entry) const;
-    // Removes every line that equals the entry. Whether there was one.
+    // Removes every line that equals the entry. Whether there was one. The file keeps its mode.
     bool remove(const std::string& entry) const;
-    // Replaces a line, which must be there.
+    // Replaces a line, which must be there. The file keeps its mode.
     void replace(unsigned line, std::string entry) const;
 
   private:
     void demand() const;
+    void keeping_mode(const std::function<void()>& rewrite) const;
     void end_last_line(const std::string& entry) const;
     void rewritten(int answer) const;
 
