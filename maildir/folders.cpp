@@ -112,6 +112,14 @@ bool is_maildir_folder_at(int dirfd, const char* dir) {
            std::all_of(std::begin(names::kSubDirs), std::end(names::kSubDirs), has);
 }
 
+bool may_be_folder(const dirent64& entry) {
+    if (entry.d_type != DT_DIR && entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) {
+        return false;
+    }
+    return std::none_of(std::begin(names::kSubDirs), std::end(names::kSubDirs),
+                        [&](const char* sub) { return ::strcasecmp(entry.d_name, sub) == 0; });
+}
+
 }  // namespace Tessaly::maildir
 
 namespace maildir = Tessaly::maildir;

@@ -5,7 +5,6 @@
 // ones keep their descriptors, so that neither the stack nor the descriptors limit the depth.
 #include <dirent.h>
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <tessaly/mailstore.h>
 #include <unistd.h>
@@ -15,7 +14,6 @@
 #include <climits>
 #include <cstdint>
 #include <cstring>
-#include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,7 +22,6 @@
 #include "base/dir_reader.h"
 #include "base/fd.h"
 #include "base/guard.h"
-#include "base/store_names.h"
 #include "base/text.h"
 #include "maildir/folders.h"
 
@@ -107,16 +104,6 @@ class Listing {
     std::vector<size_t> order_;
     size_t next_ = 0;
 };
-
-// Directories, and entries that may turn out to be directories. The sub-directories of a maildir
-// folder are left out, in any letter case.
-bool may_be_folder(const dirent64& entry) {
-    if (entry.d_type != DT_DIR && entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) {
-        return false;
-    }
-    return std::none_of(std::begin(names::kSubDirs), std::end(names::kSubDirs),
-                        [&](const char* sub) { return ::strcasecmp(entry.d_name, sub) == 0; });
-}
 
 bool Listing::read(int fd) {
     names_.clear();

@@ -1,6 +1,5 @@
 // Sizes of folder trees in kilobytes, from the folders' size files.
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <tessaly/MailUserId.h>
 #include <tessaly/mailstore.h>
@@ -24,17 +23,6 @@ namespace Tessaly::mailsize {
 namespace {
 
 constexpr unsigned long long kKilobyte = 1024;
-
-bool is_message_directory(const char* name) {
-    return std::any_of(std::begin(names::kSubDirs), std::end(names::kSubDirs),
-                       [name](const char* sub) { return ::strcasecmp(name, sub) == 0; });
-}
-
-// Whether an entry of a folder may be a folder below it. A link may lead to one.
-bool may_be_folder(const dirent64& entry) {
-    return entry.d_name[0] != '.' && !is_message_directory(entry.d_name) &&
-           (entry.d_type == DT_DIR || entry.d_type == DT_LNK || entry.d_type == DT_UNKNOWN);
-}
 
 // What a folder itself holds, rounded up.
 unsigned long long own_kilobytes(const char* folder) {
@@ -107,7 +95,8 @@ std::vector<std::string> FolderTree::entries() const {
     if (!dir) return names;
     base::DirReader reader(dir.get());
     while (const dirent64* entry = reader.next()) {
-        if (may_be_folder(*entry)) names.emplace_back(entry->d_name);
+        if (entry->d_name[0] != '.' && maildir::may_be_folder(*entry))
+            names.emplace_back(entry->d_name);
     }
     return names;
 }

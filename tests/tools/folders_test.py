@@ -81,6 +81,25 @@ class FoldersTest(SpoolCase):
             pass
         self.assertEqual(self.shown()["Inbox"], (0, 0, 0))
 
+    def test_the_folders_that_all_verbs_count(self):
+        shutil.copytree(mail(ANN) + "/Inbox", mail(ANN) + "/.deleted..Old.1")
+        os.symlink("Work", mail(ANN) + "/Also-Work")  # once
+        self.put("Work/2024/cur/a", 3)
+        self.put(".deleted..Old.1/cur/a", 3)
+        names = list(self.shown())
+        self.assertEqual(names, [row["folder"] for row in self.succeed("--json", "size", ANN).objects[:-1]])
+        self.assertNotIn(".deleted..Old.1", names)
+        self.assertEqual(len(names), len(SYSTEM_FOLDERS) + 2)
+
+    def test_a_directory_that_cannot_be_listed_is_said(self):
+        own_by_nobody("/var/spool/home")
+        os.chmod(mail(ANN) + "/Work", 0)
+        done = tsmail("folders", ANN, **as_nobody())
+        os.chmod(mail(ANN) + "/Work", 0o700)
+        self.assertEqual(done.code, 73, done)
+        self.assertIn("/Work: Permission denied", done.err)
+        self.assertNotIn("Work", done.out)
+
     def test_no_mailbox(self):
         self.fail_with(67, "folders", "bob@site.test", saying="no such mailbox")
 

@@ -1,4 +1,5 @@
 // create, folders - mailboxes and their folders.
+#include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include "tools/spool/new_home.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder.h"
+#include "tools/work/folder_list.h"
 #include "tools/work/scan.h"
 
 namespace Tessaly::tool {
@@ -72,14 +74,19 @@ struct FoldersArguments {
 
 // As the mailbox's owner.
 int list_folders_of(const TSMailUserId& id, Report& report) {
-    for (const auto& [name, count] : folders_of(id)) {
+    const FolderList folders = list_folders(id);
+    for (const string& name : folders.names) {
         const string path = id.mailfolder(name);
+        const FolderCount count = count_folder(AT_FDCWD, path.c_str());
         report.object({{"folder", name},
                        {"path", path},
                        {"messages", count.messages},
                        {"new", count.fresh},
                        {"bytes", count.bytes}});
         if (count.error != 0) report.error(system_failure(printable(path), count.error));
+    }
+    for (const auto& [path, error] : folders.unread) {
+        report.error(system_failure(printable(path), error));
     }
     return kExitOk;
 }

@@ -1,14 +1,15 @@
 #include "tools/work/folder_list.h"
 
-#include <dirent.h>
 #include <fcntl.h>
-#include <strings.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <iterator>
 #include <string_view>
 
+#include "base/dir_reader.h"
+#include "base/store_names.h"
+#include "maildir/folders.h"
 #include "tools/cli/descriptors.h"
 
 namespace Tessaly::tool {
@@ -16,53 +17,39 @@ namespace Tessaly::tool {
 namespace {
 
 using std::string;
+using std::string_view;
 
-constexpr std::array<const char*, 3> kParts = {"cur", "new", "tmp"};
+constexpr unsigned kParts = std::size(names::kSubDirs);
 constexpr int kToRead = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
 // What of a folder is there.
 struct Seen {
     bool marker = false, record = false;
-    unsigned parts = 0;  // a bit for each of kParts
+    unsigned parts = 0;  // a bit for each of cur, new and tmp
 
-    void take(const char* name) {
-        marker = marker || std::string_view(name) == ".maildirfolder";
-        record = record || std::string_view(name) == ".ts_folder_size";
-        for (unsigned i = 0; i < kParts.size(); ++i) {
-            if (std::string_view(name) == kParts[i]) parts |= 1U << i;
+    void take(string_view name) {
+        marker = marker || name == names::kFolderMarker;
+        record = record || name == names::kFolderSize;
+        for (unsigned i = 0; i < kParts; ++i) {
+            if (name == names::kSubDirs[i]) parts |= 1U << i;
         }
     }
-    bool is_folder() const { return marker || parts == (1U << kParts.size()) - 1; }
+    bool is_folder() const { return marker || parts == (1U << kParts) - 1; }
 };
-
-bool may_be_folder(const dirent64& entry) {
-    const char* name = entry.d_name;
-    if (entry.d_type != DT_DIR && entry.d_type != DT_LNK && entry.d_type != DT_UNKNOWN) {
-        return false;
-    }
-    if (std::string_view(name) == "." || std::string_view(name) == "..") return false;
-    if (tsm_is_deleted_user_path(name) != 0) return false;
-    return std::none_of(kParts.begin(), kParts.end(),
-                        [name](const char* part) { return ::strcasecmp(name, part) == 0; });
-}
 
 }  // namespace
 
 Listing list_directory(int fd) {
     Listing listing;
     Seen seen;
-    alignas(dirent64) char piece[32768];
-    for (;;) {
-        const ssize_t n = retry([&] { return ::getdents64(fd, piece, sizeof piece); });
-        if (n < 0) listing.error = errno;
-        if (n <= 0) break;
-        for (const char *at = piece, *end = piece + n; at < end;) {
-            const auto& entry = *reinterpret_cast<const dirent64*>(at);
-            at += entry.d_reclen;
-            seen.take(entry.d_name);
-            if (may_be_folder(entry)) listing.below.emplace_back(entry.d_name);
-        }
+    base::DirReader reader(fd);
+    while (const dirent64* entry = reader.next_real()) {
+        seen.take(entry->d_name);
+        if (!maildir::may_be_folder(*entry) || tsm_is_deleted_user_path(entry->d_name) != 0)
+            continue;
+        listing.below.emplace_back(entry->d_name);
     }
+    if (reader.failed()) listing.error = errno;
     listing.has_record = seen.record;
     listing.is_folder = seen.is_folder();
     std::sort(listing.below.begin(), listing.below.end());

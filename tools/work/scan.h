@@ -1,4 +1,4 @@
-// Reading folders: what is in one, and which ones a mailbox has.
+// Reading a folder: how much is in it, and its messages.
 #ifndef TSMAIL_TOOLS_WORK_SCAN_H
 #define TSMAIL_TOOLS_WORK_SCAN_H
 
@@ -27,14 +27,6 @@ FolderCount count_folder(int folder);
 
 // The same as a size file has it: numbers end at the largest signed one.
 Totals total_of(const FolderCount& count);
-
-struct FolderRow {
-    std::string name;  // relative to the mailbox, as "Work/2024"
-    FolderCount count;
-};
-
-// All folders of a mailbox, a folder before those below it. Moves the working directory meanwhile.
-std::vector<FolderRow> folders_of(const TSMailUserId& id);
 
 // One message of a folder.
 struct MessageRow {
