@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # bench.sh [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]
 # bench.sh --scale
+# bench.sh --python [--quick]
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
 # sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
@@ -9,26 +10,28 @@
 # (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, times are not
 # judged, and files are written only below build/bench/. --scale measures how a spool of generated mailboxes
 # grows to 100,000 of them. It takes ten minutes, 13 GiB and six million inodes, which are freed at the end.
+# --python measures the Python package beside C++ and the standard library.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
 
-quick='' scale='' only='' words=() choice=() peers=$top/build/neighbours
+quick='' scale='' python='' only='' words=() choice=() peers=$top/build/neighbours
 while [ $# -gt 0 ]; do
     case $1 in
     --quick) quick=1 choice+=(--quick) ;;
     --scale) scale=1 ;;
+    --python) python=1 ;;
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
     --peers) peers=$(realpath -m "$2") && shift ;;
-    *) die "usage: bench.sh [--scale] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
+    *) die "usage: bench.sh [--scale | --python] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
     esac
     shift
 done
 
 ensure_packages build test bench
-build_preset dev tsmail_bench tsmail_tool
+build_preset dev tsmail_bench tsmail_bench_calls tsmail_tool tsmail_python
 cd "$top"
 mkdir -p build/bench
 spool=$(mktemp -d build/bench/spool.XXXXXX)
@@ -63,6 +66,14 @@ if [ -n "$scale" ]; then
     inside scale python3 -B bench/scale.py build/dev/tools/tsmail build/bench/new/scale.md \
         100 1000 10000 100000
     cat build/bench/new/scale.md
+    exit
+fi
+if [ -n "$python" ]; then
+    say "Measuring the Python package"
+    inside python /usr/bin/python3 -B bench/python.py build/dev/bench/calls build/dev/python \
+        build/bench/new/python.md ${quick:+--quick}
+    cat build/bench/new/python.md
+    [ -n "$quick" ] || cp build/bench/new/python.md "$out/python.md"
     exit
 fi
 load=$(cut -d ' ' -f 1-3 /proc/loadavg)
