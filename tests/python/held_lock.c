@@ -42,7 +42,8 @@ __attribute__((used)) static void look(const char* name, const void* caller) {
 
 __attribute__((destructor)) static void count(void) { say("seen", NULL, seen); }
 
-/* Hands the call on with the arguments that it came with, whatever they are. */
+/* Hands the call on with the arguments that it came with, whatever they are. A name in _2 is what
+ * the compiler makes of a call whose arguments it wants checked. */
 #define WATCHED(name)                                                       \
     void* watched_##name(void) __asm__(#name);                              \
     void* watched_##name(void) {                                            \
@@ -53,6 +54,7 @@ __attribute__((destructor)) static void count(void) { say("seen", NULL, seen); }
         __builtin_return(__builtin_apply((void (*)())real, arguments, 64)); \
     }
 
+WATCHED(__openat64_2)
 WATCHED(access)
 WATCHED(chdir)
 WATCHED(faccessat)
