@@ -30,7 +30,7 @@ while [ $# -gt 0 ]; do
     shift
 done
 
-ensure_packages build test bench
+ensure_packages build python test bench
 build_preset dev tsmail_bench tsmail_bench_calls tsmail_tool tsmail_python
 cd "$top"
 mkdir -p build/bench

@@ -5,7 +5,7 @@ set -euo pipefail
 . "$(dirname "$0")/lib.sh"
 
 preset=${1:-dev}
-ensure_packages build test package
+ensure_packages build python test package
 build_preset "$preset"
 cd "$top"
 junit=$top/build/$preset/tests.xml

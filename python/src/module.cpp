@@ -4,6 +4,7 @@
 #include <tessaly/Exception.h>
 
 #include <cstdlib>
+#include <utility>
 
 #include "binding.h"
 
@@ -25,7 +26,7 @@ PyObject* new_error(py::module_& module, const char* name, const char* doc) {
 
 void translate_exception(std::exception_ptr thrown) {
     try {
-        if (thrown) std::rethrow_exception(thrown);
+        if (thrown) std::rethrow_exception(std::move(thrown));
     } catch (const Tessaly::Exception& exception) {
         const auto error =
             py::reinterpret_borrow<py::object>(g_no_layout)(ENOTSUP, exception.what());
