@@ -12,7 +12,7 @@ for deb in "$source"/build/debs/*.deb; do
     dpkg -x "$deb" "$root"
     count=$((count + 1))
 done
-[ "$count" -ge 4 ] || { echo "only $count packages" >&2; exit 1; }
+[ "$count" -ge 5 ] || { echo "only $count packages" >&2; exit 1; }
 
 # The mail user and its directories are made at installation.
 for deb in "$source"/build/debs/tsmail_*.deb; do
@@ -27,7 +27,8 @@ done
     [ "$(command -v tsmail)" = /usr/bin/tsmail ]
     ldd /usr/bin/tsmail | grep "libtssupport.so.1 => /lib/"
     # Libraries are found only where the loader looks by itself.
-    if readelf -d /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 | grep -E "RPATH|RUNPATH"; then exit 1; fi
+    if readelf -d /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 \
+        /usr/lib/python3/dist-packages/tsmail/_core.*.so | grep -E "RPATH|RUNPATH"; then exit 1; fi
     # Hardened: random addresses, read-only tables, checked buffers.
     readelf -h /usr/bin/tsmail | grep -q "DYN (Position-Independent"
     for binary in /usr/bin/tsmail /usr/lib/*/libtsmail.so.1 /usr/lib/*/libtssupport.so.1; do
