@@ -6,7 +6,7 @@ import os
 import pathlib
 import subprocess
 
-from pybind11.setup_helpers import Pybind11Extension, build_ext
+from pybind11.setup_helpers import ParallelCompile, Pybind11Extension, build_ext
 from setuptools import setup
 
 import sys
@@ -17,6 +17,7 @@ sys.path.insert(0, str(HERE))
 import comments  # noqa: E402
 
 CHECKOUT = HERE.parent
+ParallelCompile(default=0).install()  # on all processors
 
 
 def pkg_config(what):

@@ -16,7 +16,8 @@ LD_LIBRARY_PATH=$(pkg-config --variable=libdir tsmail)
 export LD_LIBRARY_PATH
 
 cd /tmp/checkout/python
-"$python" -m pip install --no-index --no-build-isolation --no-deps --root-user-action ignore \
+# What is tried is that it is made, not how fast it is.
+CFLAGS='-O0 -g0' "$python" -m pip install --no-index --no-build-isolation --no-deps --root-user-action ignore \
     --target /tmp/site . >/tmp/pip.log 2>&1 || { tail -n 30 /tmp/pip.log >&2; exit 1; }
 cd /tmp
 [ -e /tmp/site/tsmail/py.typed ] && [ -e /tmp/site/tsmail/_core.pyi ]
@@ -28,7 +29,7 @@ assert tsmail.__file__.startswith("/tmp/site/"), tsmail.__file__
 box = tsmail.Mailbox("ann@site.test")
 Maildir(box).add("Subject: x\n\nx\n")
 assert [folder.name for folder in box.folders()] == ["Inbox"]
-assert box.size() == (15, 1), box.size()
+assert box.size() == (14, 1), box.size()
 assert "From TSMailUserId::parse:" in tsmail.Mailbox.parsed.__doc__
 print("pip: fine")
 END
