@@ -68,12 +68,14 @@ if [ -n "$scale" ]; then
     cat build/bench/new/scale.md
     exit
 fi
-if [ -n "$python" ]; then
+if [ -n "$python$quick" ] && [ -z "$only" ]; then
     say "Measuring the Python package"
     inside python /usr/bin/python3 -B bench/python.py build/dev/bench/calls build/dev/python \
         build/bench/new/python.md ${quick:+--quick}
-    cat build/bench/new/python.md
     [ -n "$quick" ] || cp build/bench/new/python.md "$out/python.md"
+fi
+if [ -n "$python" ]; then
+    cat build/bench/new/python.md
     exit
 fi
 load=$(cut -d ' ' -f 1-3 /proc/loadavg)
