@@ -13,11 +13,17 @@ for deb in "$source"/build/debs/*.deb; do
     count=$((count + 1))
 done
 [ "$count" -ge 5 ] || { echo "only $count packages" >&2; exit 1; }
+# /lib is a link to /usr/lib where packages are installed.
+cp -a "$root/lib/." "$root/usr/lib/" && rm -r "${root:?}/lib"
 
-# The mail user and its directories are made at installation.
+# The mail user and its directories are made at installation. Timers are enabled only where they were, and
+# nothing is started.
 for deb in "$source"/build/debs/tsmail_*.deb; do
     dpkg -e "$deb" "$root/DEBIAN"
     grep -q systemd-sysusers "$root/DEBIAN/postinst" && grep -q systemd-tmpfiles "$root/DEBIAN/postinst"
+    [ "$(grep -c "deb-systemd-helper enable" "$root/DEBIAN/postinst")" = \
+        "$(grep -c "deb-systemd-helper --quiet was-enabled" "$root/DEBIAN/postinst")" ]
+    if grep "deb-systemd-invoke.*start" "$root/DEBIAN/postinst"; then exit 1; fi
     rm -r "$root/DEBIAN"
 done
 
