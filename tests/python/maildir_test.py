@@ -13,7 +13,8 @@ import sys
 import threading
 import unittest
 
-from package import BUILD, MAIL, PLACE, lines, make_mailbox, tsmail
+from package import BUILD, MAIL, PLACE, SOURCE, lines, make_mailbox, tsmail
+from tsmail import _locks
 from tsmail.mailbox import Maildir
 
 TSMAIL = f"{BUILD}/tools/tsmail"
@@ -343,6 +344,98 @@ class BesideTheCommandTest(Case):
         thread.join(10)
         self.assertEqual(len(files()), 1)
         self.assert_counted()
+
+
+class NetworkTest(Case):
+    """On a file system that several machines may have, files are locked. network_like.so makes of the
+    sandbox's file system such a one, on which a lock on a directory keeps nobody out."""
+
+    PRELOADED = f"{BUILD}/tests/tools/network_like.so"
+    FILES = [".ts_folder_gate", ".ts_folder_lock"]
+
+    def lock_files(self, folder):
+        return sorted(set(os.listdir(f"{MAIL}/{folder}")) & set(self.FILES))
+
+    def lock(self, folder, name, kind):
+        """A lock as another machine has it."""
+        fd = os.open(f"{MAIL}/{folder}/{name}", os.O_RDWR | os.O_CREAT, 0o600)
+        fcntl.flock(fd, kind)
+        return fd
+
+    def begin_far(self, action):
+        self.assertTrue(os.path.exists(self.PRELOADED))
+        code = ("import tsmail; from tsmail.mailbox import Maildir\n"
+                "box = tsmail.Mailbox('ann@site.test')\n" + action)
+        process = subprocess.Popen([sys.executable, "-B", "-c", code],
+                                   env={**os.environ, "PYTHONPATH": PLACE, "LD_PRELOAD": self.PRELOADED})
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        return process
+
+    def assert_waits(self, process):
+        with self.assertRaises(subprocess.TimeoutExpired):
+            process.wait(0.7)
+
+    def test_the_file_systems_are_those_of_the_command(self):
+        with open(f"{SOURCE}/tools/work/folder_lock.cpp", encoding="utf-8") as file:
+            table, = re.findall(r"kNetworked\[\] = \{(.*?)\};", file.read(), re.S)
+        numbers = {int(number, 16) for number in re.findall(r"0x[0-9a-f]+", table)}
+        self.assertGreater(len(numbers), 5)
+        self.assertEqual(_locks.NETWORKED, numbers)
+
+    def test_a_local_disk_gets_no_files(self):
+        self.inbox.add(MESSAGE)
+        self.assertEqual(self.lock_files("Inbox"), [])
+
+    def test_adding_waits_for_the_file(self):
+        held = self.lock("Work/2024", ".ts_folder_lock", fcntl.LOCK_EX)
+        process = self.begin_far("Maildir(box, 'Work/2024').add('x')")
+        self.assert_waits(process)
+        self.assertEqual(files("Work/2024"), [])
+        os.close(held)
+        self.assertEqual(process.wait(30), 0)
+        self.assertEqual(len(files("Work/2024")), 1)
+        self.assertEqual((self.lock_files("Work"), self.lock_files("Work/2024")), (self.FILES, self.FILES))
+        self.assert_counted()
+
+    def test_adding_waits_for_the_file_of_a_folder_above(self):
+        held = self.lock("Work", ".ts_folder_lock", fcntl.LOCK_EX)
+        process = self.begin_far("Maildir(box, 'Work/2024').add('x')")
+        self.assert_waits(process)
+        os.close(held)
+        self.assertEqual(process.wait(30), 0)
+
+    def test_adding_waits_at_the_gate(self):
+        held = self.lock("Inbox", ".ts_folder_gate", fcntl.LOCK_EX)
+        process = self.begin_far("Maildir(box).add('x')")
+        self.assert_waits(process)
+        os.close(held)
+        self.assertEqual(process.wait(30), 0)
+
+    def test_removing_a_folder_waits_and_closes_the_gate(self):
+        held = self.lock("Work/2024", ".ts_folder_lock", fcntl.LOCK_SH)
+        process = self.begin_far("Maildir(box, 'Work').remove_folder('2024')")
+        self.assert_waits(process)
+        gate = os.open(f"{MAIL}/Work/2024/.ts_folder_gate", os.O_RDWR)
+        self.addCleanup(os.close, gate)
+        with self.assertRaises(BlockingIOError):
+            fcntl.flock(gate, fcntl.LOCK_SH | fcntl.LOCK_NB)
+        os.close(held)
+        self.assertEqual(process.wait(30), 0)
+        self.assertFalse(os.path.exists(f"{MAIL}/Work/2024"))
+
+    def test_a_removed_lock_file_is_not_the_lock(self):
+        """Who waited for a file that is gone takes the one in its place."""
+        held = self.lock("Inbox", ".ts_folder_lock", fcntl.LOCK_EX)
+        process = self.begin_far("Maildir(box).add('x')")
+        self.assert_waits(process)
+        os.unlink(f"{MAIL}/Inbox/.ts_folder_lock")
+        other = self.lock("Inbox", ".ts_folder_lock", fcntl.LOCK_EX)
+        os.close(held)
+        self.assert_waits(process)
+        os.close(other)
+        self.assertEqual(process.wait(30), 0)
+        self.assertEqual(len(files()), 1)
 
 
 if __name__ == "__main__":
