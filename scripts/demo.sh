@@ -5,7 +5,7 @@ set -euo pipefail
 . "$(dirname "$0")/lib.sh"
 
 if [ "${1-}" != --inside ]; then
-    ensure_packages build test
+    ensure_packages build python test
     build_preset dev tsmail_tool
     exec "$top/scripts/sandbox" -- "$top/scripts/demo.sh" --inside
 fi

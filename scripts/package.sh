@@ -5,7 +5,7 @@
 set -euo pipefail
 . "$(dirname "$0")/lib.sh"
 
-ensure_packages build package
+ensure_packages build python package
 cd "$top"
 work=$top/build/package
 log=$top/build/package.log
