@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <nlohmann/json.hpp>
 
@@ -11,6 +13,7 @@
 #include "tools/cli/failure.h"
 #include "tools/cli/output.h"
 #include "tools/cli/text.h"
+#include "tools/work/folder_list.h"
 
 using namespace Tessaly::tool;
 
@@ -137,6 +140,21 @@ std::string shown(Show show) {
 
 }  // namespace
 
+// A removal beside a walk: the system says of the open directory that there is none.
+TEST(Listing, OfADirectoryThatWasRemovedIsEmpty) {
+    const testing_files::TempDir dir;
+    const std::string path = dir / "gone";
+    ASSERT_EQ(::mkdir(path.c_str(), 0700), 0);
+    const int fd = ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(::rmdir(path.c_str()), 0);
+    const Listing listing = list_directory(fd);
+    ::close(fd);
+    EXPECT_EQ(listing.error, 0);
+    EXPECT_FALSE(listing.is_folder);
+    EXPECT_TRUE(listing.below.empty());
+}
+
 TEST(Table, AlignsByWidthOnTheScreen) {
     EXPECT_EQ(shown([](Output& out) {
                   Table table({{"name"}, {"size", Align::right}, {"end"}});
@@ -154,10 +172,11 @@ TEST(Table, AlignsByWidthOnTheScreen) {
 }
 
 TEST(Output, JsonKeepsOrderAndStaysOnOneLine) {
-    EXPECT_EQ(shown([](Output& out) {
-                  out.object(Json{{"z", 1}, {"a", "line\nbreak \x1b"}, {"bad", "\xff"}});
-              }),
-              "{\"z\":1,\"a\":\"line\\nbreak \\u001b\",\"bad\":\"\xef\xbf\xbd\"}\n");
+    EXPECT_EQ(
+        shown([](Output& out) {
+            out.object(Json{{"z", 1}, {"a", "line\nbreak \x1b"}, {"bad", "\xff"}});
+        }),
+        "{\"z\":1,\"a\":\"line\\nbreak \\u001b\",\"bad\":\"\xef\xbf\xbd\",\"bad_hex\":\"ff\"}\n");
 }
 
 TEST(Output, LongOutputComesWhole) {

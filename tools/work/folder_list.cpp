@@ -49,7 +49,8 @@ Listing list_directory(int fd) {
             continue;
         listing.below.emplace_back(entry->d_name);
     }
-    if (reader.failed()) listing.error = errno;
+    // A directory that has been removed meanwhile holds nothing.
+    if (reader.failed() && errno != ENOENT) listing.error = errno;
     listing.has_record = seen.record;
     listing.is_folder = seen.is_folder();
     std::sort(listing.below.begin(), listing.below.end());
