@@ -23,18 +23,38 @@ as_root() {
 # The packages of a section of scripts/packages, one a line.
 packages_of() { sed -n "/^\[$1\]/,/^\[/{/^[a-z0-9]/{s/[[:space:]]*#.*//;p}}" "$top/scripts/packages"; }
 
+# The alternatives of an entry, one a line.
+alternatives() { tr -d ' ' <<<"$1" | tr '|' '\n'; }
+
+is_installed() {
+    local package
+    for package in $(alternatives "$1"); do
+        dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed && return
+    done
+    return 1
+}
+
+# The first alternative that apt knows; if it knows none, the first, which apt will complain about.
+known_package() {
+    local package
+    for package in $(alternatives "$1"); do
+        apt-cache show "$package" >/dev/null 2>&1 && echo "$package" && return
+    done
+    alternatives "$1" | head -n 1
+}
+
 # ensure_packages SECTION... - installs the Debian packages of these sections that are missing.
 ensure_packages() {
-    local section package missing=()
+    local section entry entries=() missing=()
     for section; do
-        while read -r package; do
-            dpkg-query -W -f '${db:Status-Status}\n' "$package" 2>/dev/null | grep -qx installed ||
-                missing+=("$package")
+        while read -r entry; do
+            is_installed "$entry" || entries+=("$entry")
         done < <(packages_of "$section")
     done
-    [ ${#missing[@]} -gt 0 ] || return 0
-    say "Installing what is missing: ${missing[*]}"
+    [ ${#entries[@]} -gt 0 ] || return 0
     as_root apt-get update -qq || die "apt-get update failed"
+    for entry in "${entries[@]}"; do missing+=("$(known_package "$entry")"); done
+    say "Installing what is missing: ${missing[*]}"
     as_root env DEBIAN_FRONTEND=noninteractive \
         apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null ||
         die "could not install ${missing[*]}"
