@@ -133,7 +133,7 @@ class ExitCodeTest(PostfixCase):
         path, = messages("bob@site.test")
         bounce = content(path)
         self.assertIn(b"Status: 5.1.1", bounce)
-        self.assertIn(b"there is no mailbox nobody@site.test", bounce)
+        self.assertIn(b"nobody@site.test: there is no such mailbox", bounce)
         self.assertIn(b"Subject: lost", bounce)
         self.assertFalse(os.path.exists(f"{HOME}/site.test/nobody~site.test"))
 

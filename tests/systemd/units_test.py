@@ -167,7 +167,7 @@ class CommandsTest(SpoolCase):
             begin = time.monotonic()
             done = self.limited(UNITS / "tsmail-recount.service", "--timeout", "1", before=("timeout", "-s", "KILL", "20"))
         self.assertLess(time.monotonic() - begin, 15)
-        self.assertIn("it took longer than 1 seconds", done.err)
+        self.assertIn("it took longer than 1 second", done.err)
 
     @unittest.skipUnless(os.geteuid() == 0, "only root has capabilities to give up")
     def test_their_system_calls_are_allowed(self):
