@@ -18,20 +18,20 @@ namespace {
 
 constexpr mode_t kPrivate = 077;
 
-// A program started without its three streams must not get a mail file as one of them. What takes
-// the place of a missing one answers with an error: no input is not the same as empty input.
+// If a standard stream is missing, the next file that is opened, perhaps a mail file, would take
+// its number. The replacement answers with an error, because missing input is not empty input.
 void fill_standard_streams() {
     for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
         if (::fcntl(stream, F_GETFD) >= 0) continue;
-        // The lowest free number is this one.
+        // open() returns the lowest free number, which is this one.
         [[maybe_unused]] const int fd =
             ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY);
     }
 }
 
-// A reader that went away and a file size limit are errors of the call like any other.
+// A reader that has gone and a file size limit become ordinary errors of the call.
 void take_errors_instead_of_signals() {
-    std::signal(SIGCHLD, SIG_DFL);  // a caller may have it ignored, and workers' ends would be lost
+    std::signal(SIGCHLD, SIG_DFL);  // if the caller ignores it, waitpid() fails
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
 }

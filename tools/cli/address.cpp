@@ -15,7 +15,8 @@ namespace {
 using std::string;
 using std::string_view;
 
-// Room for the hidden files beside a list or preference file: a dot, ".secondaryaddr", ".lock".
+// Leaves room for the names of the hidden files beside a list or preference file: a dot,
+// ".secondaryaddr", ".lock".
 constexpr std::size_t kLongestName = NAME_MAX - 32;
 constexpr std::size_t kLongestQueueId = 100;
 constexpr std::size_t kLongestList = 100;
@@ -85,8 +86,9 @@ const char* against(const TSMailUserId& id, string_view text, Takes takes) {
     return nullptr;
 }
 
-// What is wrong with one component of a folder name that the library finds valid. It would make a
-// folder "Cur", but walks leave out such names in any letter case: its mail would never be found.
+// What is wrong with one component of a folder name that the library finds valid. The library would
+// make a folder "Cur", but walks skip such names in any letter case, so nothing would find its
+// mail.
 const char* against_folder_component(string_view name) {
     const string letters = folded(name);
     if (std::find(std::begin(names::kSubDirs), std::end(names::kSubDirs), letters) !=
@@ -114,7 +116,7 @@ const char* against_folder_name(const string& name) {
     return name.size() > PATH_MAX / 2 ? "it is too long" : nullptr;
 }
 
-// What is wrong with a text as a name of its own, or nullptr.
+// What is wrong with a text that has to be a single name, or nullptr.
 const char* against_name(string_view text) {
     if (text.empty()) return "it is empty";
     if (has_control_character(text)) return "it holds a control character";

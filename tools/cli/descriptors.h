@@ -1,4 +1,4 @@
-// The owners of base/ under the tool's own names.
+// Makes the descriptor helpers of base/ known in the tool's namespace.
 #ifndef TSMAIL_TOOLS_CLI_DESCRIPTORS_H
 #define TSMAIL_TOOLS_CLI_DESCRIPTORS_H
 

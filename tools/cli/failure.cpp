@@ -13,10 +13,10 @@ struct ErrorRow {
     ExitCode code;
 };
 
-// Whoever hands mail over keeps it and tries again on 75, and gives it back to the sender on the
-// others; so what passes by itself is 75, and only that. Errors without a row are I/O errors.
+// On 75 a queue keeps the mail and tries again; on the other codes it bounces the mail. So errors
+// that pass by themselves are 75, and no others are. Errors without a row are I/O errors.
 constexpr ErrorRow kErrors[] = {
-    // A lack of something that others may give back.
+    // A shortage that ends when others free something.
     {ENOSPC, kExitTryAgain},
     {EDQUOT, kExitTryAgain},
     {EFBIG, kExitTryAgain},
@@ -32,7 +32,7 @@ constexpr ErrorRow kErrors[] = {
     {EEXIST, kExitTryAgain},
     // A folder that was removed meanwhile.
     {ENOENT, kExitTryAgain},
-    // A server that is away.
+    // A server that cannot be reached.
     {ESTALE, kExitTryAgain},
     {ETIMEDOUT, kExitTryAgain},
     {ENOTCONN, kExitTryAgain},

@@ -9,11 +9,11 @@
 
 namespace Tessaly::tool {
 
-// Numbers of <sysexits.h>, the ones that mail programs agree on.
+// The numbers of <sysexits.h>, on which mail programs agree.
 enum ExitCode : int {
     kExitOk = 0,
     kExitNo = 1,             // the answer to a question is no
-    kExitUsage = 64,         // words that are not in the grammar
+    kExitUsage = 64,         // words that the grammar does not allow
     kExitData = 65,          // an address, a name or a file whose content is not acceptable
     kExitNoInput = 66,       // a file to read that is missing or may not be read
     kExitNoUser = 67,        // a mailbox that was never created
@@ -21,7 +21,7 @@ enum ExitCode : int {
     kExitSoftware = 70,      // a mistake of this program
     kExitCannotCreate = 73,  // no permission, or something in the way: an administrator must act
     kExitIo = 74,            // a read or write error
-    kExitTryAgain = 75,      // a lack that may pass: disk or table full, locks, memory, a signal
+    kExitTryAgain = 75,      // may pass: disk or table full, no locks, no memory, a signal
 };
 
 // The exit code for a failed system call on the store.
@@ -33,7 +33,7 @@ class Failure : public std::runtime_error {
     Failure(ExitCode code, const std::string& message, int error = 0)
         : std::runtime_error(message), code_(code), error_(error) {}
     ExitCode code() const { return code_; }
-    // The failed system call's errno; 0 if it was none.
+    // The failed system call's errno; 0 if no system call failed.
     int error() const { return error_; }
 
   private:
@@ -43,9 +43,9 @@ class Failure : public std::runtime_error {
 
 // "what: the system's text for the error" with the code of exit_code_of.
 Failure system_failure(std::string_view what, int error = errno);
-// The same failure for whoever keeps a queue of mail: what an administrator has yet to mend (no
-// permission, a file system that is read-only) is to be tried again. Told that it cannot be done,
-// the queue would give all mail of that hour back to its senders.
+// The same failure for a mail queue. An error that an administrator can mend (no permission, a
+// read-only file system) becomes "try again": on a permanent failure the queue would bounce all
+// mail that arrives until then.
 Failure for_queue(const Failure& failure);
 // The system's text for an error number.
 std::string error_text(int error);

@@ -90,7 +90,7 @@ void add_option_names(const CLI::App& app, std::vector<string>& names) {
     }
 }
 
-// For the first word that looks like an option and is none: the one that may be meant.
+// For the first word that looks like an unknown option: the option that the user may have meant.
 string option_hint(const CLI::App& app, const CLI::App& reached, const std::vector<string>& words) {
     std::vector<string> names;
     add_option_names(app, names);
@@ -131,7 +131,7 @@ Json object_of(const CLI::Option& option, const Choices& choices) {
     return object;
 }
 
-// A verb with all that belongs to it, for what is made from the grammar: completion, the manual.
+// A verb with all that belongs to it, for the files made from the grammar: completion, the manual.
 Json object_of(const CLI::App& app, const Choices& choices) {
     Json options = Json::array(), arguments = Json::array(), verbs = Json::array();
     for (const CLI::Option* option : app.get_options()) {
@@ -149,7 +149,7 @@ Json object_of(const CLI::App& app, const Choices& choices) {
 
 constexpr char kHelp[] = "help";
 
-// `asked` is where the words behind "help" go.
+// `asked` receives the words after "help".
 void declare(CLI::App& app, Session& session, Choices& choices, std::vector<string>& asked) {
     app.set_help_flag("-h,--help", "Say how it is used, and exit");
     app.set_version_flag("--version", "tsmail " TSMAIL_VERSION,
@@ -186,7 +186,7 @@ void show_help(const CLI::App& reached, Session& session, const Choices& choices
     }
 }
 
-// "tsmail help VERB": the verb's manual page if there is somebody to read it, else its help.
+// "tsmail help VERB": the verb's manual page on a terminal where man has it, else its help.
 void show_manual(const CLI::App& app, const std::vector<string>& asked, Session& session,
                  const Choices& choices) {
     const CLI::App* at = &app;

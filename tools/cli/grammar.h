@@ -21,24 +21,24 @@ class Option;
 
 namespace Tessaly::tool {
 
-// A word that people write and the number it stands for.
+// A word that people write and the number that it stands for.
 struct Word {
     int number;
     std::string_view word;
 };
 
-// What an argument may be, where that is a matter of a few words: for completion and documents.
+// The words that an argument may be, if only a few are allowed: for completion and documents.
 using Choices = std::map<const CLI::Option*, std::vector<std::string>>;
 
-// Which mailboxes a command is about, as its words say it.
+// The mailboxes that a command line asks for.
 struct Choice {
     std::optional<std::string> address;
     bool all = false;
     std::optional<std::string> domain;
 };
 
-// A verb's arguments, as they are declared: "--name" for options, a word for positional ones.
-// Values are taken as they stand. What is declared lives as long as the verb can run.
+// Declares a verb's arguments: "--name" for an option, a word for a positional argument. Values are
+// not interpreted. The variables must live as long as the verb can run.
 class Verb {
   public:
     Verb(CLI::App& app, Choices& choices) : app_(&app), choices_(&choices) {}
@@ -47,16 +47,16 @@ class Verb {
     Verb& text(const std::string& name, std::optional<std::string>& value, const std::string& help);
     Verb& texts(const std::string& name, std::vector<std::string>& values, const std::string& help);
     Verb& flag(const std::string& name, bool& value, const std::string& help);
-    // The argument declared last must be there.
+    // Makes the argument declared last mandatory.
     Verb& required();
-    // What the argument declared last may be. Whether it is, the verb itself looks at.
+    // Lists the words that the argument declared last may be. The verb itself checks the value.
     Verb& one_of(std::span<const Word> words);
     Verb& one_of(std::vector<std::string> words);
-    // The mailbox that nearly every verb is about.
+    // Declares the address of the mailbox to work on, which nearly every verb takes.
     Verb& address(std::string& value);
-    // The same, or all mailboxes, or those of a domain.
+    // Declares an address, or all mailboxes, or those of a domain.
     Verb& choice(Choice& choice);
-    // How many of them at a time.
+    // Declares how many mailboxes are worked on at a time.
     Verb& jobs(std::optional<std::string>& value);
 
   private:
@@ -65,7 +65,7 @@ class Verb {
     CLI::Option* last_ = nullptr;
 };
 
-// Where verbs are added: the command itself, or a verb that has verbs of its own.
+// A place to add verbs to: the command itself, or a verb that has verbs of its own.
 class VerbGroup {
   public:
     VerbGroup(CLI::App& app, Session& session, Choices& choices)
@@ -73,8 +73,8 @@ class VerbGroup {
 
     VerbGroup group(const std::string& name, const std::string& help) const;
 
-    // Adds a verb with arguments of its own: declare(verb, arguments) says what they are,
-    // run(session, arguments) does the work and returns the exit code.
+    // Adds a verb with arguments of its own: declare(verb, arguments) declares them, run(session,
+    // arguments) does the work and returns the exit code.
     template <class Arguments>
     void verb(const std::string& name, const std::string& help,
               void (*declare)(Verb& verb, Arguments& arguments),
@@ -93,24 +93,25 @@ class VerbGroup {
     Choices* choices_;
 };
 
-// The row whose word (letter case does not matter, '_' is as good as '-') or number is given.
-// Otherwise a Failure with code kExitUsage that lists the words; `what` names what they are.
+// The row with the given word (letter case does not matter, '_' equals '-') or number. If there is
+// no such row, a Failure with code kExitUsage lists the words; `what` says what they are.
 const Word& word_of(std::span<const Word> words, std::string_view what, std::string_view given);
 
-// The whole number that is given, between the limits. A Failure with code kExitUsage for anything
-// else.
+// Converts a whole number between the limits. A Failure with code kExitUsage for anything else.
 long long whole_number(std::string_view what, std::string_view given, long long least,
                        long long most);
 
-// The age that is given: a whole number with s, h, d or w behind it for seconds, hours, days or
-// weeks. A Failure with code kExitUsage for anything else.
+// Converts an age: a whole number followed by s, h, d or w for seconds, hours, days or weeks. A
+// Failure with code kExitUsage for anything else.
 std::chrono::seconds age_of(std::string_view what, std::string_view given);
 
-// What --jobs says; one for each processor if it was not given. A Failure with code kExitUsage.
+// Converts the value of --jobs; one job for each processor if it was not given. A Failure with code
+// kExitUsage for anything but a number within the limits.
 std::size_t jobs_of(const std::optional<std::string>& given);
 
-// Reads the command line into the session. Returns true if there is a verb to run; false if all was
-// said (help, version). Failure with code kExitUsage for what is not in the grammar.
+// Reads the command line into the session. Returns true if there is a verb to run; false if nothing
+// is left to do (help, version). A Failure with code kExitUsage for words that the grammar does not
+// allow.
 bool read_command_line(int argc, const char* const* argv, Session& session);
 
 }  // namespace Tessaly::tool

@@ -15,7 +15,7 @@ namespace Tessaly::tool {
 
 namespace {
 
-// read_some, waiting where the input does not do so itself.
+// read_some, but waits if the input does not block.
 std::size_t wait_and_read(const Input& input, char* buffer, std::size_t room) {
     for (;;) {
         const ssize_t n = read_some(input, buffer, room);

@@ -9,19 +9,19 @@
 
 namespace Tessaly::tool {
 
-// An open input and what to call it in messages.
+// An open input and its name in messages.
 struct Input {
     Fd owned;
     int fd;
     std::string name;
 };
 
-// Opens a file to read, as the caller of the program; "" is standard input. A Failure with code
-// kExitNoInput if it cannot.
+// Opens a file to read, with the caller's rights; "" is standard input. A Failure with code
+// kExitNoInput if the file cannot be opened.
 Input open_input(const std::string& file);
 
-// Reads up to `room` bytes; 0 at the end. A Failure, with code kExitNoInput for what cannot be read
-// at all, else kExitIo. EAGAIN is left to the caller: -1.
+// Reads up to `room` bytes; 0 at the end. A Failure has code kExitNoInput if the input cannot be
+// read at all, else kExitIo. On EAGAIN it returns -1: the caller waits.
 ssize_t read_some(const Input& input, char* buffer, std::size_t room);
 
 // The size of the input if it is a file, else 0.
@@ -35,10 +35,10 @@ class LineReader {
     // Goes to the next line; false at the end. Failures are those of read_some.
     bool next();
     const std::string& line() const { return line_; }
-    // Whether the line is longer than what is kept of it.
+    // Whether the line was cut because it is too long.
     bool cut() const { return cut_; }
     std::uint64_t number() const { return number_; }
-    // How much of the input was read for the lines so far.
+    // How many bytes of the input were read for the lines so far.
     std::uint64_t bytes() const { return bytes_; }
 
   private:

@@ -14,7 +14,7 @@ namespace Tessaly::tool {
 
 namespace {
 
-// Asks man quietly where the page lies.
+// Asks man, without output, for the page's path.
 bool has_page(const std::string& page) {
     posix_spawn_file_actions_t quiet;
     if (::posix_spawn_file_actions_init(&quiet) != 0) return false;
@@ -35,7 +35,7 @@ bool has_page(const std::string& page) {
 
 void become_manual(const std::string& page, mode_t umask) {
     if (::isatty(STDOUT_FILENO) != 1 || !has_page(page)) return;
-    // A pager wants to be told when its terminal goes away.
+    // Restores the default actions, which a pager relies on when its terminal goes away.
     std::signal(SIGPIPE, SIG_DFL);
     std::signal(SIGXFSZ, SIG_DFL);
     ::umask(umask);

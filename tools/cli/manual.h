@@ -8,8 +8,8 @@
 
 namespace Tessaly::tool {
 
-// Becomes man(1) with this page of section 1, with the umask given. Returns if standard output is
-// not a terminal, or there is no man or no such page.
+// Replaces this process by man(1) with this page of section 1, under the given umask. Returns if
+// standard output is not a terminal, or if man or the page is missing.
 void become_manual(const std::string& page, mode_t umask);
 
 }  // namespace Tessaly::tool

@@ -10,7 +10,7 @@ namespace {
 
 using std::string_view;
 
-// Beyond this many mistakes it is another word.
+// A candidate with more mistakes than this is another word.
 constexpr std::size_t kMistakes = 2;
 
 // How many letters must be changed, added, removed or swapped with their neighbour.

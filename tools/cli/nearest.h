@@ -1,4 +1,4 @@
-// nearest - what somebody may have meant.
+// nearest - the word that a user may have meant.
 #ifndef TSMAIL_TOOLS_CLI_NEAREST_H
 #define TSMAIL_TOOLS_CLI_NEAREST_H
 
@@ -8,7 +8,7 @@
 
 namespace Tessaly::tool {
 
-// The candidate that takes the fewest typing mistakes to become the word; empty if that is too
+// The candidate that differs from the word by the fewest typing mistakes; empty if that is too
 // many.
 std::string nearest(std::string_view word, const std::vector<std::string>& candidates);
 

@@ -47,7 +47,8 @@ std::string hex_of(const std::string& bytes) {
     return text;
 }
 
-// Beside each text that is not UTF-8, which JSON cannot carry, its bytes in hexadecimal digits.
+// JSON cannot carry a text that is not UTF-8, so this adds its bytes in hexadecimal digits beside
+// it.
 void add_bytes(Json& json) {
     if (!json.is_structured()) return;
     std::vector<std::pair<std::string, std::string>> added;

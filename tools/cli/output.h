@@ -13,25 +13,25 @@ namespace Tessaly::tool {
 // Fields keep the order in which they are written.
 using Json = nlohmann::ordered_json;
 
-// Collects and writes to a descriptor in large pieces. A write error is kept for finish().
+// Collects text and writes it to a descriptor in large pieces. finish() reports a write error.
 class Output {
   public:
-    // With colour if the descriptor is a terminal that wants it: NO_COLOR unset or empty, TERM not
+    // Uses colour if the descriptor is a terminal, NO_COLOR is unset or empty, and TERM is not
     // "dumb".
     explicit Output(int fd);
 
     bool colour() const { return colour_; }
-    // From here on nothing is shown.
+    // Shows nothing from here on.
     void silence() { silent_ = true; }
-    // The text emphasised, if there is colour.
+    // The text, emphasised if colour is on.
     std::string strong(std::string_view text) const;
 
     void line(std::string_view text);
-    // One object on one line. Bytes that are not UTF-8 become U+FFFD; the exact bytes of such a
-    // text follow as hexadecimal digits in a field of the same name with "_hex" behind it.
+    // Shows one object on one line. Bytes that are not UTF-8 become U+FFFD; the exact bytes of such
+    // a text follow as hexadecimal digits in a field of the same name with "_hex" appended.
     void object(const Json& object);
 
-    // Writes what is left. False with errno if anything could not be written since the last call.
+    // Writes the rest. False with errno if a write has failed since the last call.
     bool finish();
 
   private:
@@ -56,7 +56,7 @@ class Table {
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
     void row(std::vector<std::string> cells);
-    // One line a row below a line of headings.
+    // Prints a line of headings, then one line for each row.
     void print(Output& out) const;
 
   private:

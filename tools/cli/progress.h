@@ -1,4 +1,4 @@
-// Progress - how far long work has come, for who waits at a terminal.
+// Progress - shows a user at a terminal how far long work has come.
 #ifndef TSMAIL_TOOLS_CLI_PROGRESS_H
 #define TSMAIL_TOOLS_CLI_PROGRESS_H
 
@@ -10,8 +10,9 @@
 
 namespace Tessaly::tool {
 
-// A line on standard error with a bar, the rate and the time that remains; shown if that is a
-// terminal, after the first second of work, a few times a second, and removed at the end.
+// A line on standard error with a bar, the rate and the remaining time. It is shown only on a
+// terminal and only after the first second of work, updated a few times a second, and removed at
+// the end.
 class Progress {
   public:
     // total: what advance() will reach; 0 if unknown.
@@ -21,7 +22,7 @@ class Progress {
     ~Progress();
 
     void advance(std::uint64_t done);
-    // The same where the total is known only now.
+    // The same, where the total becomes known only now.
     void advance(std::uint64_t done, std::uint64_t total);
 
   private:

@@ -10,7 +10,7 @@ namespace Tessaly::tool {
 
 namespace {
 
-// Nobody can be told when this fails.
+// A failure is ignored, as there is no other way to report it.
 void say(std::string_view prefix, std::string_view message) {
     const std::string text = std::string(prefix).append(message).append("\n");
     [[maybe_unused]] const auto written =

@@ -1,4 +1,4 @@
-// What the options for all verbs say, and where a verb shows its results.
+// The values of the options that all verbs share, and the output that a verb writes to.
 #ifndef TSMAIL_TOOLS_CLI_SESSION_H
 #define TSMAIL_TOOLS_CLI_SESSION_H
 
@@ -14,23 +14,23 @@ namespace Tessaly::tool {
 
 struct Session {
     // The file mode mask that the caller of the program set. The program itself runs under 077, but
-    // folders are made under the caller's.
+    // it makes folders under the caller's mask.
     mode_t callers_umask;
     Output out;
 
     bool json = false;
     bool quiet = false;
     int verbosity = 0;
-    // How long the work on one mailbox may take. No honest mailbox needs that long.
+    // How long the work on one mailbox may take. An ordinary mailbox never needs that long.
     std::chrono::seconds timeout{300};
 
     // The verb that the command line names, ready to run; returns the exit code, throws Failure.
     std::function<int()> verb = {};
 
-    // A message on standard error; quiet silences a warning, not an error.
+    // Writes a message to standard error; `quiet` silences a warning, but not an error.
     void warn(std::string_view message) const;
     void error(std::string_view message) const;
-    // One that is said only to those who want to know more.
+    // Writes a message that only a higher verbosity shows.
     void detail(std::string_view message) const;
 };
 

@@ -11,12 +11,12 @@ namespace Tessaly::tool {
 namespace {
 
 struct Character {
-    std::size_t length;  // in bytes; 1 for a byte that begins no valid sequence
+    std::size_t length;  // in bytes; 1 for a byte that does not begin a valid sequence
     utf8proc_int32_t code_point;
     bool valid;
 };
 
-// What the text begins with.
+// The first character of the text.
 Character first_of(std::string_view text) {
     utf8proc_int32_t code_point = -1;
     const utf8proc_ssize_t length =
@@ -26,12 +26,12 @@ Character first_of(std::string_view text) {
     return {static_cast<std::size_t>(length), code_point, true};
 }
 
-// They choose between the letter's and the picture's form of the character in front of them.
+// These choose between the text form and the picture form of the character before them.
 bool selects_form(utf8proc_int32_t code_point) {
     return code_point == 0xFE0E || code_point == 0xFE0F;
 }
 
-// Controls, and what is invisible or reorders the text around it.
+// Control characters, and characters that are invisible or reorder the text around them.
 bool is_hidden(utf8proc_int32_t code_point) {
     const utf8proc_property_t& property = *utf8proc_get_property(code_point);
     switch (property.category) {
@@ -88,7 +88,7 @@ std::size_t width_of(std::string_view text) {
 std::string size_text(std::uint64_t bytes) {
     constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     constexpr double kStep = 1024;
-    // From here on one decimal would be rounded up to the next unit.
+    // From here on, rounding to one decimal would give the next unit.
     constexpr double kNextUnit = 1023.95;
     if (bytes < static_cast<std::uint64_t>(kStep)) return fmt::format("{} B", bytes);
     auto value = static_cast<double>(bytes);

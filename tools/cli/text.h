@@ -1,4 +1,4 @@
-// Texts as people are shown them.
+// Texts in the form in which people see them.
 #ifndef TSMAIL_TOOLS_CLI_TEXT_H
 #define TSMAIL_TOOLS_CLI_TEXT_H
 
@@ -9,13 +9,12 @@
 
 namespace Tessaly::tool {
 
-// The text with every byte that is no printable UTF-8 written as \xNN: control characters, invalid
-// sequences, and characters that change the writing direction or cannot be seen. Names in a store
+// The text with every byte that is not printable UTF-8 written as \xNN: control characters, invalid
+// sequences, and characters that are invisible or change the writing direction. Names in a store
 // come from strangers; a terminal must not act on them.
 std::string printable(std::string_view text);
 
-// Columns the text takes on a terminal. A mark above or below a letter takes none, an ideograph
-// two.
+// The columns that the text takes on a terminal. A combining mark takes none, an ideograph two.
 std::size_t width_of(std::string_view text);
 
 // A size in binary units: "0 B", "1023 B", "1.0 KiB", "12.3 MiB".
@@ -24,7 +23,7 @@ std::string size_text(std::uint64_t bytes);
 // Whether the text holds an ASCII control character, NUL included.
 bool has_control_character(std::string_view text);
 
-// The text as arguments are compared: lower case, '-' for '_'.
+// The text in the form in which arguments are compared: lower case, '-' for '_'.
 std::string folded(std::string_view text);
 
 }  // namespace Tessaly::tool
