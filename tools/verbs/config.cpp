@@ -9,7 +9,7 @@
 #include "tools/cli/text.h"
 #include "tools/verbs/verbs.h"
 
-// A support library may lack them.
+// The installed support library may lack these functions.
 #pragma weak cfg_get_file
 #pragma weak cfg_check
 
@@ -39,7 +39,7 @@ void report_problem(int line, int column, const char* message, void* arg) {
     }
 }
 
-// No file at the usual place means that the defaults hold; a file that was asked for must be there.
+// Without a file at the usual place the defaults apply; a file that the user named must exist.
 int unreadable(Session& session, const Arguments& arguments, const std::string& file, int error) {
     if (error != ENOENT || arguments.file) {
         throw Failure(kExitNoInput, printable(file) + ": " + error_text(error));

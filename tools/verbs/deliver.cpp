@@ -31,7 +31,7 @@ struct Arguments {
     bool no_new_folder = false;
 };
 
-// Message names hold numbers of the C library's generators, which the program has to seed.
+// Message names contain numbers from the C library's generators, which the program has to seed.
 void seed_random() {
     unsigned seeds[2] = {};
     if (::getrandom(seeds, sizeof seeds, 0) != static_cast<ssize_t>(sizeof seeds)) {
@@ -51,7 +51,7 @@ string own_queue_id() {
 
 // ---- as the mailbox's owner
 
-// What is the same for each message.
+// The settings that are the same for each message.
 struct Plan {
     TSMailUserId id;
     std::optional<string> folder;
@@ -102,7 +102,7 @@ void show(Session& session, const Json& delivered) {
     } else {
         session.out.line(printable(delivered.at("path").get<string>()));
     }
-    // At once: who is told of a message need not deliver it again.
+    // Writes at once: a caller that has read this line need not deliver the message again.
     if (!session.out.finish()) session.warn("standard output: " + error_text(errno));
 }
 
@@ -112,11 +112,11 @@ class Messages {
     explicit Messages(const std::vector<string>& files) : files_(files) {}
 
     std::size_t count() const { return std::max<std::size_t>(files_.size(), 1); }
-    // In the parent, with the caller's rights.
+    // In the parent: opens message n with the caller's rights.
     Fd open(std::size_t n) const {
         return files_.empty() ? Fd() : std::move(open_input(files_[n]).owned);
     }
-    // In the worker, what was opened.
+    // In the worker: the input that the parent opened.
     Input opened(std::size_t n, int fd) const {
         return files_.empty() ? open_input("") : Input{Fd(), fd, printable(files_[n])};
     }

@@ -22,7 +22,7 @@ struct Arguments {
 
 // ---- the worker's part
 
-// Whether it was repaired.
+// Returns whether the finding was repaired.
 bool try_to_repair(const Finding& finding, Report& report) {
     try {
         finding.mend();
@@ -46,7 +46,7 @@ void run_check(const Patient& patient, const Check& check, bool repair, Report& 
     }
 }
 
-// A check that cannot be made does not keep the others.
+// A check that fails does not prevent the others.
 int look_at(const Patient& patient, bool repair, Report& report) {
     for (const Check& check : all_checks()) {
         try {

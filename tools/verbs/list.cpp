@@ -47,7 +47,7 @@ void check_entry(const string& entry) {
 // The list that the arguments name.
 struct Named {
     AddressList list;
-    std::optional<TSMailUserId> user;  // whose list it is, if it is a user's
+    std::optional<TSMailUserId> user;  // the user whose list it is, if it is a user's list
 };
 
 Named named_list(const Arguments& arguments) {
@@ -65,8 +65,8 @@ Named named_list(const Arguments& arguments) {
     return named;
 }
 
-// The owner of the directory; of the one above it while it is missing, so that the work finds that
-// out.
+// The owner of the directory, or of the nearest one above it that exists: the work then reports
+// that the directory is missing.
 Owner owner_of_directory(string path) {
     for (;;) {
         try {
@@ -84,7 +84,7 @@ Owner owner_of_list(const Named& named) {
     return owner_of_directory(path.substr(0, path.rfind('/')));
 }
 
-// Works on the list in a worker of its directory's owner.
+// Works on the list in a worker that runs as the owner of the list's directory.
 int run_on_list(Session& session, const Arguments& arguments,
                 const std::function<int(const AddressList&, Report&)>& work,
                 const std::function<void(const Json&)>& show = {}) {
@@ -105,7 +105,7 @@ Failure full(const AddressList& list) {
 
 string entry_of(const Json& object) { return object.at("entry").get<string>(); }
 
-// Entries as they stand in the list: escaped for eyes, exact for programs.
+// Shows entries as they stand in the list: escaped for people, exact for programs.
 void show_plain(Session& session, const Json& object) {
     const string entry = entry_of(object);
     session.out.line(::isatty(STDOUT_FILENO) == 1 ? printable(entry) : entry);
@@ -149,7 +149,8 @@ int run_export(Session& session, const Arguments& arguments) {
                        [&](const Json& object) { show_plain(session, object); });
 }
 
-// What is said of an entry: "added ann@site.test", or an object with the same as a member.
+// The words for the outcome of an entry: "added ann@site.test", or an object with the word as a
+// member.
 struct Answers {
     const char* field;
     const char *yes, *no;
@@ -187,7 +188,7 @@ int run_remove(Session& session, const Arguments& arguments) {
     return run_on_words(session, arguments, {"removed", "removed", "was not there:"}, work);
 }
 
-// A question about words: exit code 0 if the answer is yes for all of them.
+// Asks a question about each word: exit code 0 if the answer is yes for all of them.
 int ask(Session& session, const Arguments& arguments, const char* field,
         bool (AddressList::*question)(const string&) const) {
     const auto work = [&](const AddressList& list, Report& report) {

@@ -1,9 +1,9 @@
 // mailbox remove - removes a mailbox, and its address from the address lists of its partners.
 //
 // Addresses of one person come in pairs of lists: each mailbox names the other one in the opposite
-// list. Every step has the rights of the one whose files it changes: the mailbox's owner reads its
-// lists and empties its home, each partner's owner edits that partner's list, and the owner of the
-// domain's directory takes the empty home out of it.
+// list. Every step runs with the rights of the owner of the files that it changes: the mailbox's
+// owner reads the lists and empties the home, each partner's owner edits that partner's list, and
+// the owner of the domain's directory removes the empty home.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -32,7 +32,7 @@ struct Arguments {
     bool dry_run = false;
 };
 
-// The user's list, and the one in which a partner named there names the user.
+// A list of the user, and the partner's list that should name the user in return.
 struct Relation {
     std::string_view own, partners;
 };
@@ -41,10 +41,10 @@ constexpr Relation kRelations[] = {
     {names::kSecondaryAddresses, names::kPrimaryAddresses},
 };
 
-// An entry of one of the user's lists. Users write what they like there.
+// An entry of one of the user's lists. It is untrusted: users can write anything into their lists.
 struct Entry {
     string partner;
-    string list;  // the partner's, that may name the user
+    string list;  // the partner's list that may name the user
 };
 
 // ---- as the mailbox's owner
@@ -87,7 +87,7 @@ class MailboxRemoval {
     MailboxRemoval(Session& session, TSMailUserId id)
         : session_(session), id_(std::move(id)), owner_(owner_of_mailbox(homes_.home(id_))) {}
 
-    // What is below the home, and whom its lists name. The exit code.
+    // Learns what is below the home and whom its lists name. Returns the exit code.
     int look_at_home(bool dry_run) {
         return run_as(
             owner_, [=, this](Report& report) { return look(id_, dry_run, report); },
@@ -101,7 +101,7 @@ class MailboxRemoval {
     }
     const Json& deed() const { return deed_; }
 
-    // A partner whose list cannot be changed does not keep the mailbox.
+    // Removes the mailbox even if a partner's list cannot be changed.
     int remove() {
         const int partners = leave_partners();
         int code = empty_home();
@@ -127,7 +127,7 @@ class MailboxRemoval {
         }
     }
 
-    // Whose list an entry means; nothing if it means nobody's.
+    // The owner of the partner that an entry names; nothing if there is no such mailbox.
     std::optional<Owner> owner_of_partner(const Entry& entry) {
         try {
             return homes_.owner(mailbox_of(entry.partner));
@@ -139,7 +139,7 @@ class MailboxRemoval {
         }
     }
 
-    // Takes the user's address out of each partner's list. What fails does not keep the others.
+    // Removes the user's address from each partner's list. A failure does not prevent the others.
     int leave_partners() {
         Job job;
         job.count = entries_.size();
@@ -169,7 +169,7 @@ class MailboxRemoval {
         });
     }
 
-    // The home, which is empty, or the link to it.
+    // Removes the home, which is empty, or the link to it.
     void remove_entry(int domain) const {
         const string name = id_.tilde_name();
         struct stat st;
@@ -189,7 +189,7 @@ class MailboxRemoval {
     bool removed_ = false;
 };
 
-// A line from the terminal, without its end.
+// Reads a line from the terminal, without its line end.
 string answer() {
     string line;
     char c = 0;

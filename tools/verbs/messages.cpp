@@ -42,16 +42,16 @@ std::vector<DatedMessage> dated(const std::vector<MessageRow>& rows) {
     return all;
 }
 
-// What mail readers put behind the name: letters, as S for seen.
+// The flags that mail readers append to the name: letters such as S for seen.
 string flags_of(const string& name) {
     constexpr std::string_view kInfo = ":2,";
     const auto at = name.rfind(kInfo);
     return at == string::npos ? "" : name.substr(at + kInfo.size());
 }
 
-// Names hold any number; a date has to be one of four digits.
+// A name can hold any number, but a date's year has at most four digits.
 std::optional<std::tm> utc_of(std::time_t time) {
-    constexpr std::time_t kEnd = 253402300800;  // of the year 9999
+    constexpr std::time_t kEnd = 253402300800;  // the end of the year 9999
     std::tm parts;
     if (time < 0 || time >= kEnd || ::gmtime_r(&time, &parts) == nullptr) return std::nullopt;
     return parts;

@@ -1,4 +1,4 @@
-// paths - where everything of a mailbox lies.
+// paths - shows the paths of a mailbox's files.
 #include <tessaly/MailUserId.h>
 
 #include <fmt/format.h>
@@ -83,13 +83,13 @@ constexpr Place kPlaces[] = {
     {"drop", [](const TSMailUserId& id) { return id.maildrop(""); }},
 };
 
-// The kind of a word or number; the enumeration's own names, MUF_..., are as good.
+// The kind with this word or number; the enumeration's own names, MUF_..., are accepted as well.
 const Word& kind_of(string given) {
     if (folded(given).starts_with("muf-")) given.erase(0, 4);
     return word_of(kKinds, "file kind", given);
 }
 
-// A type without a layout has no paths at all: the library throws.
+// A type without a layout has no paths: the library throws.
 std::optional<string> path_or_none(const std::function<string()>& path) {
     try {
         return path();

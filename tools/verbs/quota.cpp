@@ -25,7 +25,7 @@ QuotaFlag flag_of(const string& given) {
     return static_cast<QuotaFlag>(word_of(kFlagWords, "flag", given).number);
 }
 
-// In UTC, as "2024-02-29 12:00:00Z".
+// The time in UTC, as "2024-02-29 12:00:00Z".
 string time_text(std::time_t time) {
     struct tm parts;
     char text[64];
@@ -114,7 +114,7 @@ int value_of(const string& text) {
     throw Failure(kExitUsage, "\"" + printable(text) + "\" is not a 32-bit number");
 }
 
-// Work that shows nothing.
+// Runs work that shows nothing.
 int run_silently(Session& session, const string& address,
                  const std::function<void(const TSMailUserId&)>& work) {
     MailboxJob job;
@@ -180,7 +180,7 @@ Notice notice_of(const TSMailUserId& id, const NotifyArguments& arguments) {
     return notice;
 }
 
-// The worker's part: whether a notice is due; its time is kept then.
+// The worker's part: reports whether a notice is due and, if so, stores its time.
 int pass_guard(const TSMailUserId& id, Report& report) {
     const Guard guard = pass_notice_guard(id);
     if (guard.due && !guard.kept) {
@@ -190,14 +190,14 @@ int pass_guard(const TSMailUserId& id, Report& report) {
     return kExitOk;
 }
 
-// Of a forced notice the time is kept only if one was due anyway. The submission program is started
-// by this process, with the rights of the caller: it may need to gain some.
+// A forced notice's time is stored only if a notice was due anyway. This process starts the
+// submission program with the caller's rights, as the program may need to gain rights.
 int run_notify(Session& session, const NotifyArguments& arguments) {
     const Mailboxes mailbox = one_mailbox(arguments.address);
     const TSMailUserId& id = mailbox.ids.front();
     Homes().owner(id);  // a Failure if there is no such mailbox
     const Notice notice = notice_of(id, arguments);
-    // Before the guard, so that the day's notice is not used up by one that nobody could send.
+    // Comes before the guard: a notice that cannot be sent must not use up the day's notice.
     demand_submission_program();
     bool send = arguments.force;
     MailboxJob job;
@@ -208,7 +208,7 @@ int run_notify(Session& session, const NotifyArguments& arguments) {
     const int code = run_on(session, mailbox, job);
     if (code != kExitOk) return code;
     if (send) {
-        // The program makes files of its own, with modes of its own.
+        // The program makes its own files and chooses their modes.
         ::umask(session.callers_umask);
         send_notice(notice);
     }

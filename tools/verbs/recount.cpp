@@ -48,7 +48,7 @@ Json json_of(const TSMailUserId& id, const MailboxRecount& result) {
     return object;
 }
 
-// A mailbox that was removed while all are recounted is passed over.
+// A mailbox that was removed while all are recounted is skipped.
 int recount_one(const TSMailUserId& id, bool all, bool only_marked, Report& report) {
     try {
         if (only_marked && !is_marked(id)) return kExitOk;
@@ -104,7 +104,7 @@ void show_lines(Session& session, const string& address, const Json& object, boo
     session.out.line(change_text(address, object) + (marked ? "; it was marked" : ""));
 }
 
-// The parent tells the daemon, whose socket the mailbox's owner may have no right to.
+// The parent tells the daemon, because the mailbox's owner may have no right to its socket.
 void tell(QuotaDaemon& daemon, const Json& object) {
     const auto change =
         object.at("bytes").get<long long>() - object.at("bytes_before").get<long long>();

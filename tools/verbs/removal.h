@@ -1,4 +1,4 @@
-// What the verbs that take something away say of it.
+// The output of the verbs that remove something.
 #ifndef TSMAIL_TOOLS_VERBS_REMOVAL_H
 #define TSMAIL_TOOLS_VERBS_REMOVAL_H
 
@@ -17,18 +17,18 @@ struct Deed {
 constexpr Deed kRemove = {"remove", "removed"};
 constexpr Deed kSchedule = {"schedule", "scheduled"};
 
-// In the worker: what was removed, or would be.
+// In the worker: reports what was removed, or would be.
 void report_deed(Report& report, const Deed& deed, const std::string& path, const Amount& amount,
                  bool dry_run);
-// The same, and a warning if a size record could not be corrected.
+// The same, with a warning if a size record could not be corrected.
 void report_removal(Report& report, const Deed& deed, const std::string& path,
                     const Removal& removal);
 
-// In the parent: shows what was reported.
+// In the parent: shows what the worker reported.
 void show_deed(Session& session, const Json& deed);
 Amount amount_of(const Json& deed);
-// Tells the quota daemon, after everything else, as it may take its time. `path` is the folder or
-// mailbox that became smaller.
+// Tells the quota daemon. Comes after everything else, as the daemon may be slow. `path` is the
+// folder or mailbox that became smaller.
 void tell_daemon(const std::string& path, const Json& deed);
 
 void declare_dry_run(Verb& verb, bool& dry_run);

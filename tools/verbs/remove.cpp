@@ -1,4 +1,4 @@
-// rm, sweep, message rm - what takes folders and messages away.
+// rm, sweep, message rm - remove folders and messages.
 #include <fmt/format.h>
 
 #include "tools/cli/address.h"
@@ -47,7 +47,7 @@ int remove_folder(const TSMailUserId& id, const FolderArguments& arguments, mode
     return kExitOk;
 }
 
-// Runs the work on one mailbox. `folder` is the one that becomes smaller.
+// Runs the work on one mailbox. `folder` is the folder that becomes smaller.
 int run_removal(Session& session, const string& address, const string& folder, bool dry_run,
                 const std::function<int(const TSMailUserId&, Report&)>& work) {
     std::optional<Json> done;
@@ -92,7 +92,7 @@ struct SweepArguments {
     std::optional<string> jobs;
 };
 
-// One that does not go does not keep the others.
+// A failure to remove this path does not prevent the others.
 void sweep_one(const string& path, bool dry_run, Report& report) {
     const Amount amount = amount_below(path);
     try {

@@ -65,7 +65,7 @@ bool agrees(const Json& row) {
            row.at("actual_messages") == row.at("messages");
 }
 
-// The largest first; equal ones by name, in which order they come.
+// Sorts the largest first. Equal rows keep their order, which is by name.
 void sort_rows(Rows& rows, int order) {
     if (order == kByName) return;
     const char* key = order == kBySize ? "bytes" : "messages";
@@ -145,7 +145,7 @@ JobResult read_all(Session& session, const Arguments& arguments, Rows& rows) {
     return run_quietly_on(session, every_mailbox(arguments.domain), job);
 }
 
-// Only of those that are shown: this looks into every folder.
+// Verifies only the mailboxes that are shown, as this reads every folder.
 JobResult verify_all(Session& session, Rows& rows) {
     Mailboxes mailboxes;
     mailboxes.all = true;

@@ -1,5 +1,5 @@
 // The verb families. Each has a file of its own in verbs/, which reads arguments and prints
-// results; the work on the store lies in the units beside this header.
+// results. The code that works on the store is in work/, spool/ and doctor/.
 #ifndef TSMAIL_TOOLS_VERBS_VERBS_H
 #define TSMAIL_TOOLS_VERBS_VERBS_H
 
@@ -24,7 +24,7 @@ void add_mailbox_remove_verb(const VerbGroup& top);
 void add_check_name_verb(const VerbGroup& top);
 void add_config_verbs(const VerbGroup& top);
 
-// In the order in which help lists them.
+// The families in the order in which help lists them.
 constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
     add_paths_verb,          add_mailbox_verbs,   add_deliver_verb,  add_size_verb,
     add_recount_verb,        add_tag_verb,        add_messages_verb, add_usage_verb,
