@@ -25,12 +25,12 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using Clock = Worker::Clock;
 
-// How many tasks a worker may have in front of it, so that it need not wait for its parent; how
-// far the fastest may be ahead of the one whose results are shown next.
+// kQueue: how many tasks a worker may have queued, so that it need not wait for its parent. kAhead:
+// how far the newest task may be ahead of the task whose results are shown next.
 constexpr std::size_t kQueue = 16, kAhead = 1024;
-// What is left to do when nothing can fail any more is a matter of milliseconds.
+// The time limit after a task has passed: the rest of its work takes only milliseconds.
 constexpr seconds kGrace{10};
-// To mark a mailbox for a recount after its worker was ended.
+// The time limit for marking a mailbox for a recount after its worker was ended.
 constexpr seconds kAfterKill{10};
 
 string end_text(int status) {
@@ -55,7 +55,7 @@ class Results {
         put(task, {Event::error, {{"text", failure.what()}, {"code", int{failure.code()}}}});
         put(task, {Event::end, {{"code", int{failure.code()}}}});
     }
-    // How many tasks are over and shown.
+    // How many tasks have ended and been shown.
     std::size_t shown() const { return shown_; }
     const JobResult& result() const { return result_; }
 
@@ -130,8 +130,7 @@ class Run {
   private:
     static Failure by_signal() { return {kExitTryAgain, "ended by a signal"}; }
 
-    // Hands out tasks as long as there is somebody to take them; lets go of workers that no task
-    // will need.
+    // Hands out tasks as long as a worker can take them, then ends the workers that have no task.
     void hand_out() {
         while (!stopped_ && (!again_.empty() || may_begin_next())) {
             const std::size_t task = again_.empty() ? next_ : again_.front();
@@ -148,7 +147,7 @@ class Run {
 
     bool may_begin_next() const { return next_ < job_.count && next_ < results_.shown() + kAhead; }
 
-    // False if everybody has enough to do. A task that cannot be handed out is over.
+    // False if no worker can take a task now. A task that cannot be handed out has failed.
     bool hand_out(std::size_t task) {
         try {
             if (!owner_) owner_ = job_.owner(task);
@@ -177,7 +176,7 @@ class Run {
         if (best != nullptr && best->tasks().empty()) return best;
         if (workers_.size() >= job_.jobs) retire_idle();
         if (workers_.size() < job_.jobs) return &start_worker(owner);
-        // Behind a task that waits nobody else's may wait.
+        // Tasks queue only if none waits for input and no other worker could take them.
         const std::size_t queue = job_.input || job_.jobs > 1 ? 1 : kQueue;
         return best != nullptr && best->tasks().size() < queue ? best : nullptr;
     }
@@ -219,8 +218,8 @@ class Run {
         }
     }
 
-    // An error of a call that a task does not depend on. To give up at once would leave open what
-    // became of the tasks.
+    // Tolerates some errors of a call on which no task depends: giving up at once would leave the
+    // outcome of the tasks unknown.
     void bear(const char* what) {
         constexpr unsigned kMostErrors = 10;
         if (++errors_ > kMostErrors) throw system_failure(what);
@@ -241,7 +240,7 @@ class Run {
         return static_cast<int>(std::clamp<long long>(left, 0, INT32_MAX));
     }
 
-    // The workers decide whether what they do can still be given up.
+    // Each worker decides whether its task can still be given up.
     void stop() {
         stopped_ = true;
         for (const Worker& worker : workers_) worker.signal(SIGTERM);
@@ -279,7 +278,7 @@ class Run {
         results_.put(task, std::move(message));
     }
 
-    // A worker is gone, or has to go. The task that it was at is over; others begin its later ones.
+    // A worker has ended or must end. Its current task is over; other workers get its later ones.
     void lose(Workers::iterator worker, bool kill, const string& why) {
         Worker lost = std::move(*worker);
         workers_.erase(worker);
@@ -299,8 +298,8 @@ class Run {
         }
     }
 
-    // What a worker says that was asked to give its task up. False if that was the end: unless it
-    // succeeded nevertheless, the reason is the one for which it was asked.
+    // Takes a message of a worker that was asked to give up its task. False if this was the last
+    // one. Drops errors and a failing end, as the reason for asking is shown instead.
     bool take_last(Worker& worker, Message message) {
         const bool end = message.event == Event::end;
         const bool gave_up = end && message.body.value("code", 1) != kExitOk;
@@ -308,7 +307,7 @@ class Run {
         return !end;
     }
 
-    // In a worker of its own, which has not long to do it.
+    // Calls after_kill in a new worker, for which it waits only a short time.
     void clean_up(std::size_t task, const Owner& owner) {
         if (!job_.after_kill) return;
         Job job;
@@ -323,7 +322,7 @@ class Run {
             const auto wait = std::chrono::duration_cast<milliseconds>(kAfterKill).count();
             retry([&] { return ::poll(&polled, 1, static_cast<int>(wait)); });
         } catch (const Failure&) {
-            return;  // the task failed already, and is said to
+            return;  // the task has failed already and is reported
         }
     }
 
@@ -333,10 +332,10 @@ class Run {
     Results results_;
     Workers workers_;
     std::size_t next_ = 0;
-    std::deque<std::size_t> again_;  // tasks whose worker was lost before it came to them
-    std::optional<Owner> owner_;     // of the task that is handed out next
+    std::deque<std::size_t> again_;  // tasks whose worker was lost before it began them
+    std::optional<Owner> owner_;     // the owner of the task that is handed out next
     bool stopped_ = false;
-    unsigned errors_ = 0;  // that were borne since a wait went well
+    unsigned errors_ = 0;  // tolerated since the last successful wait
 };
 
 }  // namespace

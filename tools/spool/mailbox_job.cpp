@@ -35,8 +35,8 @@ std::vector<string> names_in(const Place& directory) {
     return names;
 }
 
-// Whether the entry of a domain's directory may be a home: it leads to a maildir root, or that
-// cannot be told here.
+// Whether the entry of a domain's directory may be a home: it has a maildir root, or this process
+// cannot find out.
 bool may_be_home(const Place& domain, const string& name) {
     struct stat st;
     const string root = name + "/mail";
@@ -44,7 +44,7 @@ bool may_be_home(const Place& domain, const string& name) {
     return errno != ENOENT && errno != ENOTDIR;
 }
 
-// The mailbox whose home this directory would be; nothing for a name that no mailbox has.
+// The mailbox whose home this directory would be; nothing if no mailbox can have this name.
 std::optional<TSMailUserId> mailbox_named(const string& home) {
     try {
         TSMailUserId id = mailbox_of(home.substr(home.rfind('/') + 1));
@@ -62,7 +62,7 @@ void add_mailboxes_of(const Place& domain, Mailboxes& mailboxes) {
     }
 }
 
-// Domains are directories, or links to such; other files beside them mean nothing here.
+// Domains are directories or links to directories; other files beside them are skipped.
 void add_domain(const Place& homes, const string& name, Mailboxes& mailboxes) {
     try {
         add_mailboxes_of(step(homes, name), mailboxes);
@@ -73,7 +73,7 @@ void add_domain(const Place& homes, const string& name, Mailboxes& mailboxes) {
     }
 }
 
-// Where homes are; nothing while there was never a mailbox.
+// The directory of all homes; nothing if no mailbox was ever made.
 std::optional<Place> homes_directory() {
     try {
         return place_at(TSMailUserId::MAIL_PATH_PREFIX);

@@ -16,7 +16,7 @@
 #include "tools/spool/job.h"
 #include "tools/spool/mailbox_job.h"
 
-// A support library may lack it.
+// The installed support library may lack this function.
 #pragma weak cfg_get_mail_user
 
 namespace Tessaly::tool {
@@ -26,7 +26,7 @@ namespace {
 using std::string;
 
 constexpr mode_t kHomeMode = 0700;
-// A directory that holds other users' homes must let them through.
+// A directory that holds other users' homes must let these users pass.
 constexpr mode_t kSharedMode = 0777, kPassable = 0711;
 
 template <class Id>
@@ -56,8 +56,8 @@ const struct passwd* user_named(const string& name) {
 
 // ---- in a worker
 
-// Makes a directory in `parent` unless it is there. A change of the mode afterwards would take away
-// the set-group-id bit that it may have got.
+// Makes a directory in `parent` unless it exists. The umask sets the mode, because a chmod would
+// clear a set-group-id bit that the directory has inherited.
 void make_directory(int parent, const string& name, const string& path, mode_t mode) {
     const mode_t mask = ::umask(0);
     const bool made = ::mkdirat(parent, name.c_str(), mode) == 0;
@@ -66,7 +66,7 @@ void make_directory(int parent, const string& name, const string& path, mode_t m
     if (!made && error != EEXIST) throw system_failure(printable(path), error);
 }
 
-// Gives what is there another name; a home that is there meanwhile is as good.
+// Renames the directory to its final name. A home that another process made meanwhile is as good.
 void put_in_place(int directory, const string& hidden, const string& name, const string& path) {
     bool moved = base::rename_new(directory, hidden.c_str(), directory, name.c_str());
     if (!moved && (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
@@ -78,7 +78,7 @@ void put_in_place(int directory, const string& hidden, const string& name, const
     if (!moved) throw system_failure(printable(path));
 }
 
-// Writes the new entry to the disk. A directory that may not be read is left to its owner.
+// Flushes the new entry to the disk. Skips a directory that this process may not read.
 void flush(int directory, const string& path) {
     const Fd fd(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd && ::fsync(fd.get()) != 0 && errno != EINVAL) throw system_failure(printable(path));
@@ -86,7 +86,7 @@ void flush(int directory, const string& path) {
 
 // ---- in the parent
 
-// Makes the home, step by step, each as the owner of the directory in which it works.
+// Makes the home step by step. Each step runs as the owner of the directory that it changes.
 class HomeMaker {
   public:
     HomeMaker(Session& session, const TSMailUserId& id, const std::optional<Owner>& wanted)
@@ -111,8 +111,7 @@ class HomeMaker {
         return name == nullptr ? Owner{} : owner_named(name);
     }
 
-    // The directory at a path below the spool; it and those above it are made where they are
-    // missing.
+    // The directory at a path below the spool. Makes it and the directories above it where missing.
     Place shared_directory(const string& path) {
         try {
             return place_at(path);
@@ -135,7 +134,8 @@ class HomeMaker {
         });
     }
 
-    // Under a hidden name until it belongs to its owner, so that a home never is the wrong one's.
+    // Uses a hidden name until the directory belongs to its owner, so that a home never has a wrong
+    // owner.
     void make_and_give(const Place& domain, const Owner& maker, const Owner& owner) {
         const string hidden = '.' + id_.tilde_name() + '.' + std::to_string(::getpid());
         make_in(domain, hidden, kHomeMode);
@@ -151,7 +151,8 @@ class HomeMaker {
         }
     }
 
-    // The maker may have put another directory there: of what is not his nothing is given away.
+    // The maker may have put another directory there, so this gives away only a directory that
+    // belongs to the maker.
     static void give(const Place& domain, const string& name, const Owner& maker,
                      const Owner& owner) {
         const string path = domain.path + '/' + name;
@@ -165,7 +166,7 @@ class HomeMaker {
         }
     }
 
-    // In a worker that is the owner of the directory, and gets it open.
+    // Runs the work in a worker that has the rights of the directory's owner and gets it open.
     void run_in(const Place& directory, const std::function<void(int)>& work) {
         std::optional<Failure> failed;
         Job job;
@@ -197,7 +198,7 @@ class HomeMaker {
     const std::optional<Owner>& wanted_;
 };
 
-// A caller who is not root makes what he makes for himself.
+// A caller who is not root can make a home only for himself.
 std::optional<Owner> as_asked(const std::optional<Owner>& wanted, const string& home) {
     if (!wanted || ::geteuid() == 0) return wanted;
     if (wanted->user == ::geteuid()) return std::nullopt;
@@ -228,7 +229,7 @@ Owner owner_named(const string& text) {
         throw unknown("user", name);
     }
     if (colon != string::npos) owner.group = group_named(text.substr(colon + 1));
-    if (owner.user == 0) owner = {};  // as he is
+    if (owner.user == 0) owner = {};  // root need not change
     return owner;
 }
 
@@ -248,7 +249,7 @@ Owner owner_of_made_mailbox(Session& session, const TSMailUserId& id,
     if (!found) {
         HomeMaker(session, id, asked).make();
         found = owner();
-        if (found && asked && found->user == asked->user) return *asked;  // with his group
+        if (found && asked && found->user == asked->user) return *asked;  // with the wanted group
     }
     if (!found) throw system_failure(printable(id.homepath()), ENOENT);
     demand_owner(*found, asked, id.homepath());

@@ -34,7 +34,7 @@ gid_t group_for(uid_t user, gid_t group_of_directory) {
                       "); give the mailbox to a user, or take the others' rights away");
 }
 
-// A message's place; its entries are not looked at.
+// Whether the directory holds messages: the search skips its entries.
 bool holds_messages(const char* name) {
     for (const char* part : {"cur", "new", "tmp"}) {
         if (std::strcmp(name, part) == 0) return true;
@@ -42,8 +42,8 @@ bool holds_messages(const char* name) {
     return false;
 }
 
-// Looks through root's mailbox, a directory at a time. Nobody but root can change what is found
-// good, so that it stays as it was seen.
+// Searches root's mailbox, one directory at a time. Only root can change a directory that passed,
+// so the result stays true.
 class RootsOwn {
   public:
     explicit RootsOwn(const Place& home) : home_(home) {}
@@ -62,7 +62,7 @@ class RootsOwn {
             return ::openat(home_.fd.get(), directory.c_str(),
                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         }));
-        if (!fd && errno == ENOENT) return;  // root, and nobody else, took it away meanwhile
+        if (!fd && errno == ENOENT) return;  // only root can have removed it meanwhile
         if (!fd) throw system_failure(shown(directory));
         base::DirReader reader(fd.get());
         while (const dirent64* entry = reader.next_real()) look_at(fd.get(), directory, *entry);
@@ -115,7 +115,7 @@ Owner owner_of_mailbox(const Place& home) {
     return owner;
 }
 
-// The user last: without root's rights the groups could not be set any more.
+// Sets the user last: without root's rights it could no longer set the groups.
 void become(const Owner& owner) {
     if (::prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0) throw system_failure("no_new_privs");
     if (!owner.change) return;

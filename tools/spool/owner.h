@@ -1,4 +1,4 @@
-// Whose rights a piece of work gets.
+// The user and group whose rights a piece of work gets.
 #ifndef TSMAIL_TOOLS_SPOOL_OWNER_H
 #define TSMAIL_TOOLS_SPOOL_OWNER_H
 
@@ -8,7 +8,7 @@
 
 namespace Tessaly::tool {
 
-// Whose rights a worker takes. A caller who is not root works with the rights that he has.
+// The user and group that a worker becomes. A caller who is not root keeps his own rights.
 struct Owner {
     bool change = false;  // whether the worker becomes this user
     uid_t user = 0;
@@ -16,21 +16,21 @@ struct Owner {
     bool operator==(const Owner&) const = default;
 };
 
-// The owner of a home or of a directory of lists. The user is the directory's. The group is the
-// one that the system's user database names for him; for a user whom it does not know it is the
-// directory's group, and "nogroup" where that is root's.
+// The owner of a home or of a directory of lists. The user is the directory's owner. The group is
+// the user's group in the system's user database; for a user who is not in it, the directory's
+// group, or "nogroup" if that is root's group.
 //
-// Root works as root only where nobody else can change anything: a Failure with kExitCannotCreate
-// if the directory is root's, but somebody else can write to it or to a directory above it.
+// Root works as root only where no other user can change anything: a Failure with kExitCannotCreate
+// if the directory is root's, but another user can write to it or to a directory above it.
 Owner owner_of(const Place& directory);
 
-// The same for a mailbox. Root's own mailbox is looked through before: if a directory below the
-// home belongs to somebody else or others can write to it, or a symbolic link in one of them is
-// not root's, a Failure with kExitCannotCreate names it. (Messages are not looked at.)
+// The same for a mailbox. Root's own mailbox is searched first: a Failure with kExitCannotCreate
+// names a directory below the home that another user owns or can write to, or a symbolic link that
+// is not root's. (Messages are not looked at.)
 Owner owner_of_mailbox(const Place& home);
 
-// Becomes the owner for good: groups, group, user, in this order, and no program that this process
-// starts can gain rights. A Failure if the system refuses.
+// Becomes the owner irrevocably: sets groups, group and user in this order. Programs that this
+// process starts cannot gain rights. A Failure if the system refuses.
 void become(const Owner& owner);
 
 }  // namespace Tessaly::tool

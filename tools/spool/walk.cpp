@@ -47,7 +47,7 @@ string target_of(int link, const string& path) {
     return {target, static_cast<std::size_t>(n)};
 }
 
-// Opens what stands at the name itself, a link too.
+// Opens the entry itself, even if it is a link.
 Fd open_itself(int dir, const char* name, const string& path) {
     Fd fd(retry([&] { return ::openat(dir, name, O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
     if (fd) return fd;
@@ -78,7 +78,7 @@ Place copy_of(const Place& place) {
             place.only_root_writes};
 }
 
-// Goes down through the names; what is reached keeps the path that was asked for.
+// Goes down through the names and follows trusted links.
 Place go(Place at, Names names) {
     for (int links = 0; !names.empty();) {
         const string name = std::move(names.front());
@@ -91,7 +91,7 @@ Place go(Place at, Names names) {
             if (++links > kMostLinks) throw system_failure(printable(path), ELOOP);
             const string target = target_of(fd.get(), path);
             put_in_front(names, target);
-            // Whoever can change the link decides what stands at the path.
+            // A user who can change the link decides where the path leads.
             const bool roots = at.only_root_writes && st.st_uid == 0;
             if (target.starts_with('/')) at = slash();
             at.only_root_writes = at.only_root_writes && roots;

@@ -21,7 +21,7 @@ namespace Tessaly::tool {
 
 namespace {
 
-constexpr int kSocket = 3;  // the worker's end; behind the standard streams
+constexpr int kSocket = 3;  // the worker's end, after the standard streams
 constexpr rlim_t kMemory = rlim_t{4} << 30;
 constexpr rlim_t kOpenFiles = 65536;
 constexpr rlim_t kFileSize = rlim_t{64} << 30;  // no message is longer
@@ -63,7 +63,7 @@ bool send_task(int socket, std::size_t task, int input) {
     return retry([&] { return ::sendmsg(socket, &message, MSG_NOSIGNAL); }) == sizeof task;
 }
 
-// Nothing when the parent has closed its end.
+// Nothing if the parent has closed its end.
 std::optional<Given> receive_task() {
     Given given = {0, Fd()};
     iovec part = {&given.task, sizeof given.task};
@@ -96,20 +96,21 @@ void limit(int resource, rlim_t most) {
 
 void set_limits() {
     if (kLimitMemory) limit(RLIMIT_AS, kMemory);
-    limit(RLIMIT_NOFILE, kOpenFiles);  // the folders that are locked are open
+    limit(RLIMIT_NOFILE, kOpenFiles);  // each locked folder is an open file
     limit(RLIMIT_FSIZE, kFileSize);
-    limit(RLIMIT_CORE, 0);  // a dump would lie about with somebody's mail in it
+    limit(RLIMIT_CORE, 0);  // a core dump could hold a user's mail
 }
 
-// Keeps the standard streams and the socket: a worker has no use for what its parent has open, and
-// no right to it.
+// Keeps only the standard streams and the socket: a worker neither needs its parent's other files
+// nor has a right to them.
 void keep_own_descriptors(int socket) {
     if (socket != kSocket) ::dup2(socket, kSocket);
     ::close_range(kSocket + 1, ~0U, 0);
     ::fcntl(kSocket, F_SETFD, FD_CLOEXEC);
 }
 
-// The parent's end is this process's end. (A change of user forgets the wish, so it comes after.)
+// Makes this process end with its parent. (A change of user clears this setting, so it comes
+// later.)
 void end_with_parent(pid_t parent) {
     ::prctl(PR_SET_PDEATHSIG, SIGTERM);
     if (::getppid() != parent) ::_exit(kExitTryAgain);
@@ -128,7 +129,7 @@ int do_task(const Job& job, const Given& given, Report& report) {
     return kExitOk;
 }
 
-// noexcept: what cannot even be reported ends the process.
+// noexcept: an exception while reporting ends the process.
 void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept {
     Report report(kSocket);
     while (const auto given = receive_task()) {
@@ -147,7 +148,7 @@ void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept {
         refused = failure;
     }
     end_with_parent(parent);
-    // The directory that the program was started in may be closed to the owner.
+    // The owner may have no access to the directory in which the program was started.
     if (::chdir("/") != 0) refused = system_failure("/");
     do_tasks(job, refused);
     ::_exit(kExitOk);
@@ -207,13 +208,13 @@ void Worker::stop(const std::function<bool(Message)>& take) {
             while (auto message = incoming.next()) goes_on = take(std::move(*message)) && goes_on;
         }
     } catch (const std::exception&) {
-        return;  // what it says cannot be understood: it is ended like a silent one
+        return;  // its messages are invalid: it is ended like a silent worker
     }
 }
 
 int Worker::end(bool kill) {
     ::shutdown(socket_.get(),
-               SHUT_RDWR);  // ends the worker, even if somebody else has the socket, too
+               SHUT_RDWR);  // ends the worker, even if another process also has the socket
     socket_.reset();
     if (kill) signal(SIGKILL);
     int status = 0;

@@ -18,28 +18,28 @@ class Worker {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // Starts the process. A Failure if there is none to be had.
+    // Starts the process. A Failure if that is not possible.
     Worker(const Job& job, const Owner& owner);
     Worker(Worker&&) = default;
     Worker& operator=(Worker&&) = delete;
-    // Ends it; in the middle of a task as stop() does.
+    // Ends the process; in the middle of a task it calls stop() first.
     ~Worker();
 
-    // Hands it a task, with the descriptor that the task reads if it is not -1. False if the worker
-    // is gone.
+    // Hands the worker a task, and the descriptor that the task reads unless `input` is -1. False
+    // if the worker has ended.
     bool give(std::size_t task, int input);
 
     const Owner& owner() const { return owner_; }
     int socket() const { return socket_.get(); }
     const std::deque<std::size_t>& tasks() const { return tasks_; }
-    // What it sends; the task is the first one of tasks().
+    // The messages from the worker, which belong to the first task of tasks().
     Incoming incoming;
 
-    // The first task is over.
+    // Notes that the first task is over.
     void finish_task();
-    // The first task's time begins anew.
+    // Restarts the first task's time.
     void begin_anew() { began_ = Clock::now(); }
-    // The first task cannot fail any more.
+    // Notes that the first task can no longer fail.
     void pass() {
         passed_ = true;
         began_ = Clock::now();
@@ -49,12 +49,12 @@ class Worker {
     Clock::time_point began() const { return began_; }
 
     void signal(int number) const;
-    // Asks it to give its task up, and hands what it still says to `take`, until that returns false
-    // or the worker ends or has had its time.
+    // Asks the worker to give up its task and hands its last messages to `take`, until that returns
+    // false, the worker ends, or its time is over.
     void stop(const std::function<bool(Message)>& take);
-    // Waits up to some milliseconds until it says something. False if it did not.
+    // Waits up to `time` for a message. False if none came.
     bool speaks_within(std::chrono::milliseconds time) const;
-    // Ends it, or waits for its end. Returns its status as waitpid has it.
+    // Ends the worker (killing it if `kill`) and returns its status as waitpid() gives it.
     int end(bool kill);
 
   private:
