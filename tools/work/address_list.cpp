@@ -21,7 +21,7 @@ namespace {
 
 using std::string;
 
-constexpr std::size_t kLineBuffer = 256;  // the library reads lines with its NUL in so many bytes
+constexpr std::size_t kLineBuffer = 256;  // the library's buffer for a line, NUL included
 constexpr std::size_t kLongestEntry = kLineBuffer - 2;
 
 string path_of(const string& user, const string& list, unsigned scope) {
@@ -32,7 +32,7 @@ string path_of(const string& user, const string& list, unsigned scope) {
     return path;
 }
 
-// Without the line ends at its end.
+// The line without its line end.
 string stripped(const char* line) {
     string text(line);
     while (text.ends_with('\n')) {
@@ -42,7 +42,7 @@ string stripped(const char* line) {
     return text;
 }
 
-// The library says only that it failed. A directory that is missing must be made by somebody.
+// The library tells only that it failed. An administrator must make a missing directory.
 Failure list_failure(const string& path, int error) {
     if (error != ENOENT) return system_failure(printable(path), error);
     return {kExitCannotCreate, printable(path) + ": there is no such directory"};
@@ -110,7 +110,7 @@ AddressList::Added AddressList::add(const string& entry) const {
     const int answer = mail_list_add_to(user_.c_str(), list_.c_str(), entry.c_str(), scope_);
     if (answer == kFull) return Added::full;
     if (answer != 0) throw list_failure(path_, errno);
-    // Success is also the answer to a failed write.
+    // The library reports success even if the write failed.
     if (!contains(entry)) throw Failure(kExitTryAgain, printable(path_) + " could not be written");
     return Added::added;
 }
@@ -147,8 +147,8 @@ void AddressList::demand() const {
     if (!exists()) throw Failure(kExitNoInput, "there is no list " + printable(path_));
 }
 
-// A new entry would become part of a last line without an end. Any rewrite ends it: this one takes
-// out an entry that is not there.
+// A new entry would become part of an unterminated last line. Any rewrite terminates it: this one
+// removes an entry that is not in the list.
 void AddressList::end_last_line(const string& entry) const {
     if (!last_line_is_open(path_)) return;
     errno = 0;
@@ -157,7 +157,7 @@ void AddressList::end_last_line(const string& entry) const {
     });
 }
 
-// A rewrite puts a new file in the list's place, which only its owner can read.
+// A rewrite replaces the list by a new file that only its owner can read; this restores the mode.
 void AddressList::keeping_mode(const std::function<void()>& rewrite) const {
     struct stat before, after;
     const bool known = ::lstat(path_.c_str(), &before) == 0 && S_ISREG(before.st_mode);

@@ -9,36 +9,38 @@
 
 namespace Tessaly::tool {
 
-// How many lines a list may have for another one to be added.
+// An entry can be added only to a list of at most this many lines.
 constexpr int kListLines = 2048;
 
-// A reason against an entry, or nullptr: what would not be one line of the list, or cannot be seen.
+// The reason why an entry is refused, or nullptr. Refused are texts that would not be one line of
+// the list, and control characters.
 const char* against_entry(std::string_view entry);
 
 class AddressList {
   public:
-    // `scope` is one of enum mail_list_scope. The names were checked.
+    // `scope` is one of enum mail_list_scope. The caller has checked the names.
     AddressList(std::string user, std::string list, unsigned scope);
 
     const std::string& path() const { return path_; }
-    // A Failure if that cannot be told.
+    // A Failure if that cannot be determined.
     bool exists() const;
 
-    // All lines, numbered from 1 by their place, as the library counts them: empty ones too, and
-    // the pieces of overlong ones. A Failure with code kExitNoInput if there is no such list.
+    // All lines as the library counts them, from 1: empty lines count, and so does each piece of an
+    // overlong line. A Failure with code kExitNoInput if there is no such list.
     std::vector<std::string> lines() const;
-    // The entries in the order of the alphabet.
+    // The entries in alphabetical order.
     std::vector<std::string> sorted() const;
 
     bool contains(const std::string& entry) const;
     bool matches(const std::string& address) const;
 
     enum class Added { added, present, full };
-    // Adds an entry, if no line equals it. A Failure if it cannot be written.
+    // Adds an entry unless a line equals it. A Failure if it cannot be written.
     Added add(const std::string& entry) const;
-    // Removes every line that equals the entry. Whether there was one. The file keeps its mode.
+    // Removes every line that equals the entry. Returns whether there was one. The file keeps its
+    // mode.
     bool remove(const std::string& entry) const;
-    // Replaces a line, which must be there. The file keeps its mode.
+    // Replaces an existing line. The file keeps its mode.
     void replace(unsigned line, std::string entry) const;
 
   private:

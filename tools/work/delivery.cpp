@@ -74,7 +74,7 @@ class Delivery::Draft {
             throw system_failure("writing below tmp");
         }
     }
-    // What was written, to read it again.
+    // The written message, to read it again.
     Input written() const {
         if (::lseek(file_.fd(), 0, SEEK_SET) != 0) throw system_failure("reading below tmp");
         return {Fd(), file_.fd(), "the message below tmp"};
@@ -90,7 +90,7 @@ bool Delivery::find_place(Place& place) const {
     const string path = id_.mailfolder(folder_);
     place.folder.reset(retry([&] { return ::open(path.c_str(), kDirectory); }));
     const int folder = place.folder.get();
-    // Without all three it is no folder, and nobody would find the message.
+    // A folder needs all three directories; otherwise mail readers would not find the message.
     for (const char* part : {"cur", "new"}) {
         if (folder < 0 || ::faccessat(folder, part, F_OK, 0) != 0) return false;
     }
@@ -99,21 +99,21 @@ bool Delivery::find_place(Place& place) const {
 }
 
 Delivery::Place Delivery::open_place() {
-    constexpr int kAttempts = 10;  // what was just made may be taken away again
+    constexpr int kAttempts = 10;  // another process may remove what was just made
     Place place;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (find_place(place)) return place;
         if (errno != ENOENT) break;
         demand_mailbox(id_);
         if (!may_make_) folder_ = system_folders().front();
-        maker_.make_folder(id_, folder_);  // or finds that somebody else just did
+        maker_.make_folder(id_, folder_);  // or finds that another process just did
         errno = ENOENT;
     }
     throw system_failure(printable(id_.mailfolder(folder_)));
 }
 
-// False if the folder is not the one that was opened any more. One that was removed meanwhile has
-// another name now; nobody would find the message there.
+// False if the path no longer leads to the folder that was opened. A folder that was removed
+// meanwhile has another name, so mail readers would not find the message there.
 bool Delivery::lock_place(const Place& place, const SignalHold& signals, FolderLock& lock) const {
     const auto pause = [&](int milliseconds) { signals.wait_milliseconds(milliseconds); };
     if (lock.lock(id_, folder_, LockKind::shared, pause)) {
@@ -148,8 +148,7 @@ void Delivery::appear(Draft& draft, const FolderLock& lock, Report& report) cons
     settle(fresh.get(), path, draft.size(), report);
 }
 
-// The message is shown before it is counted, as a record may be locked for longer than anybody
-// waits.
+// Reports the message before it is counted, as a record may stay locked for a very long time.
 void Delivery::settle(int fresh, const string& path, unsigned long long size,
                       Report& report) const {
     const bool flushed = retry([&] { return ::fsync(fresh); }) == 0;

@@ -17,29 +17,29 @@
 
 namespace Tessaly::tool {
 
-// The folder that mail for the address goes to: `option` if given, else the tag, else Inbox. A tag
-// comes from strangers, so one that is no folder name counts as none. If no folder is to be made, a
-// missing one gives Inbox.
+// The folder that mail for the address goes to: `option` if given, else the tag, else Inbox.
+// Strangers choose the tag, so a tag that is not a folder name is ignored. If no folder may be
+// made, Inbox replaces a missing one.
 std::string choose_folder(const TSMailUserId& id, const std::optional<std::string>& option,
                           bool may_make);
 
 // A folder to deliver into.
 class Delivery {
   public:
-    // If no folder is to be made, Inbox takes the place of one that is missing.
+    // If no folder may be made, Inbox replaces a missing one.
     Delivery(const TSMailUserId& id, std::string folder, const FolderMaker& maker, bool may_make)
         : id_(id), folder_(std::move(folder)), maker_(maker), may_make_(may_make) {}
 
-    // Delivers what can be read from the input, in this order: open the folder, make what is
-    // missing, write below tmp, flush to the disk, appear in new under a name that did not exist,
-    // flush the directory, count in the records of folder and mailbox. The folder's shared lock is
-    // held from before the message appears until it is counted: whoever counts messages under an
-    // exclusive one counts it once. If the folder was taken away before it could be locked, the
-    // message is written again into the one that is there then, or is made.
+    // Delivers the input in this order: open the folder, make what is missing, write below tmp,
+    // flush to the disk, appear in new under a fresh name, flush the directory, count in the
+    // records of folder and mailbox. It holds the folder's shared lock from before the message
+    // appears until it is counted, so a recount under the exclusive lock counts the message once.
+    // If the folder was removed before it could be locked, the message is written again into the
+    // folder that exists then or is made.
     //
-    // A Failure means that nothing is left behind and nothing counted. Once the message stands in
-    // new it is delivered: that is reported at once, the message as {"path", "folder", "size"} when
-    // it is flushed, and what fails from then on as warnings. If a record could not be written the
+    // A Failure means that nothing is left behind and nothing was counted. Once the message is in
+    // new, it is delivered. That is reported at once, and the message as {"path", "folder", "size"}
+    // when it is flushed; later errors are only warnings. If a record could not be written, the
     // mailbox is marked for a recount.
     void deliver(const Input& input, const std::string& queue_id, const SignalHold& signals,
                  Report& report);

@@ -34,8 +34,7 @@ bool is_complete(const string& folder) {
     return exists(folder + "/cur") && exists(folder + "/new") && exists(folder + "/tmp");
 }
 
-// Writes a directory's entries to the disk. Directories that may not be opened are left to their
-// owner.
+// Flushes a directory's entries to the disk. Skips a directory that this process may not open.
 void sync_directory(const string& path) {
     const Fd fd(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (fd && ::fsync(fd.get()) != 0 && errno != EINVAL) throw system_failure(printable(path));
@@ -43,13 +42,13 @@ void sync_directory(const string& path) {
 
 string parent_of(const string& path) { return path.substr(0, path.rfind('/')); }
 
-// The directory, and those above it up to the spool, which may be as new as it is.
+// Flushes the directory and those above it up to the spool, as these may be new as well.
 void sync_upwards(string path) {
     constexpr std::string_view kSpool = "/var/spool";
     for (; path.size() >= kSpool.size(); path = parent_of(path)) sync_directory(path);
 }
 
-// One folder; its parent exists or is made.
+// Makes one folder, and its parent if that is missing.
 void make_level(const string& folder) {
     if (tsl_mkdir_maildir(folder.c_str()) == 0) return;
     throw system_failure("making the folder " + printable(folder));

@@ -1,4 +1,4 @@
-// Mailboxes and folders: whether they are there, and making them.
+// Mailboxes and folders: tests whether they exist, and makes them.
 #ifndef TSMAIL_TOOLS_WORK_FOLDER_H
 #define TSMAIL_TOOLS_WORK_FOLDER_H
 
@@ -12,12 +12,13 @@
 
 namespace Tessaly::tool {
 
-// Whether the mailbox was ever created: its maildir root exists. A Failure if that cannot be told.
+// Whether the mailbox exists, that is, has its maildir root. A Failure if that cannot be
+// determined.
 bool mailbox_exists(const TSMailUserId& id);
-// The same as a demand: a Failure with code kExitNoUser if not.
+// Demands that the mailbox exists: a Failure with code kExitNoUser if it does not.
 void demand_mailbox(const TSMailUserId& id);
 
-// The path of a mail folder that is there; a Failure with code kExitNoInput if there is none.
+// The path of an existing mail folder; a Failure with code kExitNoInput if it does not exist.
 std::string existing_folder(const TSMailUserId& id, const std::string& name);
 
 // Makes folders under the file mode mask of the program's caller.
@@ -25,14 +26,14 @@ class FolderMaker {
   public:
     explicit FolderMaker(mode_t callers_umask) : umask_(callers_umask) {}
 
-    // Makes the mail and preference roots in a home that is there, where missing. Whether anything
-    // was.
+    // Makes the missing ones of the mail and preference roots in an existing home. Returns whether
+    // any was missing.
     bool make_roots(const TSMailUserId& id) const;
-    // Makes a folder where it or a part of it is missing, and every folder above it: only a folder
-    // within folders is found again. Whether anything was missing. What was made is on the disk
-    // when it returns.
+    // Makes what is missing of a folder and of every folder above it, as walks find a folder only
+    // within folders. Returns whether anything was missing. The new entries are on the disk when it
+    // returns.
     bool make_folder(const TSMailUserId& id, const std::string& name) const;
-    // The roots and the system folders.
+    // Makes the roots and the system folders.
     void make_mailbox(const TSMailUserId& id) const;
 
   private:

@@ -22,7 +22,7 @@ using std::string_view;
 constexpr unsigned kParts = std::size(names::kSubDirs);
 constexpr int kToRead = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 
-// What of a folder is there.
+// The parts of a folder that were found.
 struct Seen {
     bool marker = false, record = false;
     unsigned parts = 0;  // a bit for each of cur, new and tmp

@@ -1,5 +1,5 @@
-// Listing a mailbox's folders so that nothing is left out unsaid. (The library's walk passes over
-// what it cannot read, which is right for who shows folders; who sums them up has to know.)
+// Lists a mailbox's folders and reports every directory that it cannot read. (The library's walk
+// skips these silently, which is right for showing folders, but not for summing up their sizes.)
 #ifndef TSMAIL_TOOLS_WORK_FOLDER_LIST_H
 #define TSMAIL_TOOLS_WORK_FOLDER_LIST_H
 
@@ -12,17 +12,17 @@
 
 namespace Tessaly::tool {
 
-// What an open directory looks like from within.
+// The contents of an open directory.
 struct Listing {
-    bool has_record = false;         // of its size
+    bool has_record = false;         // a size record
     bool is_folder = false;          // it holds ".maildirfolder", or all of cur, new and tmp
-    std::vector<std::string> below;  // directories that may be folders, in byte order; not those
+    std::vector<std::string> below;  // possible folders in byte order, without those
                                      // that are scheduled for deletion
-    int error = 0;                   // why it could not be read to its end
+    int error = 0;                   // errno if it could not be read to its end
 };
 Listing list_directory(int fd);
 
-// Hands out the directories of a mailbox that may be folders, one above those below it.
+// Hands out the directories of a mailbox that may be folders, each before those below it.
 class FolderQueue {
   public:
     explicit FolderQueue(const Listing& root) { add_below("", root); }
@@ -32,10 +32,11 @@ class FolderQueue {
     std::string take();
 
   private:
-    std::vector<std::string> names_;  // the next one at the end
+    std::vector<std::string> names_;  // the next name is at the end
 };
 
-// Whether an errno of open says that there is no directory, and not that it could not be looked at.
+// Whether an errno of open() means that there is no directory, not that the directory is
+// unreadable.
 bool is_no_directory(int error);
 
 struct FolderList {
@@ -43,7 +44,7 @@ struct FolderList {
         std::string path;
         int error;
     };
-    std::vector<std::string> names;  // a folder before those below it; one that has several names
+    std::vector<std::string> names;  // a folder before those below it; a folder with several names
                                      // (by links) once
     std::vector<Unread> unread;
 };

@@ -22,15 +22,15 @@ using std::string;
 
 constexpr int kShortestPause = 1, kLongestPause = 20;  // milliseconds
 constexpr int kToRead = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-// Readable and writable: what becomes a lock of bytes on a server wants both.
+// Readable and writable: a server may turn the lock into a byte-range lock, which needs both.
 constexpr int kToLock = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
 constexpr mode_t kSharedMode = 0666;
 
 constexpr char kLockFile[] = ".ts_folder_lock";
 constexpr char kGateFile[] = ".ts_folder_gate";
 
-// File systems that other machines may have, too. On most of them a lock on a directory keeps out
-// nobody on another machine, while one on a file does.
+// File systems that other machines may share. On most of them a lock on a directory has no effect
+// on other machines, while a lock on a file has.
 constexpr std::uint32_t kNetworked[] = {
     0x65735546,  // FUSE
     0x00006969,  // NFS
@@ -53,31 +53,31 @@ bool is_networked(int fd) {
     return std::find(std::begin(kNetworked), std::end(kNetworked), type) != std::end(kNetworked);
 }
 
-// False if another has it.
+// False if another process holds the lock.
 bool try_flock(int fd, int operation) {
     if (retry([&] { return ::flock(fd, operation | LOCK_NB); }) == 0) return true;
     if (errno != EWOULDBLOCK) throw system_failure("locking a folder");
     return false;
 }
 
-// A file of the folder to take a lock on. Nothing if the folder has been removed.
+// Opens a lock file in the folder. Returns nothing if the folder has been removed.
 Fd open_lock_file(int folder, const char* name) {
     Fd fd(retry([&] { return ::openat(folder, name, kToLock, kSharedMode); }));
     if (!fd && errno != ENOENT && errno != ESTALE) throw system_failure("locking a folder");
     return fd;
 }
 
-// Shared locks that follow on each other would keep out the one who waits for the exclusive lock
-// for ever, so there is a gate in front: a lock on the folder's tmp, or on a file. It is held
-// exclusively while the exclusive lock is waited for, and shared for the moment in which a shared
-// one is tried.
+// A series of overlapping shared locks could keep a process waiting for the exclusive lock for
+// ever. The gate prevents that: it is a second lock, on the folder's tmp or on a file. A process
+// holds it exclusively while it waits for the exclusive lock, and shared while it tries for a
+// shared lock.
 class Gate {
   public:
     Gate(int folder, bool networked)
         : fd_(networked ? open_lock_file(folder, kGateFile)
                         : Fd(retry([&] { return ::openat(folder, "tmp", kToRead); }))) {}
 
-    // A folder without tmp has no gate, and no deliveries.
+    // A folder without tmp needs no gate, as it gets no deliveries.
     bool pass() { return !fd_ || try_flock(fd_.get(), LOCK_SH); }
     bool close() { return closed_ = closed_ || !fd_ || try_flock(fd_.get(), LOCK_EX); }
     void leave() {
@@ -98,9 +98,9 @@ bool try_shared(int lock, Gate& gate) {
 
 bool try_exclusive(int lock, Gate& gate) { return gate.close() && try_flock(lock, LOCK_EX); }
 
-// `lock`: the folder itself or its file.
+// `lock` is the folder's own descriptor or that of its lock file.
 void acquire(int folder, int lock, LockKind kind, const Pause& pause) {
-    // Nobody needs the gate for a folder that is free.
+    // A free folder needs no gate.
     if (kind == LockKind::exclusive && try_flock(lock, LOCK_EX)) return;
     Gate gate(folder, lock != folder);
     const auto attempt = kind == LockKind::shared ? try_shared : try_exclusive;
@@ -133,12 +133,12 @@ void sleep_milliseconds(int milliseconds) {
 }
 
 bool FolderLock::lies_on_network(const Level& level) const {
-    // Folders of one mailbox are asked once, unless it is spread over file systems.
+    // Asks once for all folders of a mailbox on the same device.
     const bool known = !levels_.empty() && levels_.back().identity.device == level.identity.device;
     return known ? static_cast<bool>(levels_.back().lock) : is_networked(level.fd.get());
 }
 
-// Whether the lock that was waited for is that of the folder at the path.
+// Locks the level. False if the path leads to another folder by now.
 bool FolderLock::acquire_level(const string& path, Level& level, LockKind kind,
                                const Pause& pause) const {
     if (lies_on_network(level)) {

@@ -13,7 +13,7 @@
 
 namespace Tessaly::tool {
 
-// Which directory or file it is, by whatever path. Of nothing: {0, 0}.
+// Identifies a directory or file independently of its path. {0, 0} if there is none.
 struct Identity {
     dev_t device = 0;
     ino_t inode = 0;
@@ -21,31 +21,31 @@ struct Identity {
 };
 Identity identity_of(int fd);
 
-// Waits some milliseconds before a lock is tried again; throws to give up.
+// Waits some milliseconds before the next attempt to lock; throws to give up.
 using Pause = std::function<void(int milliseconds)>;
 void sleep_milliseconds(int milliseconds);
 
-// shared: somebody puts a message into the folder, or takes one out, and corrects the size records.
-// exclusive: somebody counts what is in it, or takes all of it away.
+// shared: to add a message to the folder, or remove one, and correct the size records. exclusive:
+// to count the folder's messages, or remove the folder.
 enum class LockKind { shared, exclusive };
 
-// A flock on the folder's directory, and shared ones on the directories of the folders above it: so
-// whoever holds a folder's exclusive lock knows that nothing of this program goes on in it and
-// below it. All lock from the top down and, if several folders, in the order of the walk over them
-// (a folder before those below it), which leaves no way for two to wait for each other.
+// A flock on the folder's directory, and shared locks on the directories of the folders above it.
+// While a process holds a folder's exclusive lock, no other tsmail process works in the folder or
+// below it. Every process locks from the top down and locks several folders in the order of the
+// walk over them (a folder before those below it), which prevents deadlocks.
 //
-// On a file system that several machines may have, a file in the folder takes the directory's
-// place: a lock on a directory does not reach the other machine on most of them.
+// On a file system that several machines may share, a file in the folder is locked instead of the
+// directory: on most of them, a lock on a directory has no effect on other machines.
 //
-// Locks follow the directory, not its name. What is locked in the end is what stood at its path at
-// a moment when it was locked: a folder that was removed while it was waited for is passed over.
+// A lock follows the directory, not its name. After locking, the path is checked: if it leads to
+// another directory, because the folder was removed during the wait, that one is locked instead.
 class FolderLock {
   public:
-    // False with errno, and nothing locked, if there is no such folder or it cannot be opened. A
-    // Failure if it cannot be locked.
+    // Locks the folder. False with errno, and nothing locked, if the folder does not exist or
+    // cannot be opened. A Failure if it cannot be locked.
     bool lock(const TSMailUserId& id, const std::string& folder, LockKind kind,
               const Pause& pause = sleep_milliseconds);
-    // Only the directory at the path, and not if `leave` says so of it (errno is EEXIST then).
+    // Locks only the directory at the path. False with EEXIST if `leave` returns true for it.
     bool lock_alone(const std::string& path, LockKind kind, const Pause& pause,
                     const std::function<bool(const Identity&)>& leave);
     void unlock() { levels_.clear(); }
@@ -57,7 +57,7 @@ class FolderLock {
   private:
     struct Level {
         Fd fd;
-        Fd lock;  // nothing where the directory itself is locked
+        Fd lock;  // empty if the directory itself is locked
         Identity identity;
     };
     using Leave = std::function<bool(const Identity&)>;
@@ -69,7 +69,7 @@ class FolderLock {
     std::vector<Level> levels_;
 };
 
-// The same for a folder that must be there: a Failure if it is not.
+// Locks a folder that must exist: a Failure if it does not.
 FolderLock locked_folder(const TSMailUserId& id, const std::string& folder, LockKind kind);
 
 }  // namespace Tessaly::tool

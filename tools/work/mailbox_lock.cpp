@@ -15,9 +15,9 @@ namespace {
 
 using std::string;
 
-// All locks of a mailbox are taken in one order, so two recounts do not wait for each other; unless
-// somebody else renames folders between them, or links lead from one mailbox to another. Who has
-// waited that long lets go of all and begins again.
+// All processes lock a mailbox's folders in the same order, so two recounts do not deadlock, unless
+// folders are renamed meanwhile or links lead from one mailbox to another. A process that has
+// waited for this long releases all its locks and begins again.
 constexpr int kPatience = 10000;  // milliseconds
 struct WaitedLong {};
 
@@ -44,8 +44,7 @@ Listing list_whole(int fd, const string& path) {
     return listing;
 }
 
-// False if there is no such directory, or it is locked already: a folder may have several names, by
-// links.
+// False if the directory does not exist, or is in `folders` already under another name (by links).
 bool lock_directory(const string& path, const LockedFolders& folders, FolderLock& lock) {
     const auto leave = [&](const Identity& identity) { return is_locked(folders, identity); };
     if (lock.lock_alone(path, LockKind::exclusive, Patience(), leave)) return true;
@@ -78,7 +77,7 @@ LockedFolders lock_folders(const TSMailUserId& id) {
         try {
             return try_to_lock(id);
         } catch (const WaitedLong&) {
-            continue;  // all locks are free again
+            continue;  // all locks are released
         }
     }
 }

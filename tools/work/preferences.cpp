@@ -49,7 +49,7 @@ string text_in(const char* field, const pref_property& property) {
     return {field, ::strnlen(field, property.size)};
 }
 
-// The line that the file gets for a preference.
+// The line that represents a preference in the file.
 string line_of(const user_pref& record, const pref_property& property) {
     char line[kLongestLine + 2] = "";
     convertor<pref_field_to_text>(2 * property.type + 1)(line, kLongestLine + 1, property.name,
@@ -57,7 +57,7 @@ string line_of(const user_pref& record, const pref_property& property) {
     return line;
 }
 
-// What a line becomes when it is read.
+// The preferences that result when the line is read.
 user_pref read_back(string line) {
     user_pref record;
     get_default_user_pref(&record);
@@ -67,7 +67,7 @@ user_pref read_back(string line) {
     return record;
 }
 
-// The largest number that comes back as it is.
+// The largest number that the file returns unchanged.
 long long largest(const pref_property& property, long long of_type) {
     const user_pref record = read_back(fmt::format("{}={}\n", property.name, of_type));
     const char* field = field_of(record, property);
@@ -226,7 +226,7 @@ bool Preferences::take(const pref_property& property, string_view text) {
     return taken && survives(property);
 }
 
-// Asks the library itself: the line as it writes it, read as it reads it.
+// Asks the library itself: writes the line and reads it back.
 bool Preferences::survives(const pref_property& property) const {
     const string line = line_of(record_, property);
     if (!line.ends_with('\n')) return false;
@@ -237,7 +237,7 @@ bool Preferences::survives(const pref_property& property) const {
                                              : std::memcmp(back, field, property.size) == 0;
 }
 
-// A value that the file had all along may be one that the writer cannot write.
+// Checks every value: the file may already have had one that the library can read but not write.
 void Preferences::store(const TSMailUserId& id) const {
     for (const pref_property& property : all_preferences()) {
         if (!survives(property)) refuse(property, text(property));

@@ -1,4 +1,4 @@
-// A user's preferences, driven by the library's own description of them.
+// A user's preferences, driven by the library's description of them.
 #ifndef TSMAIL_TOOLS_WORK_PREFERENCES_H
 #define TSMAIL_TOOLS_WORK_PREFERENCES_H
 
@@ -26,22 +26,21 @@ class Preferences {
   public:
     // The defaults, with the system's time zone.
     Preferences();
-    // What the user's file says, over the defaults. A Failure if there is a file that cannot be
-    // read.
+    // The defaults, overridden by the user's file. A Failure if the file exists but cannot be read.
     static Preferences of(const TSMailUserId& id);
 
-    // A number, true or false, or a text.
+    // The value as a number, true or false, or a text.
     Json value(const pref_property& property) const;
-    // The same as people write it.
+    // The value as people write it.
     std::string text(const pref_property& property) const;
 
-    // Sets a preference. A Failure with code kExitData, which names the key and what is allowed,
-    // for a value that would not come back from the file as it is.
+    // Sets a preference. If the file would not return the value unchanged, a Failure with code
+    // kExitData names the key and the allowed values.
     void set(const pref_property& property, std::string_view text);
     void set(const pref_property& property, const Json& value);
     void reset(const pref_property& property);
 
-    // Writes the user's file. A Failure if that failed.
+    // Writes the user's file. A Failure if that fails.
     void store(const TSMailUserId& id) const;
 
   private:
@@ -51,7 +50,7 @@ class Preferences {
     user_pref record_;
 };
 
-// Keeps other tsmail processes from changing the same preferences between reading and storing them.
+// Prevents other tsmail processes from changing the same preferences while this one changes them.
 class PreferencesLock {
   public:
     // Makes the preference directory if it is missing.

@@ -63,7 +63,7 @@ std::optional<KeptTotals> kept_totals(const TSMailUserId& id) {
     return KeptTotals{bytes, messages};
 }
 
-// Why a file that should have been written was not: the library does not say.
+// Finds out why a file was not written, as the library does not tell.
 Failure not_written(const string& path) {
     const string directory = path.substr(0, path.rfind('/'));
     const bool exists = ::euidaccess(path.c_str(), F_OK) == 0;
@@ -79,7 +79,7 @@ void check_header(std::string_view name, std::string_view text) {
                                  "\" is refused: a line break or other control character in it");
 }
 
-// A recipient that is one word without a meaning in headers is one recipient.
+// Only a word without characters that are special in headers is surely a single recipient.
 void check_recipient(const string& address) {
     if (address.find_first_of(" ,;:<>()[]\\\"") == string::npos) return;
     throw Failure(kExitData, "no notice can be addressed to \"" + printable(address) +
@@ -112,7 +112,8 @@ string read_to_end(int fd, const string& name) {
     }
 }
 
-// The signal that ended the program, told by the system or by the shell in between; 0: none.
+// The signal that ended the program, as the system or the shell in between reports it; 0 if none
+// did.
 int signal_of(int status) {
     if (WIFSIGNALED(status)) return WTERMSIG(status);
     return std::max(WEXITSTATUS(status) - kShellsSignals, 0);
@@ -155,7 +156,7 @@ QuotaState quota_state(const TSMailUserId& id) {
     state.warning = flag_state(id, kWarningFlag);
     state.exceeded = flag_state(id, kExceededFlag);
     state.kept = kept_totals(id);
-    // After the totals: who finds them damaged marks them.
+    // Comes after reading the totals, as that marks the mailbox if they are damaged.
     state.dirty = status_of(dirty_marker(id)).has_value();
     const std::optional<struct stat> stamp = status_of(id.fname(MUF_ALERT_NOTIFICATION));
     if (stamp) state.last_notice = stamp->st_mtim.tv_sec;
@@ -215,8 +216,8 @@ void demand_submission_program() {
 }
 
 void send_notice(const Notice& notice) {
-    // The submission program must not inherit that these are ignored; a caller that ignores its
-    // children would keep the program's answer from us.
+    // The submission program must not inherit ignored signals. An ignored SIGCHLD would also hide
+    // its exit code from this process.
     for (const int signal : {SIGCHLD, SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_DFL);
     const int status =
         tsl_send_quota_msg(notice.from ? notice.from->c_str() : nullptr, notice.to.c_str(),

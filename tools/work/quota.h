@@ -1,4 +1,4 @@
-// What a mailbox keeps about its quota, notices about it, and the share of the archive accounts.
+// A mailbox's quota flags and totals, the notices about its quota, and the archive accounts' share.
 #ifndef TSMAIL_TOOLS_WORK_QUOTA_H
 #define TSMAIL_TOOLS_WORK_QUOTA_H
 
@@ -13,10 +13,10 @@
 
 namespace Tessaly::tool {
 
-// The flags in the order of Word numbers.
+// The quota flags; a Word's number is one of these values.
 enum QuotaFlag : int { kWarningFlag, kExceededFlag };
 
-// A flag is read in two ways: whether it is there, and the number in it (0 if there is none).
+// A flag has two properties: whether it is set, and its number (0 if it has none).
 struct FlagState {
     bool set;
     int value;
@@ -30,22 +30,22 @@ struct KeptTotals {
 struct QuotaState {
     FlagState warning;
     FlagState exceeded;
-    std::optional<KeptTotals> kept;  // none: not to be trusted until somebody recounts
+    std::optional<KeptTotals> kept;  // nothing: not to be trusted until a recount
     bool dirty;
     std::optional<std::time_t> last_notice;
     bool notice_due;
 };
 
-// Changes nothing (but that totals found damaged are marked for a recount by the library).
+// Changes nothing, except that the library marks damaged totals for a recount.
 QuotaState quota_state(const TSMailUserId& id);
 
-// These look afterwards whether it happened: a Failure if not.
+// Each of these checks its effect afterwards: a Failure if the change did not happen.
 void set_quota_flag(const TSMailUserId& id, QuotaFlag flag, int value);
 void clear_quota_flag(const TSMailUserId& id, QuotaFlag flag);
 void mark_totals_untrusted(const TSMailUserId& id);
 
-// A notice's texts. Header texts that would make more than one line, recipients that would be more
-// than one, and a body that would end the message early are refused: a Failure with kExitData.
+// A notice's texts. check_notice() refuses, by a Failure with kExitData, header texts of more than
+// one line, more than one recipient, and a body that would end the message early.
 struct Notice {
     std::optional<std::string> from;
     std::string to;
@@ -53,9 +53,9 @@ struct Notice {
     std::string body;
 };
 void check_notice(const Notice& notice);
-// The body's file; "-" is standard input. One line end at its end is left out: sending adds one.
+// Reads the body's file; "-" is standard input. Drops one line end at the end, as sending adds one.
 std::string read_notice_body(const std::string& file);
-// Whether the last notice was long enough ago; then the time of this one is kept for the next.
+// Whether a notice is due. If it is, its time is stored for the next check.
 struct Guard {
     bool due;
     bool kept;  // false: the time could not be written
@@ -63,7 +63,7 @@ struct Guard {
 Guard pass_notice_guard(const TSMailUserId& id);
 // A Failure if there is no submission program.
 void demand_submission_program();
-// Hands it to the submission program; a Failure unless that took it.
+// Hands the notice to the submission program. A Failure unless the program accepts it.
 void send_notice(const Notice& notice);
 
 struct ArchiveAccount {

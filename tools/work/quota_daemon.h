@@ -1,4 +1,4 @@
-// QuotaDaemon - telling the quota daemon of changes, without waiting for it more than once.
+// QuotaDaemon - tells the quota daemon of changes, and waits for it at most once.
 #ifndef TSMAIL_TOOLS_WORK_QUOTA_DAEMON_H
 #define TSMAIL_TOOLS_WORK_QUOTA_DAEMON_H
 
@@ -6,9 +6,9 @@
 
 namespace Tessaly::tool {
 
-// One for each run of the program. A daemon that is not there is no matter: the size files are what
-// counts, and it reads them when it starts. One that is stopped with its queue full delays the
-// caller for some seconds. In both cases it is told nothing more. No lock may be held meanwhile.
+// One for each run of the program. The daemon need not run: it reads the size files when it starts.
+// A daemon that is stopped with a full queue delays the caller for some seconds. In both cases it
+// is told nothing more. The caller must not hold a lock meanwhile.
 class QuotaDaemon {
   public:
     void tell(const std::string& folder, long long change);

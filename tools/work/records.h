@@ -13,10 +13,9 @@ namespace Tessaly::tool {
 bool add_to_folder_record(const std::string& folder, long long size, long long count) noexcept;
 bool add_to_mailbox_record(const TSMailUserId& id, long long size, long long count) noexcept;
 
-// Says in the mailbox that its records are not to be trusted until somebody recounts; as far as it
-// can be said.
+// Tries to mark the mailbox: its records are not to be trusted until a recount. Errors are ignored.
 void mark_for_recount(const TSMailUserId& id) noexcept;
-// Whether that was said.
+// Whether the mailbox is marked for a recount.
 bool is_marked(const TSMailUserId& id);
 
 }  // namespace Tessaly::tool

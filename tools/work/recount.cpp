@@ -27,9 +27,8 @@ bool has_other_folders(const TSMailUserId& id, const LockedFolders& folders) {
                        [](const LockedFolder& a, const string& b) { return a.name == b; });
 }
 
-// What tells a file that was appended to from the one before: its length, or, if others rewrite it,
-// at least the time. A missing file is as good as an empty one, and an empty one never the result
-// of an append.
+// Shows whether a file has been appended to: its length changes, or, if it was rewritten, at least
+// its time. A missing file equals an empty one, as an append never leaves an empty file.
 struct FileStamp {
     off_t length = 0;
     timespec written = {0, 0};
@@ -54,10 +53,10 @@ FileStamp stamp_of(const SizeFile& file, const string& path) {
     return stamp_of(st);
 }
 
-// The mark that the records are not to be trusted. It stands while they are
-// rewritten, and goes at the end unless somebody set it again: what they saw may be newer than what
-// was counted. Seen is that by the mark's time; a mark so young that another one could have the
-// same time is made older first.
+// The mark that the records are not to be trusted. It exists while they are rewritten, and is
+// removed at the end unless another process has set it again, perhaps for a change after the count.
+// The mark's time shows that. A mark so young that a new one could have the same time is made older
+// first.
 class Mark {
   public:
     explicit Mark(const TSMailUserId& id) : path_(dirty_marker(id)) {
@@ -66,7 +65,7 @@ class Mark {
     }
     bool found() const { return found_; }
 
-    // Sets the mark, if it is not set. A Failure if it cannot be.
+    // Sets the mark unless it is set. A Failure if that is not possible.
     void set() {
         if (is_set_) return;
         is_set_ = true;
@@ -78,7 +77,7 @@ class Mark {
         if (errno != EEXIST) throw system_failure(printable(path_));
     }
 
-    // Whether no mark stays.
+    // Removes the mark. False if a mark remains.
     bool remove() {
         const auto now = time();
         if (!now) return true;
@@ -115,7 +114,7 @@ Totals count(const LockedFolder& folder) {
     return total_of(count);
 }
 
-// A Failure if it could not be opened and locked.
+// A Failure if the file could not be opened and locked.
 void demand(const SizeFile& file, const string& path) {
     if (!file) throw system_failure(printable(path));
 }
@@ -126,9 +125,9 @@ void rewrite(SizeFile& file, const string& path, const Totals& total, Mark& mark
     if (!file.replace(total)) throw system_failure(printable(path));
 }
 
-// Whoever appends to the record without the folder's lock has put the message there before, or
-// takes it away after. So what was appended before the record was locked is what is found (but for
-// a message that is about to go), and what is appended later comes on top.
+// A program that appends to the record without the folder's lock adds its message before that, or
+// removes it after that. So the count covers all that was appended before the record was locked
+// (but for a message that is about to be removed), and later entries add to the count.
 Recounted recount_folder(const TSMailUserId& id, const LockedFolder& folder, Mark& mark) {
     const string path = folder_size_file(id.mailfolder(folder.name));
     std::optional<Totals> counted;
@@ -147,7 +146,7 @@ Recounted recount_folder(const TSMailUserId& id, const LockedFolder& folder, Mar
 
 using Done = std::function<void(std::size_t, std::size_t)>;
 
-// With all folders and the mailbox's record locked.
+// Recounts. The caller has locked all folders and the mailbox's record.
 MailboxRecount recount_locked(const TSMailUserId& id, const LockedFolders& folders,
                               const string& path, SizeFile& file, const Done& done) {
     Mark mark(id);
@@ -164,14 +163,14 @@ MailboxRecount recount_locked(const TSMailUserId& id, const LockedFolders& folde
     return result;
 }
 
-// Nothing, if the mailbox's folders changed meanwhile.
+// Returns nothing if the mailbox's folders changed meanwhile.
 //
 // Why the total is right: a delivery adds to the folder's record and to the mailbox's while it
-// holds the folder's lock. With all folders locked there is none half done, so the mailbox's total
-// is the sum of the folders, and what comes later comes on top. The one thing that could be missed
-// is a folder that was made after the folders were listed and got mail before the mailbox's record
-// was locked. That mail was added to the mailbox's record: so if the record is the one from before
-// the list, there is no such folder, and if it is not, the list is made again.
+// holds the folder's lock. With all folders locked no delivery is half done, so the mailbox's total
+// is the sum of the folders, and later deliveries add to it. Only one folder could be missed: one
+// that was made after the listing and got mail before the mailbox's record was locked. That mail
+// was added to the mailbox's record. So if the record has not changed since before the listing,
+// there is no such folder; if it has changed, the folders are listed again.
 std::optional<MailboxRecount> try_recount(const TSMailUserId& id, const Done& done) {
     const string path = mailbox_size_file(id);
     const FileStamp before = stamp_of(path);

@@ -1,4 +1,4 @@
-// Recounting a mailbox: its size records are made what its folders hold.
+// Recounts a mailbox: makes its size records match the contents of its folders.
 #ifndef TSMAIL_TOOLS_WORK_RECOUNT_H
 #define TSMAIL_TOOLS_WORK_RECOUNT_H
 
@@ -25,15 +25,15 @@ struct MailboxRecount {
     Recounted mailbox;
     std::vector<Recounted> folders;
     bool was_marked = false;  // for a recount
-    bool is_marked = false;   // still: somebody asked for another one meanwhile
+    bool is_marked = false;   // still: another recount was requested meanwhile
 };
 
 // Counts the messages of every folder, rewrites the records of folders and mailbox, and removes the
-// mark that asked for it. Deliveries and removals of this program wait meanwhile, so that each
-// message is counted once; what others append to the records meanwhile stays in them. A Failure if
-// a folder cannot be read or a record cannot be written; where something was written by then, the
-// mailbox stays marked.
-// done is called after each folder with how many of how many were counted.
+// mark that asked for the recount. Deliveries and removals of this program wait meanwhile, so that
+// each message is counted once. Entries that other programs append to the records meanwhile are
+// kept. A Failure if a folder cannot be read or a record cannot be written; if something was
+// written by then, the mailbox stays marked. Calls `done` after each folder with the number of
+// counted folders and of all.
 MailboxRecount recount(const TSMailUserId& id,
                        const std::function<void(std::size_t, std::size_t)>& done = {});
 

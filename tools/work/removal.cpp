@@ -19,7 +19,7 @@ using std::string;
 
 Failure missing(const string& what) { return {kExitNoInput, "there is no " + what}; }
 
-// Takes what is gone out of the mailbox's record.
+// Subtracts what was removed from the mailbox's record.
 bool settle(const TSMailUserId& id, const Amount& gone) {
     const auto bytes = static_cast<long long>(gone.bytes);
     const auto messages = static_cast<long long>(gone.messages);
@@ -32,7 +32,7 @@ bool settle_if_any(const TSMailUserId& id, const Amount& gone) {
     return (gone.messages == 0 && gone.error == 0) || settle(id, gone);
 }
 
-// As 20240229: tells a person how long a scheduled folder has been waiting.
+// The date as 20240229, which tells people how long a scheduled folder has been waiting.
 string today() {
     const std::time_t now = std::time(nullptr);
     struct tm parts;
@@ -82,7 +82,7 @@ string present_folder(const TSMailUserId& id, const string& name) {
 
 Removal schedule_folder(const TSMailUserId& id, const string& name) {
     const FolderLock lock = locked_folder(id, name, LockKind::exclusive);
-    const string path = present_folder(id, name);  // what is locked may have been a link
+    const string path = present_folder(id, name);  // the locked folder may have been a link
     const Amount amount = amount_below(path);
     if (tsm_schedule_for_deletion(path.c_str(), id.homepath().c_str(), today().c_str()) != 0) {
         throw system_failure("moving " + printable(path) + " to " + printable(id.homepath()));
@@ -146,7 +146,7 @@ string present_message(const TSMailUserId& id, const string& folder, const strin
     throw missing("message \"" + printable(name) + "\" in " + printable(directory));
 }
 
-// As the library counts a message off its folder: by its name, else by its file.
+// The size that the library subtracts for a message: that in its name, else that of its file.
 Amount amount_of_message(const string& path) {
     struct stat st;
     if (::lstat(path.c_str(), &st) != 0) throw system_failure(printable(path));
@@ -167,7 +167,7 @@ MessageRemoval delete_message(const TSMailUserId& id, const string& folder, cons
         mark_for_recount(id);
         throw system_failure(printable(path), error);
     }
-    // The library counts an empty message in, but not off.
+    // The library adds an empty message to the record, but does not subtract it.
     const bool counted = amount.bytes > 0 || add_to_folder_record(id.mailfolder(folder), 0, -1);
     if (!counted) mark_for_recount(id);
     return {{amount, settle(id, amount) && counted}, path};

@@ -1,4 +1,4 @@
-// Removing folders, messages and mailboxes, with the sizes that others keep of them.
+// Removes folders, messages and mailboxes, and corrects the size records.
 #ifndef TSMAIL_TOOLS_WORK_REMOVAL_H
 #define TSMAIL_TOOLS_WORK_REMOVAL_H
 
@@ -14,37 +14,39 @@
 
 namespace Tessaly::tool {
 
-// What was removed. Not counted: the mailbox's size record could not be corrected; it is marked for
-// a recount then.
+// What was removed. `counted` is false if a size record could not be corrected; the mailbox is then
+// marked for a recount.
 struct Removal {
     Amount amount;
     bool counted;
 };
 
-// The path of a folder that is there and no symbolic link; a Failure if it is not.
+// The path of an existing folder. A Failure if it does not exist or is a symbolic link.
 std::string present_folder(const TSMailUserId& id, const std::string& name);
 
-// Both take the folder with all folders below it and correct the mailbox's size record. Deliveries
-// of this program to any of these wait meanwhile, and find them gone. A Failure, with nothing
-// changed, if the folder is not there any more when they have the lock.
-// The folder gets a hidden name in the mailbox's home, with the day in it: there no walk over the
-// mailbox's folders finds it. A Failure if it could not be moved; nothing has changed then.
+// schedule_folder() and delete_folder() remove the folder with all folders below it and correct the
+// mailbox's size record. Deliveries of this program to any of these wait meanwhile and then find
+// them gone. A Failure, with nothing changed, if the folder no longer exists when they have the
+// lock.
+
+// Moves the folder to a hidden name, with the day in it, in the mailbox's home, where no walk over
+// the mailbox's folders finds it. A Failure, with nothing changed, if it cannot be moved.
 Removal schedule_folder(const TSMailUserId& id, const std::string& name);
-// A Failure if something of it stayed; the mailbox is marked for a recount then.
+// A Failure if a part of the folder remains; the mailbox is then marked for a recount.
 Removal delete_folder(const TSMailUserId& id, const std::string& name);
 
-// What was scheduled in the mailbox's home and in its maildir root; with `older`, what was
-// scheduled longer ago than that: a change of its directory counts as a new schedule.
+// The scheduled folders in the mailbox's home and in its maildir root; with `older`, those
+// scheduled longer ago than that. A change of the directory's status counts as a new schedule.
 std::vector<std::string> scheduled_in(const TSMailUserId& id,
                                       std::optional<std::chrono::seconds> older = {});
-// Removes the path and all below it; a Failure if something of it stayed.
+// Removes the path and all below it; a Failure if a part of it remains.
 void delete_tree(const std::string& path);
-// Removes all below the directory; a Failure if something of it stayed.
+// Removes all below the directory; a Failure if a part of it remains.
 void clean_directory(const std::string& path);
 
-// A message's name is one component and not hidden; what is not is a Failure with code kExitData.
+// A message's name must be one component and not hidden; otherwise a Failure with code kExitData.
 void check_message_name(std::string_view name);
-// The path of the message, in the folder's new or cur; a Failure if it is not there.
+// The path of the message in the folder's new or cur; a Failure if it is in neither.
 std::string present_message(const TSMailUserId& id, const std::string& folder,
                             const std::string& name);
 Amount amount_of_message(const std::string& path);
@@ -52,7 +54,7 @@ Amount amount_of_message(const std::string& path);
 struct MessageRemoval : Removal {
     std::string path;
 };
-// Removes it from the folder; sizes as above.
+// Removes the message from the folder and corrects the size records.
 MessageRemoval delete_message(const TSMailUserId& id, const std::string& folder,
                               const std::string& name);
 

@@ -26,7 +26,7 @@ constexpr std::size_t kLongest = std::size_t{1} << 28;  // of a body
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
-// Whether it is time for something that is done once in a pause.
+// Whether `next` has come; if so, sets it to a pause from now.
 bool has_come(Clock::time_point& next, milliseconds pause) {
     const auto now = Clock::now();
     if (now < next) return false;
@@ -83,9 +83,9 @@ void Report::put(Event event, const Json& body) {
     if (pending_.size() >= kFull) send();
 }
 
-// Without a reader there is nobody left to work for, so the task is given up while it can be.
+// Without a parent the result would be lost, so the task is given up if it still can be.
 void Report::send() {
-    constexpr int kAttempts = 10;  // after an error that is not the reader's end
+    constexpr int kAttempts = 10;  // after an error other than the end of the parent
     for (int attempt = 0; !unheard_ && !pending_.empty(); ++attempt) {
         const ssize_t n = retry([&] { return ::write(socket_, pending_.data(), pending_.size()); });
         if (n > 0) pending_.erase(0, static_cast<std::size_t>(n));

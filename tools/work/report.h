@@ -1,4 +1,4 @@
-// What a worker tells the process that started it, and how it crosses the socket between them.
+// The messages from a worker to its parent, and their form on the socket between them.
 #ifndef TSMAIL_TOOLS_WORK_REPORT_H
 #define TSMAIL_TOOLS_WORK_REPORT_H
 
@@ -18,10 +18,10 @@ enum class Event : unsigned char {
     object,    // a result, as --json prints it
     warning,   // {"text"}
     detail,    // {"text"}
-    error,     // {"text", "code", "errno"}: something was left out; the work goes on
+    error,     // {"text", "code", "errno"}: a part was left out; the work goes on
     progress,  // {"done", "total"}
-    fed,       // some of the task's input came: its time begins anew
-    passed,    // nothing that happens from here on makes the task fail
+    fed,       // some of the task's input came: its time restarts
+    passed,    // from here on the task can no longer fail
     end,       // {"code"}: the task is over
 };
 
@@ -30,8 +30,8 @@ struct Message {
     Json body;
 };
 
-// The worker's end. Messages are collected; those that somebody waits for are sent at once. When
-// the parent is gone each call is a Failure until the task has passed; then it does nothing.
+// The worker's end. Messages are collected; urgent ones are sent at once. When the parent is gone,
+// sending is a Failure until the task has passed; after that it does nothing.
 class Report {
   public:
     explicit Report(int socket) : socket_(socket) {}
@@ -40,17 +40,17 @@ class Report {
     void warn(std::string_view text) { put(Event::warning, {{"text", text}}); }
     void detail(std::string_view text) { put(Event::detail, {{"text", text}}); }
     void error(const Failure& failure);
-    // Ten times a second at most.
+    // Sent at most ten times a second.
     void progress(std::size_t done, std::size_t total);
-    // The task has got some of its input, for which its mailbox's owner is not to blame. Sent once
-    // a second at most.
+    // The task has received some input. Waiting for input is not the mailbox owner's fault, so the
+    // task's time restarts. Sent at most once a second.
     void fed();
-    // From here on the task succeeds, whatever comes: a message was delivered, say.
+    // From here on the task succeeds, whatever happens; for example, a message was delivered.
     void passed();
     // The task's exit code is the larger one of `code` and those of its errors. Ends the process if
     // the parent is gone.
     void end(int code);
-    // Sends what was collected.
+    // Sends the collected messages.
     void send();
 
   private:
@@ -64,14 +64,14 @@ class Report {
     std::string pending_;
 };
 
-// The parent's end: bytes as they come, messages as soon as they are whole. What comes from a
-// worker is checked, as its user may have had a hand in it.
+// The parent's end: collects bytes and returns messages as soon as they are complete. Checks them,
+// as the worker's user may have tampered with them.
 class Incoming {
   public:
-    // Reads what is there. False at the end; a Failure for an error.
+    // Reads the bytes that have arrived. False at the end; a Failure for an error.
     bool fill(int socket);
-    // The next whole message; nothing if there is none yet. A Failure with kExitSoftware for bytes
-    // that are not a message.
+    // The next complete message; nothing if there is none yet. A Failure with kExitSoftware for
+    // bytes that are not a message.
     std::optional<Message> next();
 
   private:

@@ -15,7 +15,7 @@ namespace Tessaly::tool {
 
 namespace {
 
-// The size of a message, or -1 if the entry is none.
+// The size of a message, or -1 if the entry is not a message.
 long long message_size(int dir, const dirent64& entry) {
     if (entry.d_name[0] == '.' || (entry.d_type != DT_REG && entry.d_type != DT_UNKNOWN)) return -1;
     const long long named = get_maildir_msg_len_from_name(entry.d_name);
@@ -26,8 +26,8 @@ long long message_size(int dir, const dirent64& entry) {
     return named >= 0 ? named : st.st_size;
 }
 
-// Calls visit(name, size) for each message of cur or new; a missing one is empty. Returns 0, or why
-// it could not be read to its end.
+// Calls visit(name, size) for each message of cur or new; a missing directory counts as empty.
+// Returns 0, or the errno if it could not be read to its end.
 template <class Visit>
 int each_message(int folder, const char* sub, const Visit& visit) {
     const Fd dir(::openat(folder, sub, O_RDONLY | O_DIRECTORY | O_CLOEXEC));

@@ -1,4 +1,4 @@
-// Reading a folder: how much is in it, and its messages.
+// Reads a folder: counts or lists its messages.
 #ifndef TSMAIL_TOOLS_WORK_SCAN_H
 #define TSMAIL_TOOLS_WORK_SCAN_H
 
@@ -14,9 +14,9 @@ namespace Tessaly::tool {
 
 struct FolderCount {
     std::uint64_t messages = 0;  // in cur and new
-    std::uint64_t fresh = 0;     // of them in new
-    std::uint64_t bytes = 0;     // by their names, else by their files
-    int error = 0;               // of the first thing that could not be read
+    std::uint64_t fresh = 0;     // those in new
+    std::uint64_t bytes = 0;     // the size in the name, else of the file
+    int error = 0;               // errno of the first error
 };
 
 // Counts the messages of a folder, named relative to the open directory `at` (AT_FDCWD: to the
@@ -25,17 +25,17 @@ FolderCount count_folder(int at, const char* name);
 // The same for a folder that is open.
 FolderCount count_folder(int folder);
 
-// The same as a size file has it: numbers end at the largest signed one.
+// The same in the form of a size file: numbers are limited to the largest signed one.
 Totals total_of(const FolderCount& count);
 
 // One message of a folder.
 struct MessageRow {
     std::string name;
     bool is_new;          // in new, else in cur
-    bool has_size_field;  // in its name
+    bool has_size_field;  // in the name
     std::uint64_t bytes;  // as above
 };
-// The messages of a folder in no order. What could not be read is left out, and `error` says why.
+// The messages of a folder, unordered. Unreadable parts are left out; `error` gets the errno.
 std::vector<MessageRow> messages_of(const std::string& folder, int& error);
 
 }  // namespace Tessaly::tool

@@ -11,7 +11,7 @@ namespace Tessaly::tool {
 
 namespace {
 
-// Waits for an event on a descriptor (-1: for none) or a signal.
+// Waits for an event on a descriptor (-1: no descriptor) or for a signal.
 void wait(int signals, int fd, int milliseconds) {
     pollfd waited[] = {{signals, POLLIN, 0}, {fd, POLLIN, 0}};
     const int ready = retry([&] { return ::poll(waited, 2, milliseconds); });

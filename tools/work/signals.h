@@ -1,4 +1,4 @@
-// SignalHold - keeps a request to end from striking between steps that belong together.
+// SignalHold - prevents signals from ending the process between steps that belong together.
 #ifndef TSMAIL_TOOLS_WORK_SIGNALS_H
 #define TSMAIL_TOOLS_WORK_SIGNALS_H
 
@@ -6,9 +6,9 @@
 
 namespace Tessaly::tool {
 
-// From its construction to the end of the process SIGHUP, SIGINT, SIGQUIT and SIGTERM wait to be
-// asked for. Until mail stands in a folder they end the work (the waits here throw a Failure with
-// code kExitTryAgain); after that they are too late.
+// Blocks SIGHUP, SIGINT, SIGQUIT and SIGTERM until the process ends. Until a message is in its
+// folder, a signal ends the work: the functions here throw a Failure with code kExitTryAgain. After
+// that, signals have no effect.
 class SignalHold {
   public:
     SignalHold();
@@ -17,7 +17,7 @@ class SignalHold {
     int fd() const { return signals_.get(); }
     // Waits until the descriptor can be read.
     void wait_readable(int fd) const;
-    // Waits a moment.
+    // Waits for some milliseconds.
     void wait_milliseconds(int milliseconds) const;
     // Throws if a signal has come.
     void check() const { wait_milliseconds(0); }

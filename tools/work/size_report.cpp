@@ -19,7 +19,7 @@ namespace {
 
 using std::string;
 
-// What is known of the size of a folder or a mailbox.
+// The stored and the actual size of a folder or a mailbox.
 struct SizeRow {
     string path;
     std::optional<Totals> kept;

@@ -1,4 +1,4 @@
-// What is stored about the sizes in a mailbox, beside what its folders hold.
+// Compares the stored sizes of a mailbox with the contents of its folders.
 #ifndef TSMAIL_TOOLS_WORK_SIZE_REPORT_H
 #define TSMAIL_TOOLS_WORK_SIZE_REPORT_H
 

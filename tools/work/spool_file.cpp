@@ -20,8 +20,8 @@ namespace {
 using std::string;
 
 constexpr mode_t kMessageMode = 0600;
-// Names of one process differ by time and by one of a million numbers; that many in use by chance
-// means that something else is wrong.
+// Names of one process differ by time and by one of a million numbers. If so many names in a row
+// are in use, something else is wrong.
 constexpr int kDraws = 100;
 constexpr char kOwnDescriptors[] = "/proc/self/fd";
 
@@ -40,7 +40,7 @@ SpoolFile::~SpoolFile() {
     if (!name_.empty()) ::unlinkat(tmp_, name_.c_str(), 0);
 }
 
-// False if the file system has no files without a name, or there would be no way to give it one.
+// False if the file system has no unnamed files, or such a file could not get a name later.
 bool SpoolFile::open_unnamed() {
     if (::access(kOwnDescriptors, X_OK) != 0) return false;
     fd_.reset(
@@ -58,7 +58,7 @@ void SpoolFile::open_named() {
                             kMessageMode);
         }));
         if (fd_) return;
-        name_.clear();  // if there is one, it is another's
+        name_.clear();  // a file with this name is not this process's
         if (errno != EEXIST) break;
     }
     throw system_failure("writing below tmp");
@@ -86,7 +86,8 @@ bool SpoolFile::give_name(int fresh, const string& name) {
     return ::linkat(AT_FDCWD, path.c_str(), fresh, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-// A move that replaces nothing; where there is none, a second name before the first one goes.
+// Moves without replacing a file; if the system cannot do that, links the new name and then removes
+// the old one.
 bool SpoolFile::move_name(int fresh, const string& name) {
     bool moved = rename_new(tmp_, name_.c_str(), fresh, name.c_str());
     if (!moved && is_one_of(errno, EINVAL, ENOSYS, EOPNOTSUPP)) {

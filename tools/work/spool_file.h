@@ -9,13 +9,13 @@
 
 namespace Tessaly::tool {
 
-// A new file in a folder's tmp, mode 0600. Where the file system can, it has no name, so that
-// nothing of it stays however the process ends; else it has the name of a message of size 0, since
-// whoever tags messages with their size leaves alone what has a size already, and it is removed
-// with this object. It becomes a message by appear().
+// A new file in a folder's tmp, mode 0600. If the file system allows it, the file has no name, so
+// that nothing remains however the process ends. Otherwise it has the name of a message of size 0,
+// because tagging skips names that have a size; this object's destructor removes it. appear() makes
+// the file a message.
 class SpoolFile {
   public:
-    // tmp: the open directory, which must outlive this. A Failure if there can be no file.
+    // tmp: the open directory, which must outlive this. A Failure if the file cannot be made.
     SpoolFile(int tmp, std::string queue_id);
     SpoolFile(const SpoolFile&) = delete;
     SpoolFile& operator=(const SpoolFile&) = delete;
@@ -23,8 +23,8 @@ class SpoolFile {
 
     int fd() const { return fd_.get(); }
 
-    // Puts the file into the folder's `new`, which is open, under a fresh name with its size, and
-    // returns that name. A Failure if that cannot be; then nothing of it stands there.
+    // Moves the file into the folder's open directory `new`, under a fresh name with its size, and
+    // returns that name. On a Failure there is nothing in `new`.
     std::string appear(int fresh, unsigned long long size);
 
   private:
@@ -37,7 +37,7 @@ class SpoolFile {
     int tmp_;
     std::string queue_id_;
     Fd fd_;
-    std::string name_;  // in tmp; empty: none
+    std::string name_;  // the name in tmp; empty if it has none
 };
 
 }  // namespace Tessaly::tool

@@ -40,7 +40,7 @@ bool has_field(string_view name) {
     return begin != string_view::npos && name.find("#E", begin) != string_view::npos;
 }
 
-// The size of a message's file; nothing if it is gone meanwhile.
+// The size of a message's file; nothing if the file was removed meanwhile.
 std::optional<std::uint64_t> size_of_file(const string& path) {
     struct stat st;
     if (::lstat(path.c_str(), &st) == 0) return static_cast<std::uint64_t>(st.st_size);
@@ -58,12 +58,12 @@ string with_size(const string& name, std::uint64_t size) {
     if (end == string::npos || !string_view(name).substr(end).starts_with(kEnd)) return "";
     string right = name.substr(0, number) + std::to_string(size) + name.substr(end);
     if (right.size() > NAME_MAX) return "";
-    // The number that counts may be another one, behind a "#S" that is written otherwise.
+    // The library may read another number, after a "#S" in a different form.
     const long long read = get_maildir_msg_len_from_name(right.c_str());
     return read == static_cast<long long>(size) ? right : "";
 }
 
-// At once from name to name: there is no moment in which a message has none, or two.
+// Renames in one step: a message never has no name or two names.
 std::vector<NotRenamed> rename_to_right(const std::vector<WrongSize>& messages) {
     std::vector<NotRenamed> left;
     for (const WrongSize& message : messages) {
@@ -99,7 +99,7 @@ Tagged tag_folder(const TSMailUserId& id, const string& folder) {
     if (before == 0) return {};
     for (const char* sub : {"cur", "new"}) tsl_get_dir_size(path.c_str(), sub, TSL_SCAN_TAG_FIRST);
     const std::uint64_t left = untagged_in(path).all();
-    // A message that somebody else brought meanwhile is none that was tagged.
+    // A message that arrived meanwhile was not tagged.
     return {before - std::min(before, left), left};
 }
 
@@ -122,8 +122,8 @@ std::vector<WrongSize> wrong_sizes_in(const string& path) {
 std::vector<NotRenamed> correct_sizes(const TSMailUserId& id, const string& folder) {
     const string path = existing_folder(id, folder);
     const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
-    // A mail reader, which knows no lock, may have renamed a message meanwhile: it is met under its
-    // new name in the next round.
+    // A mail reader does not lock and may have renamed a message meanwhile. The next round finds it
+    // under its new name.
     for (;;) {
         std::vector<NotRenamed> left = rename_to_right(wrong_sizes_in(path));
         if (std::none_of(left.begin(), left.end(), is_gone)) return left;

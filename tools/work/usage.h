@@ -1,4 +1,4 @@
-// What is known of a mailbox at little cost, and what looking into its folders adds.
+// The facts about a mailbox that are cheap to read, and those that its folders add.
 #ifndef TSMAIL_TOOLS_WORK_USAGE_H
 #define TSMAIL_TOOLS_WORK_USAGE_H
 
@@ -13,7 +13,7 @@ namespace Tessaly::tool {
 // What the folders hold.
 struct Verified {
     Totals actual;
-    std::time_t newest = 0;  // when the newest message was created, by its name; 0 if none says
+    std::time_t newest = 0;  // creation time in the newest message's name; 0 if there is none
 };
 
 struct MailboxUsage {
@@ -24,7 +24,7 @@ struct MailboxUsage {
     bool warning, exceeded;
 };
 
-// Opens one file: the mailbox's size file. A Failure if that cannot be looked at.
+// Opens one file: the mailbox's size file. A Failure if that cannot be read.
 MailboxUsage usage_of(const TSMailUserId& id);
 
 // Counts the messages of all folders. A Failure if one cannot be read.
