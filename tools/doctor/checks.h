@@ -1,4 +1,4 @@
-// doctor - a table of checks of a mailbox: what is wrong, why it matters, and how to mend it
+// doctor - a table of checks of a mailbox: what is wrong, why it matters, and how to repair it
 // without losing mail.
 #ifndef TSMAIL_TOOLS_DOCTOR_CHECKS_H
 #define TSMAIL_TOOLS_DOCTOR_CHECKS_H
@@ -24,25 +24,25 @@ struct Patient {
 struct Finding {
     std::string path;
     std::string what;
-    std::string repair;  // what a repair does; empty if a person has to look
-    // Does it. A Failure if it cannot.
+    std::string repair;  // what a repair does; empty if a person has to act
+    // Does the repair. A Failure if that is not possible.
     std::function<void()> mend = {};
 };
 
-// What nobody has written to for so long is nobody's any more.
+// A file that was not written to for this long (in seconds) is a leftover.
 constexpr std::time_t kLeftBehind = std::time_t{36} * 60 * 60;
 
 struct Check {
     const char* name;
-    const char* why;  // what is found matters
-    // Reads only. A Failure if it cannot look.
+    const char* why;  // why a finding matters
+    // Only reads. A Failure if the check cannot be made.
     std::vector<Finding> (*look)(const Patient& patient);
 };
 
-// In the order in which they are to be made if things are mended between them: sizes come last.
+// The checks in the order to make them, repairs included: sizes come last.
 std::vector<Check> all_checks();
 
-// The two halves of the table: what is in and of the folders, and the user's other files.
+// The parts of the table: folders and their contents, sizes, and the user's other files.
 std::span<const Check> folder_checks();
 std::span<const Check> size_checks();
 std::span<const Check> file_checks();

@@ -27,7 +27,7 @@ namespace {
 using std::string;
 using std::string_view;
 
-// The lines of a regular file; none if there is none.
+// The lines of a regular file; empty if there is no such file.
 std::vector<string> lines_of(const string& path) {
     std::vector<string> lines;
     struct stat st;
@@ -44,7 +44,7 @@ void remove_file(const string& path) {
 
 // ---- preferences
 
-// The key of a line, "" for a line that is none.
+// The key of a line, "" for a line without a key.
 string key_of(string_view line) {
     const auto end = line.find_first_of(" \t=");
     if (end == string_view::npos || line.find('=') == string_view::npos) return "";
@@ -78,7 +78,7 @@ std::vector<Finding> look_at_preferences(const Patient& patient) {
     for (const auto& [key, count] : times) {
         if (count == 1 || !is_preference(key)) continue;
         Finding finding = {path, fmt::format("the key \"{}\" is there {} times", key, count), ""};
-        // What is not known would be lost with the old file.
+        // A rewrite would lose the unknown keys.
         if (!any_unknown) {
             finding.repair = "writes the file anew, with the last one's value";
             finding.mend = [id = patient.id] { store_again(id); };
@@ -90,7 +90,7 @@ std::vector<Finding> look_at_preferences(const Patient& patient) {
 
 // ---- lists
 
-constexpr std::size_t kLineRoom = 254;  // of a line of a list, without its end
+constexpr std::size_t kLineRoom = 254;  // bytes of a line of a list, without its line end
 
 bool is_list(const TSMailUserId& id, const string& name) {
     const string prefix = id.tilde_name() + '.';
@@ -132,7 +132,7 @@ std::vector<Finding> look_at_list_lines(const Patient& patient) {
 
 // ---- partners
 
-// A home that is closed to this mailbox's owner is somebody's.
+// Whether the mailbox exists. A home that this mailbox's owner may not enter counts as existing.
 bool is_somebody(const string& address) {
     try {
         return mailbox_exists(mailbox_of(address));
@@ -149,7 +149,7 @@ std::vector<Finding> look_at_partners(const Patient& patient) {
     for (const string_view list : {names::kPrimaryAddresses, names::kSecondaryAddresses}) {
         const string path =
             in(patient.id.prefpath(), patient.id.tilde_name()).append(".").append(list);
-        // (The library's readers make a lock file.)
+        // Reads the file itself, because the library's readers make a lock file.
         for (const string& name : lines_of(path)) {
             if (name.empty() || is_somebody(name)) continue;
             findings.push_back({path, fmt::format("there is no mailbox {}", printable(name)),
@@ -198,7 +198,7 @@ std::vector<Finding> look_at_flags(const Patient& patient) {
 
 // ---- the stamp of notices
 
-// Clocks of several machines differ a little.
+// Allows for a difference between the clocks of several machines.
 constexpr std::time_t kAhead = std::time_t{60} * 60;
 
 void make_fresh(const string& path) {

@@ -1,4 +1,4 @@
-// Checks of folders and of what is in them.
+// Checks of folders and of their contents.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
@@ -81,7 +81,7 @@ std::vector<Finding> look_at_folder_modes(const Patient& patient) {
 
 // ---- missing parts
 
-// Whether something in the directory says that it was meant to be a folder, or leads to one.
+// Whether the directory has a part of a folder, so that it was meant to be one.
 bool is_meant_as_folder(const string& path, const Listing& listing) {
     constexpr std::array kSigns = {names::kCur, names::kNew, names::kTmp, names::kFolderSize};
     return listing.is_folder || std::any_of(kSigns.begin(), kSigns.end(), [&](string_view sign) {
@@ -98,7 +98,7 @@ string missing_parts(const string& path) {
     return missing;
 }
 
-// The listing of a directory that is none by a link; nothing if it is none.
+// The listing of a directory; nothing if the path is a link or not a directory.
 std::optional<Listing> listing_of(const string& path) {
     const Fd fd(retry(
         [&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); }));
@@ -109,7 +109,7 @@ std::optional<Listing> listing_of(const string& path) {
     return listing;
 }
 
-// Looks at a directory and all below it. Whether it is a folder, or leads to one.
+// Checks a directory and all below it. Whether it is or should be a folder, or contains one.
 bool look_for_parts(const Patient& patient, const string& name, std::vector<Finding>& findings) {
     const string path = patient.id.mailfolder(name);
     const std::optional<Listing> listing = listing_of(path);
@@ -137,8 +137,8 @@ std::vector<Finding> look_at_parts(const Patient& patient) {
 
 // ---- leftovers in tmp
 
-// Where a file that was left in tmp belongs, or nullptr if it may be a part of a message: a message
-// with flags was in cur, and one that has the size which its name says is complete.
+// The directory in which a leftover file of tmp belongs, or nullptr if it may be an incomplete
+// message. A message with flags was in cur; a message of the size in its name is complete.
 const char* place_of(const string& name, const struct stat& st) {
     const bool has_flags = name.find(":2,") != string::npos;
     const long long size = get_maildir_msg_len_from_name(name.c_str());
@@ -147,7 +147,7 @@ const char* place_of(const string& name, const struct stat& st) {
     return size > 0 ? names::kNew.data() : nullptr;
 }
 
-// Under the folder's lock, as messages must not move while they are counted; then counts.
+// Moves the file under the folder's lock, as messages must not move during a count; then recounts.
 void rescue(const TSMailUserId& id, const string& folder, const string& name, const char* place) {
     {
         const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
@@ -280,8 +280,8 @@ std::vector<Finding> look_at_totals_once(const Patient& patient) {
     return findings;
 }
 
-// Of a mailbox in use a message may come between a count and the file that is to say so; what is
-// found is looked at again while nothing comes.
+// In a mailbox in use a message may arrive between a count and the reading of a size file. So if
+// there are findings, the check is repeated with all folders locked.
 std::vector<Finding> look_at_totals(const Patient& patient) {
     std::vector<Finding> findings = look_at_totals_once(patient);
     if (findings.empty()) return findings;
