@@ -1,5 +1,5 @@
 """Hostile owners of mailboxes: root's commands over all mailboxes serve the others, and nothing outside of
-the hostile mailbox changes. Each attack has a twin in which nobody is hostile."""
+the hostile mailbox changes. Each attack has a twin without a hostile owner."""
 
 import fcntl
 import os
@@ -45,7 +45,7 @@ class AttackCase(SpoolCase):
         os.chmod(ROOTS_DIRECTORY, 0o700)
 
     def outside(self, attacker=ANN):
-        """Everything outside the attacker's home, except for the files of others that the verbs may write."""
+        """Everything outside the attacker's home, except for other users' files that the verbs may write."""
         seen = {path: what for path, what in snapshot("/var/spool").items()
                 if not path.startswith(home(attacker) + "/") and path != home(attacker)}
         return {path: what for path, what in seen.items() if not path.startswith(HOME)}
@@ -143,7 +143,7 @@ class LinkTest(AttackCase):
         self.every_verb(attack, left_out=0, codes=ANY)
 
     def test_an_exchange_during_the_look_up(self):
-        """The home and a link to root's directory change places all the time."""
+        """The home and a link to root's directory are exchanged all the time."""
         script = """import ctypes, sys
 libc = ctypes.CDLL(None)
 while True:
@@ -165,7 +165,7 @@ while True:
     def test_a_home_that_a_user_links_is_not_followed(self):
         os.rename(home(ANN), "/var/spool/root/elsewhere")
         os.symlink("/var/spool/root/elsewhere", home(ANN))
-        self.succeed("size", ANN)  # root's link, as an operator makes it
+        self.succeed("size", ANN)  # root's link, as an operator makes one
         os.lchown(home(ANN), USERS[BERT], USERS[BERT])
         self.fail_with(73, "size", ANN, saying="is not followed")
 
@@ -202,7 +202,7 @@ class StallTest(AttackCase):
 
 
 class RootsOwnTest(AttackCase):
-    """Root's own mailbox: root works in it as root, as long as only root can change anything."""
+    """Root's own mailbox: root works in it as root only if no other user can change anything in it."""
 
     def setUp(self):
         super().setUp()
@@ -242,7 +242,7 @@ class RootsOwnTest(AttackCase):
 
 class IdentityTest(AttackCase):
     def status_of_worker(self, address):
-        """The identity of the worker that waits for a lock."""
+        """The user and group of the worker that waits for a lock."""
         write(mail(address) + "/.maildirsize", "7 7\n")
         os.chown(mail(address) + "/.maildirsize", USERS[address], USERS[address])
         with Lock(mail(address) + "/.maildirsize"):

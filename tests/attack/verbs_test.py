@@ -1,6 +1,6 @@
-"""Every verb, run by root on the mailbox of a hostile owner: whatever stands there, the command ends in time,
-changes nothing outside of the owner's home, and shows nothing of others'. The twin is a mailbox whose owner is not
-hostile: there every verb does its work."""
+"""Root runs every verb on the mailbox of a hostile owner. Whatever the mailbox contains, the command ends in time,
+changes nothing outside of the owner's home, and shows no data of other users. The twin is a mailbox whose owner is
+not hostile: there every verb does its work."""
 
 import errno
 import itertools
@@ -21,7 +21,7 @@ ROOTS = "/var/spool/root"
 SECRET, BERTS = b"precious 1 1\n", b"bertsecret\n"
 TEMPLATE = "/tmp/template"
 
-# Each ends with an exit code of sysexits, or with 1 as the answer to a question.
+# Each verb ends with an exit code of sysexits, or with 1 for the answer no.
 VERBS = (
     ("create", ANN), ("create", ANN, "Extra/Sub"), ("folders", ANN), ("messages", ANN, "Inbox"), ("size", ANN),
     ("recount", ANN), ("tag", ANN), ("usage",), ("usage", "--verify"), ("doctor", ANN), ("doctor", ANN, "--repair"),
@@ -36,7 +36,7 @@ VERBS = (
     ("rm", ANN, "Inbox", "--now", "--force"), ("sweep", ANN), ("sweep", "--all", "--older", "0s"),
     ("mailbox", "remove", ANN, "--dry-run"), ("mailbox", "remove", ANN, "--yes"),
 )
-if SANITIZED:  # which makes each of them ten times as long
+if SANITIZED:  # the sanitizer makes each run ten times as long
     VERBS = VERBS[::3]
 CODES = (0, 1, 65, 66, 67, 73, 74, 75)
 # The names that the store knows, below the home.
@@ -60,7 +60,7 @@ def give(top, owner):
 
 
 def everything(top, without=()):
-    """Every path below top: who owns it, its mode, its content."""
+    """Every path below top with its owner, mode and content."""
     found = {}
     for directory, names, files in os.walk(top):
         names[:] = [name for name in names if os.path.join(directory, name) not in without]
@@ -117,7 +117,7 @@ class VerbsCase(SpoolCase):
 
     @staticmethod
     def outside(words):
-        """All but the owner's home. Whom the owner calls a partner loses an entry with the mailbox."""
+        """All but the owner's home. A partner whom the owner's lists name loses an entry with the mailbox."""
         seen = everything("/var/spool", without=(home(),))
         if words[:2] == ("mailbox", "remove"):
             del seen[home(BERT) + "/pref/bert~site.test.secondaryaddr"]
@@ -172,7 +172,7 @@ class TwinTest(VerbsCase):
 
 
 class FilesTest(VerbsCase):
-    """Something else stands at every name of a file that the store knows."""
+    """Each name that the store knows for a file is taken by something else."""
 
     def at_every_file(self, put):
         def attack():
@@ -205,7 +205,7 @@ class FilesTest(VerbsCase):
         self.survive_all(self.at_every_file(lambda path: os.symlink(next(targets), path)))
 
     def test_hard_links_to_roots_file(self):
-        """As where the kernel does not protect them."""
+        """As if the kernel did not protect hard links."""
         def attack():
             for name in FILES:
                 path = f"{home()}/{name}"
@@ -274,7 +274,7 @@ class FilesTest(VerbsCase):
 
 
 class DirectoriesTest(VerbsCase):
-    """Something else stands in the place of a directory."""
+    """Something else takes the place of a directory."""
 
     def in_place_of(self, name, put):
         def attack():
@@ -339,7 +339,7 @@ class ModesTest(VerbsCase):
         self.survive_all(attack)
 
     def test_a_default_acl_for_somebody_else(self):
-        """Who may read a partner's list is that partner's affair, and the list stays his."""
+        """The partner decides who may read his list, and the list stays his."""
         rows = [(0x01, 7, 0xffffffff), (0x02, 7, MAILMAN), (0x04, 0, 0xffffffff), (0x10, 7, 0xffffffff),
                 (0x20, 0, 0xffffffff)]
         acl = (2).to_bytes(4, "little") + b"".join(
@@ -410,7 +410,7 @@ class NamesTest(VerbsCase):
 
 
 class StallTest(VerbsCase):
-    """A lock that is held for ever: what waits for it is ended, and a message that is in new is delivered."""
+    """A lock is held for ever: a worker that waits for it is ended, but a message in new is delivered."""
 
     LOCKS = ("mail/.maildirsize", "mail/Inbox/.ts_folder_size", "mail/Inbox/.ts_cache", "quota_warning_flag",
              "pref/ann~site.test.pref", "pref/ann~site.test.whitelist")
@@ -467,7 +467,7 @@ class StallTest(VerbsCase):
 
 
 class ExchangeTest(VerbsCase):
-    """The owner exchanges something for a link all the time, in a process of his own."""
+    """A process of the owner replaces something by a link, and back, all the time."""
 
     SWAP = """import ctypes, sys
 libc = ctypes.CDLL(None)
@@ -502,7 +502,7 @@ while True:
                     self.exchanged(name, target, words)
 
     def test_exchanges_beside_delayed_calls(self):
-        """Each look at a path takes so long that an exchange comes in between."""
+        """Each system call on a path takes so long that an exchange happens meanwhile."""
         for name, words in itertools.product(("mail", "mail/Inbox"), self.CHANGING[:5]):
             with self.subTest(name=name, words=words):
                 self.restore()
@@ -521,8 +521,8 @@ while True:
                 self.assertEqual(self.outside(words), before)
 
     def test_homes_exchanged_by_the_owner_of_the_domain(self):
-        """Whoever owns the domain's directory can exchange homes; nobody's files but those of the named mailbox's
-        owner change, whoever that is at the moment."""
+        """The owner of the domain's directory can exchange homes. Only files of the named mailbox's owner change,
+        whichever user that is at the moment."""
         domain = os.path.dirname(home())
         for words in self.CHANGING:
             with self.subTest(words=words):
@@ -542,7 +542,7 @@ while True:
 
 
 class ListsTest(VerbsCase):
-    """Lists of a directory below the homes: the directory's owner is the one who works."""
+    """Lists of a directory below the homes: the worker runs as the directory's owner."""
 
     TOP = "/var/spool/home/lists"
 
@@ -594,7 +594,8 @@ class ListsTest(VerbsCase):
 
 
 class DomainTest(VerbsCase):
-    """The owner of a domain's directory may link homes, but root does not work where such a link leads to root."""
+    """The owner of a domain's directory may link homes, but root does not work where such a link leads to
+    root's directories."""
 
     def linked(self, target, owner):
         domain = os.path.dirname(home())
@@ -625,10 +626,10 @@ class DomainTest(VerbsCase):
 
 
 class CreateTest(VerbsCase):
-    """Making a home below a domain whose directory somebody else owns."""
+    """A home is made below a domain whose directory another user owns."""
 
     def test_an_exchange_while_a_home_is_given_away(self):
-        """The domain's owner puts links and other directories in the place of what is made."""
+        """The domain's owner replaces the new directories by links and other directories."""
         domain = "/var/spool/home/new.test"
         script = """import ctypes, os, sys
 libc = ctypes.CDLL(None)

@@ -1,4 +1,4 @@
-"""deliver, stopped or failing at every one of its system calls; and many of them at once."""
+"""deliver, killed or failing at every one of its system calls; and many deliveries at once."""
 
 import re
 import subprocess
@@ -17,7 +17,7 @@ BODY = b"Subject: x\n\n" + b"0123456789" * 20
 
 
 def numbered(calls):
-    """(name, n, line) of each system call: the n-th of its name, as strace counts."""
+    """(name, n, line) of each system call, which is the n-th of its name, as strace counts."""
     counts, result = {}, []
     for line in calls:
         match = re.match(r"(\w+)\(", line)
@@ -28,10 +28,10 @@ def numbered(calls):
 
 
 class FaultCase(SpoolCase):
-    """A walk over the system calls of a delivery: all of the worker's; the command's own from the moment that it
-    looks at the mailbox."""
+    """Walks over the system calls of a delivery: all of the worker's, and the command's own from its first
+    look at the mailbox on."""
 
-    # Makes the tool believe that files without a name cannot be given one.
+    # Makes the tool believe that it cannot name an unnamed file.
     NAMED = ["-e", "inject=access:error=ENOENT:when=%d"]
 
     def setUp(self):
@@ -60,7 +60,7 @@ class FaultCase(SpoolCase):
         left_out = {"exit_group", "getpid", "geteuid", "getegid", "getppid", "umask"}
         if named:
             left_out.add("access")
-        if SANITIZED:  # the sanitizer's own, which it does not survive
+        if SANITIZED:  # the sanitizer makes these calls and does not survive their failure
             left_out |= {"mmap", "munmap", "madvise"}
         return [(name, n) for name, n, _ in rows[first:] if name not in left_out]
 
@@ -86,7 +86,7 @@ class KilledCase(FaultCase):
         self.assertLessEqual(len(left_in_tmp(ANN)), leftovers)
         for path in left_in_tmp(ANN):
             self.assertRegex(path, r",#F#S#0#E$")
-        # Counted only what stands there; what is not is marked, unless the command itself is gone.
+        # Only what is there is counted. If it is not counted, the mailbox is marked, unless the command was killed.
         self.assertLessEqual(folder_record(ANN)[1], len(found))
         self.assertLessEqual(mailbox_record(ANN)[1], folder_record(ANN)[1])
         if done.code == 0:
@@ -104,7 +104,7 @@ class KilledWorkerTest(KilledCase):
 
 
 class KilledParentTest(KilledCase):
-    """The worker gives up, or finishes what is delivered: so nothing is left and everything counted."""
+    """The worker gives up, or finishes a delivered message: so nothing is left behind and all is counted."""
 
     def check(self, done, leftovers):
         super().check(done, leftovers)
@@ -130,7 +130,7 @@ class FailingCase(FaultCase):
 
     def check(self, done):
         found = messages(ANN)
-        # Removing the name in tmp may be the very call that fails.
+        # The failing call may be the one that removes the name in tmp.
         self.assertLessEqual(len(left_in_tmp(ANN)), 1 if "unlink" in str(done) else 0)
         if done.code == 0:
             self.assertEqual([toolkit.content(path) for path in found], [BODY])
@@ -224,10 +224,11 @@ class FallbackTest(FaultCase):
     def test_order_of_the_steps(self):
         _, calls = self.deliver()
         text = "\n".join(calls)
-        # The folder's lock is the one that is not given back by an unlock.
+        # The folder's lock is the only one that is released without LOCK_UN.
         [lock] = set(re.findall(r"flock\((\d+), LOCK_SH", text)) - set(
             re.findall(r"flock\((\d+), LOCK_UN", text))
-        # The parent hears of the message when it is in new, shows it when it is flushed, and then tells the daemon.
+        # The worker reports the message when it is in new and again when it is flushed. Then the parent shows it and
+        # tells the daemon.
         self.in_order(text, r"O_TMPFILE", r"write\(\d+, \"Subject", r"fsync\(", rf"flock\({lock}, LOCK_SH",
                       r"linkat\(", r"write\(3, ", r"fsync\(", r"write\(3, .*path", r"\.ts_folder_size\", O_",
                       r"/\.maildirsize\", O_", rf"close\({lock}\)", r"write\(3, .*code")

@@ -1,4 +1,4 @@
-"""deliver: folders that go while a delivery waits for them, and telling the quota daemon."""
+"""deliver: folders that are removed while a delivery waits for them, and telling the quota daemon."""
 
 import fcntl
 import glob
@@ -24,7 +24,7 @@ class FolderCase(SpoolCase):
     def setUp(self):
         super().setUp()
         self.succeed("create", ANN, "Work/2024")
-        # What makes the tool believe that files without a name cannot be given one.
+        # Makes the tool believe that it cannot name an unnamed file.
         _, calls = traced([], [TSMAIL, "deliver", ANN], stdin=BODY)
         [probe] = [n for name, n, line in numbered(calls)
                    if name == "access" and "/proc/self/fd" in line]
@@ -161,7 +161,7 @@ class RemovalsBesideTest(FolderCase):
         gone = [path for directory in glob.glob(HOME + "/.deleted.*")
                 for path in glob.glob(directory + "/**/new/*", recursive=True)]
         self.assertEqual(sorted(names), sorted(os.path.basename(path) for path in there + gone))
-        # A removal said of each how much went with it: nothing came after.
+        # Each removal told how much it removed, so no message arrived after it.
         self.assertEqual(sum(removed), len(gone))
         self.assertGreater(len(removed), 5)
         self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
@@ -211,16 +211,16 @@ class NotifyTest(SpoolCase):
         self.fill()
         begun = time.monotonic()
         process = self.begin("deliver", ANN, *toolkit.SAMPLES[:4])
-        first = process.stdout.readline()  # comes before the daemon is waited for
+        first = process.stdout.readline()  # comes before the wait for the daemon
         self.assertLess(time.monotonic() - begun, 2)
         self.assertTrue(os.path.exists(first.decode().strip()))
         time.sleep(0.2)
         self.assertIsNone(process.poll())
-        # The delivery is done; nobody has to wait for the daemon.
+        # The delivery is done; it need not wait for the daemon.
         with Lock(mail(ANN) + "/Inbox", fcntl.LOCK_EX | fcntl.LOCK_NB):
             self.assertEqual(mailbox_record(ANN)[1], 1)
         self.assertEqual(process.wait(timeout=20), 0)
-        self.assertLess(time.monotonic() - begun, 6)  # not for each message
+        self.assertLess(time.monotonic() - begun, 6)  # it does not wait for each message
         self.assertEqual(process.stderr.read(), b"")
         self.assertEqual(len(messages(ANN)), 4)
         self.assert_counted(ANN)
@@ -242,7 +242,7 @@ class NotifyTest(SpoolCase):
 
     @staticmethod
     def is_sending(process):
-        """Whether it has a socket: it has for telling the daemon, and for nothing else."""
+        """Whether it has a socket, which it has only for telling the daemon."""
         try:
             return any(re.match("socket:", os.readlink(f"/proc/{process.pid}/fd/{fd}"))
                        for fd in os.listdir(f"/proc/{process.pid}/fd"))

@@ -1,4 +1,4 @@
-"""create and deliver: what arrives where, and what is refused."""
+"""create and deliver: where messages arrive, and what is refused."""
 
 import hashlib
 import os
@@ -259,7 +259,7 @@ class DeliverTest(SpoolCase):
 
 
 class RefusedTest(SpoolCase):
-    """What stops a delivery before it stands in the folder leaves no trace."""
+    """A delivery that fails before its message is in the folder leaves no trace."""
 
     def setUp(self):
         super().setUp()
@@ -345,7 +345,7 @@ class RefusedTest(SpoolCase):
 
     @staticmethod
     def unnamed_size(pid):
-        """The size of the message that the process's worker is writing, None if it has not begun."""
+        """The size of the message that the process's worker is writing; None if it has not begun."""
         try:
             for worker in toolkit.workers_of(pid):
                 for fd in os.listdir(f"/proc/{worker}/fd"):
@@ -357,7 +357,7 @@ class RefusedTest(SpoolCase):
 
 
 class RecordsTest(SpoolCase):
-    """Once a message stands in the folder it is delivered, whatever happens to its records."""
+    """Once a message is in the folder it is delivered, whatever happens to the size records."""
 
     def setUp(self):
         super().setUp()
@@ -370,7 +370,7 @@ class RecordsTest(SpoolCase):
             with self.subTest(saying):
                 if os.path.exists(path):
                     os.unlink(path)
-                os.mkdir(path)  # nobody can append to it
+                os.mkdir(path)  # no process can append to it
                 done = self.succeed("deliver", ANN, stdin=b"x")
                 self.assertRegex(done.err, rf"^tsmail: warning: {done.out.strip()}: missing in .*"
                                  + saying)

@@ -1,4 +1,4 @@
-"""doctor: what is wrong is found and said, nothing is touched; repaired it is gone, and no mail with it."""
+"""doctor: it reports faults and changes nothing; a repair removes the fault and loses no mail."""
 
 import fcntl
 import os
@@ -58,14 +58,14 @@ class DoctorCase(SpoolCase):
         return done.objects
 
     def bodies(self):
-        """What every file below the mailbox's new, cur and tmp holds."""
+        """The contents of every file below the mailbox's new, cur and tmp."""
         return sorted(data for path, (_, data) in snapshot(TOP).items()
                       if path.split("/")[-2] in ("new", "cur", "tmp") and data is not None)
 
 
 class FindingsTest(DoctorCase):
     def found(self, check, path, what, repaired=True, rest=()):
-        """One finding, read only; repaired, or not; clean after that but for `rest`."""
+        """Expects one finding, which a repair removes or not; after that only `rest` is found."""
         before = snapshot("/var/spool")
         mail_before = self.bodies()
         [row] = [row for row in self.doctor(1) if row["check"] not in rest]
@@ -127,7 +127,7 @@ class FindingsTest(DoctorCase):
         write(TOP + "/Plain/Below/new/1.a,#F#S#1#E", "x")
         self.found("folder-parts", TOP + "/Plain", "^no cur, new, tmp$")
         self.assertEqual(folder_record(ANN, "Plain/Below"), (1, 1))
-        os.makedirs(TOP + "/plain")  # somebody's own
+        os.makedirs(TOP + "/plain")  # a user's own
         os.symlink("/etc", TOP + "/link")
         self.assertEqual(self.doctor(0), [])
 
@@ -171,7 +171,7 @@ class FindingsTest(DoctorCase):
         self.assertTrue(all("#S#" in path for path in messages(ANN)))
 
     def test_a_size_field_without_a_size(self):
-        """Tagging leaves it alone, so nobody is told that it would not."""
+        """Tagging skips it, so doctor does not promise that tagging repairs it."""
         for name in ("a,#F#E", "b,#F#S#-5#E:2,S"):
             path = put("Inbox/cur/" + name, b"123")
             self.succeed("recount", ANN)
@@ -197,7 +197,7 @@ class FindingsTest(DoctorCase):
         self.assertEqual(names_in("Inbox"), {
             "new": ["a,#F#S#5#E", "b,#F#S#5#E"],
             "cur": ["c,S=6,W=7,#F#S#5#E,U3:2,FS", "d,#F#S#5#E:2,FS"]})
-        self.assertEqual(inodes_in("Inbox"), inodes)  # who reads one goes on
+        self.assertEqual(inodes_in("Inbox"), inodes)  # a program that has one open can go on
         self.assertEqual(folder_record(ANN), (120, 5))
         self.assertEqual(mailbox_record(ANN), (140, 6))
         before = snapshot("/var/spool")
@@ -267,7 +267,7 @@ class FindingsTest(DoctorCase):
                          ["a,#F#S#4#E:2,", "a,#F#S#5#E:2,", "b,#F#S#5#E:2,"])
         self.assertEqual(content(TOP + "/Inbox/cur/a,#F#S#5#E:2,"), b"other")
         self.assertEqual(self.bodies(), before)
-        self.assertEqual(folder_record(ANN), (114, 4))  # as the names say
+        self.assertEqual(folder_record(ANN), (114, 4))  # by the sizes in the names
         [row] = self.doctor(1)
         self.assertRegex(row["what"], "^1 message ")
 
@@ -442,7 +442,7 @@ class RunTest(DoctorCase):
 
 
 class SizeFieldFaultsTest(DoctorCase):
-    """Two messages with wrong sizes in their names, and calls that fail or are the last ones."""
+    """Two messages with wrong sizes in their names, and system calls that fail or kill the process."""
 
     NAMES = ["a,#F#S#4#E:2,", "b,#F#S#6#E:2,"]
     RIGHT = ["a,#F#S#5#E:2,", "b,#F#S#5#E:2,"]

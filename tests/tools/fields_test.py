@@ -1,4 +1,4 @@
-"""--json: the fields of every verb are those of its schema, and nothing else."""
+"""--json: every verb shows exactly the fields of its schema."""
 
 import json
 import os
@@ -11,7 +11,7 @@ ANN = "ann@site.test"
 
 
 def documented():
-    """{verb: set of fields of its objects} by the schemas; a verb without fields shows nothing."""
+    """{verb: set of fields of its objects} from the schemas; a verb without fields shows nothing."""
     with open(os.path.join(SOURCE, "docs/schema/verbs.json"), encoding="utf-8") as file:
         data = json.load(file)
 
@@ -35,7 +35,7 @@ def leaves(grammar, name=""):
 
 
 class FieldsTest(SpoolCase):
-    """What is run for each verb: together these runs show every field."""
+    """The command lines for each verb: together they show every field."""
 
     def prepared(self):
         self.succeed("create", ANN, "Work")
@@ -78,7 +78,7 @@ class FieldsTest(SpoolCase):
             "quota clear": [["quota", "clear", ANN, "warning"]],
             "quota notify": [["quota", "notify", ANN, "--subject", "x"]],
             "quota reset": [["quota", "reset", ANN]],
-            "doctor": [["doctor", ANN]],  # the mailbox was marked by the verb before
+            "doctor": [["doctor", ANN]],  # the previous verb marked the mailbox
             "quota archive": [["quota", "archive"]],
             "check-name": [["check-name", "x"]],
             "config check": [["config", "check", "/tmp/broken.toml"]],
@@ -89,10 +89,10 @@ class FieldsTest(SpoolCase):
             "help": [["help", "deliver"]],
         }
 
-    # What is run answers that there is something wrong.
+    # These verbs report a fault, with these exit codes.
     CODES = {"config check": 65, "doctor": 1}
 
-    # These show preferences, whose names are the fields.
+    # These show preferences: their fields are the preferences' names.
     PREFERENCES = {"pref show", "pref get"}
 
     def test_every_verb_shows_its_fields(self):

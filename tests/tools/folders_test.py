@@ -83,7 +83,7 @@ class FoldersTest(SpoolCase):
 
     def test_the_folders_that_all_verbs_count(self):
         shutil.copytree(mail(ANN) + "/Inbox", mail(ANN) + "/.deleted..Old.1")
-        os.symlink("Work", mail(ANN) + "/Also-Work")  # once
+        os.symlink("Work", mail(ANN) + "/Also-Work")  # counted once
         self.put("Work/2024/cur/a", 3)
         self.put(".deleted..Old.1/cur/a", 3)
         names = list(self.shown())

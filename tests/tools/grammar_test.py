@@ -71,7 +71,7 @@ class GrammarTest(SpoolCase):
 
 
 def on_terminal(case, *words, **changes):
-    """What a command shows whose standard output is a terminal."""
+    """The output of a command whose standard output is a terminal."""
     master, terminal = pty.openpty()
     with subprocess.Popen([TSMAIL, *words], stdout=terminal, env=environment(**changes)) as process:
         os.close(terminal)
@@ -153,7 +153,7 @@ class StreamsTest(SpoolCase):
 
 
 class SourcesTest(unittest.TestCase):
-    """The arrows between the folders of tools/ run one way."""
+    """The folders of tools/ include each other in one direction only."""
 
     MAY_USE = {
         "": {"cli", "verbs"},

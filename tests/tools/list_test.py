@@ -126,7 +126,7 @@ class ListTest(ListCase):
         path = os.path.dirname(mail(ANN)) + "/pref/ann~site.test.friends"
         for mode in (0o600, 0o644, 0o640):
             with open(path, "wb") as file:
-                file.write(b"a@b\nc@d\ne@f")  # whose last line has no end
+                file.write(b"a@b\nc@d\ne@f")  # the last line is unterminated
             os.chmod(path, mode)
             for words in (("add", "x@y"), ("remove", "a@b"), ("replace", "1", "z@z")):
                 self.succeed("list", words[0], ANN, "friends", *words[1:])

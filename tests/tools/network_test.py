@@ -1,5 +1,5 @@
-"""Folders on a file system that several machines have: locks on files, as those on directories do not
-reach the other machine. network_like.so makes of the sandbox's file system such a one."""
+"""Folders on a file system that several machines share: files are locked, as locks on directories have no
+effect on other machines. network_like.so makes the sandbox's file system look like such a file system."""
 
 import fcntl
 import os
@@ -37,7 +37,7 @@ class NetworkTest(SpoolCase):
         return process
 
     def lock(self, folder, name, kind):
-        """A lock as another machine has it."""
+        """A lock as another machine would hold it."""
         fd = os.open(f"{mail(ANN)}/{folder}/{name}", os.O_RDWR | os.O_CREAT, 0o600)
         fcntl.flock(fd, kind)
         return fd

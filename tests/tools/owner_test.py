@@ -1,5 +1,5 @@
-"""As root on a mailbox of somebody else: whatever a verb makes belongs to the mailbox's owner, and
-only to that one."""
+"""Root works on another user's mailbox: every file that a verb makes belongs to the mailbox's owner, and
+only to that user."""
 
 import os
 import pwd
@@ -63,7 +63,7 @@ class OwnerTest(SpoolCase):
                 self.assert_owned(words)
 
     def test_mailboxes_of_many_owners_at_a_time(self):
-        """Each thread of a recount has the rights of the mailbox's owner, and no others."""
+        """Each worker of a recount has the rights of the mailbox's owner, and no others."""
         owners = {f"u{n}@site.test": 20000 + n for n in range(40)}
         inboxes = {user: f"{mail(user)}/Inbox" for user in owners}
         for user, owner in owners.items():
@@ -74,7 +74,7 @@ class OwnerTest(SpoolCase):
                     os.chown(os.path.join(directory, name), owner, owner)
             with open(f"{inboxes[user]}/new/a", "wb") as file:
                 file.write(b"x" * 10)
-        # A folder of one user that is another's: closed, whoever works beside.
+        # u7's Drafts is a link to a closed folder of u8: it stays closed, even while a worker runs as u8.
         os.rename(f"{mail('u7@site.test')}/Drafts", f"{mail('u7@site.test')}/../Drafts")
         os.symlink(inboxes["u8@site.test"], f"{mail('u7@site.test')}/Drafts")
         os.chmod(inboxes["u8@site.test"], 0o700)
@@ -107,7 +107,7 @@ class OwnerTest(SpoolCase):
 
 
 class CreateTest(SpoolCase):
-    """Whom a new mailbox belongs to."""
+    """The owner of a new mailbox."""
 
     def setUp(self):
         super().setUp()

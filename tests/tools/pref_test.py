@@ -11,7 +11,7 @@ from tools.toolkit import (TSMAIL, SpoolCase, as_nobody, content, environment, m
 
 ANN = "ann@site.test"
 FILE = mail(ANN) + "/../pref/ann~site.test.pref"
-# A literal copy of what the description says, to see that the tool follows it.
+# A literal copy of the library's description, to check that the tool follows it.
 DEFAULTS = {
     "default_sort": 1, "npage": 25, "dspam": True, "autotrain": True, "whitelist": False,
     "spamreport": True, "uname": "", "remail": "", "signature": False, "timezone": 0,

@@ -1,4 +1,4 @@
-"""recount: the totals are made true, whatever they were, whoever else works on the mailbox."""
+"""recount: it corrects the totals, whatever they were and whatever else works on the mailbox."""
 
 import fcntl
 import os
@@ -35,7 +35,7 @@ class RecountCase(SpoolCase):
         return f"{mail(ANN)}/{folder}/.ts_folder_size"
 
     def assert_true(self, marked=False):
-        """All records say what is there."""
+        """All records match the folders' contents."""
         self.assertEqual(mailbox_record(ANN), held_by_folders(ANN))
         for directory, names, _ in os.walk(mail(ANN)):
             if "cur" in names:
@@ -112,7 +112,7 @@ class RecountTest(RecountCase):
 
     def test_what_counts(self):
         inbox = mail(ANN) + "/Inbox"
-        write(inbox + "/cur/a:2,S", b"x" * 7)         # no size field: the file
+        write(inbox + "/cur/a:2,S", b"x" * 7)         # no size field: the file counts
         write(inbox + "/cur/b,#F#S#1000#E:2,S", b"")  # the name counts
         write(inbox + "/new/.hidden", b"x")
         write(inbox + "/tmp/waiting", b"x")
@@ -151,7 +151,7 @@ class RecountTest(RecountCase):
         self.fail_with(67, "recount", "dora@site.test")
 
     def test_several_at_a_time(self):
-        """What is shown is the same, however many work; each mailbox is counted by itself."""
+        """The output is the same for any number of workers; each mailbox is counted by itself."""
         users = [f"u{n}@site.test" for n in range(30)]
         for n, user in enumerate(users):
             self.succeed("create", user)
@@ -200,7 +200,7 @@ class RecountTest(RecountCase):
         self.assertEqual(done.code, 73, done)
         self.assertRegex(done.err, "tsmail: ann@site.test: Inbox: Permission denied")
         self.assertEqual(mailbox_record(BERT), (0, 0))
-        # Nothing is said of what was not counted, and the mark stays.
+        # A mailbox that was not counted keeps its record and its mark.
         self.assertEqual((mailbox_record(ANN), is_marked(ANN)), ((7, 7), True))
         os.chmod(mail(ANN) + "/Inbox/cur", 0o700)
         done = tsmail("recount", "--all", **as_nobody())
@@ -222,7 +222,7 @@ class RecountTest(RecountCase):
             self.assertEqual(mailbox_record(ANN), (7, 7))
 
     def test_a_mailbox_that_takes_all_open_files_takes_them_from_nobody(self):
-        """One waits for its last folder, with all others locked; that is no matter to the next one."""
+        """One recount waits for its last folder, with all others locked; that does not affect the next one."""
         for user in (ANN, BERT):
             self.succeed("create", user, *[f"F{n}" for n in range(60)])
             write(f"{mail(user)}/.maildirsize", "7 7\n")
@@ -243,8 +243,7 @@ class RecountTest(RecountCase):
 
 
 class AppendingTest(RecountCase):
-    """Where a descriptor that was opened to append cannot do anything else, as on file systems
-    over a network."""
+    """A descriptor that was opened to append can only append, as on network file systems."""
 
     def test_records_are_written_anew_from_their_beginning(self):
         library = f"{BUILD}/tests/mailsize/sticky_append.so"
@@ -259,7 +258,7 @@ class AppendingTest(RecountCase):
 
 
 class MeanwhileTest(RecountCase):
-    """What others do while a recount waits for a folder or works."""
+    """Other processes act while a recount waits for a folder or works."""
 
     def test_every_folder_is_waited_for(self):
         for folder in ("Drafts", "Inbox", "Work", "Work/2024"):
@@ -336,7 +335,7 @@ class MeanwhileTest(RecountCase):
                 self.assertEqual(mailbox_record(ANN), (123, 3))
 
     def test_a_young_mark_is_made_older(self):
-        # So that one set in the same moment of the clock has another time.
+        # So a mark that is set in the same tick of the clock has another time.
         seen = []
         write(MARK, "")
         self.while_it_counts(lambda: seen.append(os.stat(MARK).st_mtime))
@@ -352,7 +351,7 @@ class MeanwhileTest(RecountCase):
 
 
 class FaultTest(RecountCase):
-    """Stopped or failing at every system call: no total is lost, none is trusted that is wrong."""
+    """Killed or failing at every system call: no total is lost, and no wrong total is trusted."""
 
     OLD = {"Inbox": (7, 7), "Work/2024": (50000, 10000), "": (70, 7)}
     NEW = {"Inbox": (100, 1), "Work/2024": (23, 2), "": (123, 3)}
@@ -391,7 +390,7 @@ class FaultTest(RecountCase):
             self.assertIn(total, (self.OLD[name], self.NEW[name]), (name, done))
         if now == self.NEW:
             return
-        # The mailbox's total is wrong still; if anything was written it is marked.
+        # The mailbox's total is still wrong; if anything was written, the mailbox is marked.
         if now != self.OLD:
             self.assertTrue(is_marked(ANN), (now, done))
         self.assertNotEqual(done.code, 0, done)
@@ -485,7 +484,7 @@ class TogetherTest(RecountCase):
         self.assertTrue(all("#E" in path for path in messages(ANN)))
 
     def test_deliveries_one_upon_the_other_do_not_keep_a_recount_out(self):
-        # Each holds the folder nearly all of its time, so that there is always one who does.
+        # Each delivery holds the folder's lock nearly all the time, so that one of them always holds it.
         script = f"""end=$((SECONDS + 15)); while [ $SECONDS -lt $end ]; do
             strace -f -qq -o /dev/null -e trace=fsync -e inject=fsync:delay_exit=300000:when=2 \
                 "$0" -q deliver {ANN} "$1" || exit 1

@@ -1,4 +1,4 @@
-"""rm, sweep, mailbox remove, message rm, check-name: what goes, what stays, what is counted."""
+"""rm, sweep, mailbox remove, message rm, check-name: what is removed, what stays, what is counted."""
 
 import fcntl
 import os
@@ -215,7 +215,7 @@ class SweepTest(RemovalCase):
             time.sleep(0.1)
         dry = self.succeed("sweep", "--all", "--older", "1s", "--dry-run").lines
         self.assertRegex(dry[0], "^would remove .*Work.1: 0 messages")
-        os.chmod(f"{HOME}/{scheduled()[0]}", 0o700)  # as new as just scheduled
+        os.chmod(f"{HOME}/{scheduled()[0]}", 0o700)  # now it counts as just scheduled
         self.assertEqual(self.succeed("sweep", ANN, "--older", "2s").out, "")
         while time.time() < os.lstat(f"{HOME}/{scheduled()[0]}").st_ctime + 2.1:
             time.sleep(0.1)
@@ -323,7 +323,7 @@ class MailboxTest(RemovalCase):
         self.assertEqual(os.listdir("/var/spool/elsewhere"), [])
 
     def test_a_partner_whose_list_cannot_be_changed(self):
-        """That is said; the mailbox goes all the same."""
+        """The command reports that and removes the mailbox nevertheless."""
         theirs = f"{os.path.dirname(mail(BERT))}/pref/bert~site.test.secondaryaddr"
         os.unlink(theirs)
         os.mkdir(theirs)
@@ -411,7 +411,7 @@ class MessageTest(RemovalCase):
 
 
 class CheckNameTest(SpoolCase):
-    ROWS = (  # name, options, whether valid, why not
+    ROWS = (  # name, options, whether valid, reason
         ("Work", (), True, ""),
         ("a.b", (), True, ""),
         ("a b", (), True, ""),

@@ -1,4 +1,4 @@
-"""Whether what the command shows with --json is what its schemas say, by a validator of others."""
+"""Checks the output of --json against the schemas with an independent validator."""
 
 import functools
 import json
@@ -6,22 +6,22 @@ import os
 import sys
 
 BUILD = os.environ["TSMAIL_BUILD"]
-DEBIAN = "/usr/lib/python3/dist-packages"  # where the validator lies, whichever Python runs the tests
+DEBIAN = "/usr/lib/python3/dist-packages"  # where the validator is, whichever Python runs the tests
 
 
 def strict(schema):
-    """The schema with objects that have its fields alone. Programs may meet more fields in later
-    versions; these tests may not."""
+    """The schema, but with objects that allow no other fields. Later versions may show programs more fields;
+    these tests must not meet any."""
     if isinstance(schema, list):
         return [strict(part) for part in schema]
     if not isinstance(schema, dict):
         return schema
     inner = {key: strict(part) for key, part in schema.items()}
     describes_fields = isinstance(schema.get("type"), str) and "properties" in schema
-    # (A validator of today takes what "additionalProperties" of a reference allows for not evaluated.)
+    # (Current validators treat the properties that a reference's "additionalProperties" allows as unevaluated.)
     any_field = schema.get("$ref") == "#/$defs/preferences"
     closed = ("$schema" in schema and not any_field) or describes_fields
-    # A text that is not UTF-8 has its bytes beside it.
+    # A text that is not UTF-8 has its bytes in a second field.
     hexadecimal = {"_hex$": {"type": "string", "pattern": "^([0-9a-f][0-9a-f])+$"}}
     return {**inner, "patternProperties": hexadecimal, "unevaluatedProperties": False} if closed else inner
 
@@ -57,7 +57,7 @@ def takes_value(word, *verbs):
 
 
 def verb_of(words):
-    """The full name of the verb in a command line; "" if there is none. What --help shows is that of "help"."""
+    """The full name of the verb in a command line; "" if there is none. For --help it is "help"."""
     if not {"-h", "--help"}.isdisjoint(words):
         return "help"
     at, names, rest = grammar(), [], iter(words)
@@ -76,12 +76,12 @@ def verb_of(words):
 
 
 def check_shown(words, shown):
-    """An AssertionError if a line that these words of a command line made it show is not as promised."""
+    """An AssertionError if a line of the output for this command line does not match its schema."""
     words = [os.fsdecode(word) for word in words]
     if "--json" not in words or "--version" in words:
         return
     verb = verb_of(words)
     for line in shown.splitlines(keepends=True):
-        if line.endswith("\n"):  # the last one of a process that was killed may be cut
+        if line.endswith("\n"):  # a killed process may have cut its last line
             errors = list(validator(verb).iter_errors(json.loads(line)))
             assert not errors, f"tsmail {' '.join(words)}: {errors[0].message}: {line}"

@@ -1,4 +1,4 @@
-"""size, tag, messages: what is shown of folders and their sizes, and tagging."""
+"""size, tag, messages: the output about folders and their sizes, and tagging."""
 
 import fcntl
 import os
@@ -122,7 +122,7 @@ class TagTest(SizeCase):
                          ["b,#F#S#20#E:2,S", "c,#F#S#3#E,U5:2,RS", "e,#F#S#99#E:2,"])
         self.assertEqual(self.names("Inbox", "tmp"), ["d"])
         self.assertEqual(self.names("Work/2024", "new"), ["f,#F#S#5#E"])
-        # No size changed: the totals stay true and there is nothing to tell.
+        # No size changed: the totals stay true, and the daemon is told nothing.
         self.assertEqual((mailbox_record(ANN), folder_record(ANN)), before)
         self.assertEqual(self.told(daemon), [])
         self.assertTrue(all(row["agrees"] for row in self.succeed("--json", "size", ANN).objects))

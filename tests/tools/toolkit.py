@@ -1,4 +1,4 @@
-"""What the tests of the tsmail command share: running it, and looking at a spool by plain means."""
+"""Shared helpers for tests of the tsmail command: they run it and inspect a spool by plain means."""
 
 import fcntl
 import glob
@@ -65,7 +65,7 @@ def run(words, stdin=b"", env=None, **options):
 
 
 def check_schema(words, shown):
-    """What a command with --json has shown is as its schema says."""
+    """Checks that the output of a command with --json matches its schema."""
     if TSMAIL in words:
         check_shown(words[words.index(TSMAIL) + 1:], shown)
 
@@ -108,7 +108,7 @@ class Call(str):
 
 
 def processes_of(process):
-    """The process and those that it has started."""
+    """The process and its children."""
     started = []
     for task in glob.glob(f"/proc/{process.pid}/task/*/children"):
         with open(task, encoding="ascii") as file:
@@ -125,7 +125,7 @@ def workers_of(pid):
 def traced(options, words, **more):
     """Runs words under strace; returns the result and the list of the system calls' lines."""
     log = "/tmp/trace.log"
-    env = environment(ASAN_OPTIONS="detect_leaks=0")  # leaks cannot be looked for under a tracer
+    env = environment(ASAN_OPTIONS="detect_leaks=0")  # the leak check does not work under a tracer
     done = run(["strace", "-f", "-qq", "-o", log, *options, "--", *words], env=env, **more)
     with open(log, encoding="utf-8", errors="replace") as file:
         calls = [Call(line.rstrip("\n")) for line in file]
@@ -133,7 +133,7 @@ def traced(options, words, **more):
 
 
 def numbered(calls):
-    """(name, n, line) of each system call: the n-th of its name in its process, as strace counts."""
+    """(name, n, line) of each system call, which is the n-th of its name in its process, as strace counts."""
     counts, result = {}, []
     for line in calls:
         match = re.match(r"(\w+)\(", line)
@@ -159,7 +159,7 @@ def left_in_tmp(address):
 
 
 def record(path):
-    """The sums of a size record file, as its format says; (0, 0) if there is none."""
+    """The sums of a size record file, read by its format; (0, 0) if there is no file."""
     size = count = 0
     if os.path.exists(path):
         with open(path, encoding="ascii") as file:
@@ -192,7 +192,7 @@ def mode(path):
 
 
 def held_by_folders(address):
-    """Bytes and messages in the new and cur of all folders of the mailbox, by their files."""
+    """Bytes and messages in new and cur of all folders of the mailbox, by the files' sizes."""
     paths = [path for sub in ("new", "cur")
              for path in glob.glob(f"{mail(address)}/**/{sub}/*", recursive=True)]
     return sum(os.path.getsize(path) for path in paths), len(paths)
@@ -257,7 +257,7 @@ class SpoolCase(unittest.TestCase):
 
     @staticmethod
     def told(daemon):
-        """What the daemon was sent since the last call."""
+        """What was sent to the daemon since the last call."""
         texts = []
         while True:
             try:
@@ -266,7 +266,7 @@ class SpoolCase(unittest.TestCase):
                 return texts
 
     def begin(self, *words, **options):
-        """A tsmail command that runs on; ended with the test."""
+        """Starts a tsmail command and does not wait for it. It is ended with the test."""
         process = subprocess.Popen([TSMAIL, *words], stdin=options.pop("stdin", subprocess.DEVNULL),
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                    env=environment(), **options)
@@ -281,7 +281,7 @@ class SpoolCase(unittest.TestCase):
         return out.decode(), err.decode()
 
     def assert_counted(self, address, folder="Inbox"):
-        """Folder and mailbox records say what the folder holds (the only one with mail)."""
+        """The records of folder and mailbox match the folder's contents (the only folder with mail)."""
         sizes = [os.path.getsize(path) for path in messages(address, folder)]
         self.assertEqual(folder_record(address, folder), (sum(sizes), len(sizes)))
         self.assertEqual(mailbox_record(address), (sum(sizes), len(sizes)))

@@ -6,7 +6,7 @@ import subprocess
 
 from tools.toolkit import Result, environment, wait_until, workers_of
 
-# Leaks cannot be looked for under a tracer.
+# The leak check does not work under a tracer.
 ENVIRONMENT = {"ASAN_OPTIONS": "detect_leaks=0"}
 
 
@@ -30,8 +30,8 @@ def stopped_worker(process, log):
 
 
 def traced_worker(options, words, stdin=b""):
-    """Runs words with the worker under strace from its first step on: so the calls of the loader, which have the
-    same names, are not counted. Returns the result and the worker's calls."""
+    """Runs words with the worker under strace from its first step on, so that the loader's calls, which have
+    the same names, are not counted. Returns the result and the worker's calls."""
     first, second = "/tmp/first.log", "/tmp/second.log"
     for log in (first, second):
         if os.path.exists(log):
@@ -49,7 +49,7 @@ def traced_worker(options, words, stdin=b""):
 
 
 def traced_parent(options, words, stdin=b""):
-    """The same of the command itself, without its workers."""
+    """The same for the command itself, without its workers."""
     log = "/tmp/parent.log"
     done = subprocess.run(["strace", "-qq", "-o", log, *options, "--", *words], env=environment(**ENVIRONMENT),
                           input=stdin, capture_output=True, timeout=120, check=False)

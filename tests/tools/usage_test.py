@@ -1,4 +1,4 @@
-"""usage: all mailboxes at a glance, at the cost of one file each."""
+"""usage: it shows all mailboxes and opens only one file for each."""
 
 import os
 import re
@@ -98,7 +98,7 @@ class ManyTest(SpoolCase):
             self.assertEqual(len(self.succeed("usage").lines), number + 1)
             after = resource.getrusage(resource.RUSAGE_CHILDREN)
             best = min(best, after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime)
-        self.assertLess(best, 1.0)  # of the processor's time: others may be at work
+        self.assertLess(best, 1.0)  # CPU time, as other processes may be running
 
 
 if __name__ == "__main__":
