@@ -63,7 +63,7 @@ bool is_directory(int dir, const dirent64& entry) {
     return ::fstatat(dir, entry.d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The next names of a directory that are no directories, each ended by NUL. False at the end.
+// The next names of a directory, without those of directories, each ended by NUL. False at the end.
 bool next_names(int dir, DirReader& reader, std::string& names) {
     names.clear();
     const dirent64* entry = nullptr;

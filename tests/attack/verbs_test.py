@@ -14,6 +14,7 @@ import time
 import unittest
 
 from tools.toolkit import SANITIZED, TSMAIL, Lock, SpoolCase, content, environment, mail, run, tsmail, write
+from tools.tracing import traced_parent
 
 ANN, BERT, MAILMAN = "ann@site.test", "bert@site.test", 20009
 USERS = {ANN: 20001, BERT: 20002}
@@ -657,6 +658,33 @@ while True:
                         self.assertEqual(everything(ROOTS), before)
                 finally:
                     swapper.kill()
+
+    def test_killed_at_each_call(self):
+        """At most an empty directory with a hidden name is left. A home that is there has its owner, and the same
+        command completes it."""
+        words = [TSMAIL, "create", "eve@site.test", "--owner", "20005:20005"]
+        domain, target = os.path.dirname(home()), home("eve@site.test")
+        _, calls = traced_parent([], words)
+        first = next(n for n, line in enumerate(calls) if "/var/spool" in line)
+        counts, killed = {}, 0
+        for number, line in enumerate(calls):
+            name = line.split("(", 1)[0]
+            counts[name] = counts.get(name, 0) + 1
+            if number < first or not name.isidentifier() or name == "exit_group":
+                continue
+            with self.subTest(call=name, n=counts[name]):
+                self.restore()
+                done, _ = traced_parent(["-e", f"inject={name}:signal=KILL:when={counts[name]}"], words)
+                killed += done.code == -9
+                for left in set(os.listdir(domain)) - {os.path.basename(home(user)) for user in USERS}:
+                    if left == os.path.basename(target):
+                        self.assertEqual(os.stat(target).st_uid, 20005)
+                    else:
+                        self.assertTrue(left.startswith(".eve~site.test."), left)
+                        self.assertEqual(os.listdir(f"{domain}/{left}"), [])
+                self.assertEqual(tsmail(*words[1:]).code, 0)
+                self.assertEqual({row[:2] for row in everything(target).values()}, {(20005, 20005)})
+        self.assertGreater(killed, 20)
 
     def test_create_where_something_stands(self):
         target = home("eve@site.test")

@@ -331,7 +331,7 @@ class FindingsTest(DoctorCase):
                 self.assertEqual(content(path), b"")
             os.unlink(path)
             os.mkdir(path)
-            self.found("flags", path, "is no file", repaired=False)
+            self.found("flags", path, "is not a file", repaired=False)
             os.rmdir(path)
 
 

@@ -185,7 +185,7 @@ std::vector<Finding> look_at_flags(const Patient& patient) {
         struct stat st;
         if (::lstat(path.c_str(), &st) != 0) continue;
         if (!S_ISREG(st.st_mode)) {
-            findings.push_back({path, "is no file", ""});
+            findings.push_back({path, "is not a file", ""});
             continue;
         }
         const std::vector<string> lines = lines_of(path);

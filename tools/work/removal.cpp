@@ -132,7 +132,7 @@ void check_message_name(std::string_view name) {
     else if (name.find('/') != std::string_view::npos)
         reason = "it holds a '/'";
     else if (name.front() == '.')
-        reason = "names that begin with '.' are no messages";
+        reason = "names that begin with '.' are not messages";
     if (reason == nullptr) return;
     throw Failure(kExitData, "message name \"" + printable(name) + "\" is refused: " + reason);
 }
