@@ -71,18 +71,18 @@ show_mailboxes() {
     tsmail_shown create bert@site.test Projects/Shelves
     expect "a folder within a folder is one, too" test -d "$spool/bert~site.test/mail/Projects/cur"
     tsmail_shown paths ann+Work@site.test --kind maildrop
-    expect "mail to ann+Work goes to her folder Work" says '/ann~site.test/mail/Work$'
+    expect "ann+Work has the folder Work, once there is one" says '/ann~site.test/mail/Work$'
 }
 
 show_delivery() {
     step "Mail comes in"
     tell "All $(find "$samples" -name '*.eml' | wc -l) sample messages for Ann," \
-        "then some for sub-addresses, whose folders appear by themselves."
+        "then some for a sub-address, whose folder the operator allows to appear."
     tsmail_shown --quiet deliver ann@site.test "$samples"/*.eml
     expect "delivered" answered 0
     expect "every message is there, every byte as it was sent" \
         all_samples_in "$spool/ann~site.test/mail/Inbox"
-    tsmail_shown deliver ann+Work@site.test "$samples/attachment.eml" "$samples/signed.eml"
+    tsmail_shown deliver --new-folders ann+Work@site.test "$samples/attachment.eml" "$samples/signed.eml"
     expect "in the folder Work" says '/mail/Work/new/'
     tsmail_shown deliver bert@site.test --folder Projects/Shelves "$samples/plain.eml"
     expect "in the folder that was named" says '/mail/Projects/Shelves/new/'

@@ -53,7 +53,7 @@ int run(int argc, const char* const* argv) {
         return run_verb(argc, argv, session);
     } catch (const Failure& failure) {
         session.out.finish();
-        session.error(failure.what());
+        session.error(failure.what(), failure.status());
         return failure.code();
     } catch (const std::bad_alloc&) {
         session.error("out of memory");

@@ -26,7 +26,8 @@ TEMPLATE = "/tmp/template"
 VERBS = (
     ("create", ANN), ("create", ANN, "Extra/Sub"), ("folders", ANN), ("messages", ANN, "Inbox"), ("size", ANN),
     ("recount", ANN), ("tag", ANN), ("usage",), ("usage", "--verify"), ("doctor", ANN), ("doctor", ANN, "--repair"),
-    ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", ANN, "--folder", "Work", "--create"),
+    ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", "ann+Tag@site.test", "--new-folders"),
+    ("deliver", ANN, "--defer-exceeded"), ("deliver", ANN, "--folder", "Work", "--create"),
     ("pref", "show", ANN), ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),
     ("list", "show", ANN, "whitelist"), ("list", "export", ANN, "whitelist"), ("list", "add", ANN, "whitelist", "x@y"),
     ("list", "remove", ANN, "whitelist", "a@b"), ("list", "replace", ANN, "whitelist", "1", "c@d"),

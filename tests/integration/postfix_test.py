@@ -8,7 +8,7 @@ import subprocess
 import time
 
 import neighbours
-from toolkit import HOME, SpoolCase, content, folder_record, mailbox_record, messages
+from toolkit import HOME, SpoolCase, content, folder_record, mail, mailbox_record, messages
 
 LOG = "/var/spool/log/postfix"
 CONF = "/etc/postfix"
@@ -48,6 +48,8 @@ def everything_delivered():
 
 
 class PostfixCase(SpoolCase):
+    MASTER = ("", "")  # what a case changes in the shown configuration
+
     def setUp(self):
         super().setUp()
         neighbours.make_home()
@@ -59,11 +61,11 @@ class PostfixCase(SpoolCase):
         with open("/usr/share/postfix/master.cf.dist") as dist:
             debian = dist.read()
         with open(f"{CONF}/master.cf", "w") as master:
-            master.write(debian + shown("postfix.md", "master.cf"))
+            master.write(debian + shown("postfix.md", "master.cf").replace(*self.MASTER))
         done = postfix("start")
         self.assertEqual(done.returncode, 0, done.stdout.decode())
         for user in ("ann", "bob"):
-            self.succeed("create", f"{user}@site.test", **neighbours.as_vmail())
+            self.succeed("create", f"{user}@site.test", "Work", **neighbours.as_vmail())
 
     def tearDown(self):
         postfix("stop")
@@ -119,6 +121,47 @@ class ArrivalTest(PostfixCase):
             self.assertEqual(folder_record("ann@site.test", folder), (found, 30))
             sizes.append(found)
         self.assertEqual(mailbox_record("ann@site.test"), (sum(sizes), 60))
+
+
+class TagTest(PostfixCase):
+    def test_a_stranger_makes_no_folder(self):
+        for tag in ("anything", "work", "INBOX"):
+            self.submit("bob@site.test", f"ann+{tag}@site.test", b"Subject: x\n\ntext\n")
+        wait_until(everything_delivered, "delivery")
+        self.assertEqual(len(messages("ann@site.test")), 3)
+        self.assertFalse(os.path.exists(f"{mail('ann@site.test')}/anything"))
+
+
+class QuotaTest(PostfixCase):
+    def test_a_full_mailbox_is_refused_with_its_status(self):
+        self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        self.submit("bob@site.test", "ann@site.test", b"Subject: one too many\n\ntext\n")
+        wait_until(everything_delivered, "the bounce")
+        path, = messages("bob@site.test")
+        bounce = content(path)
+        self.assertIn(b"Status: 5.2.2", bounce)
+        self.assertIn(b"ann@site.test: the mailbox is full", bounce)
+        self.assertIn(b"Subject: one too many", bounce)
+        self.assertEqual(messages("ann@site.test"), [])
+        self.succeed("quota", "clear", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        self.submit("bob@site.test", "ann@site.test", b"Subject: room again\n\ntext\n")
+        wait_until(everything_delivered, "delivery")
+        self.assertEqual(len(messages("ann@site.test")), 1)
+
+
+class DeferTest(PostfixCase):
+    MASTER = ("--refuse-exceeded", "--defer-exceeded")
+
+    def test_a_full_mailbox_may_be_tried_again(self):
+        self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        self.submit("bob@site.test", "ann@site.test", b"Subject: later\n\ntext\n")
+        wait_until(deferred, "the delay")
+        self.assertRegex(deferred()[0], "the mailbox is full")
+        self.assertEqual(messages("bob@site.test"), [])
+        self.succeed("quota", "clear", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        subprocess.run(["postqueue", "-f"], check=True)
+        wait_until(everything_delivered, "delivery after the delay")
+        self.assertEqual(len(messages("ann@site.test")), 1)
 
 
 class ExitCodeTest(PostfixCase):

@@ -175,7 +175,7 @@ class NotifyTest(SpoolCase):
 
     def test_each_message_is_told(self):
         daemon = self.listen()
-        self.succeed("deliver", "ann+Work@site.test", stdin=b"x" * 2048)
+        self.succeed("deliver", ANN, "--folder", "Work", stdin=b"x" * 2048)
         self.assertEqual(self.told(daemon), [f"S2048,F({mail(ANN)}/Work)"])
         paths = self.succeed("deliver", ANN, *toolkit.SAMPLES[:3]).lines
         self.assertEqual(self.told(daemon), [f"S{os.path.getsize(path)},F({mail(ANN)}/Inbox)"
@@ -227,7 +227,7 @@ class NotifyTest(SpoolCase):
 
     def test_removals_hold_no_lock_either(self):
         self.succeed("create", ANN, "Work")
-        self.succeed("deliver", "ann+Work@site.test", stdin=b"x")
+        self.succeed("deliver", ANN, "--folder", "Work", stdin=b"x")
         path = self.succeed("deliver", ANN, stdin=b"x").lines[0]
         with open(mail(ANN) + "/Sent/new/by-hand", "wb") as file:
             file.write(b"x")

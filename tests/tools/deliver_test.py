@@ -141,7 +141,7 @@ class DeliverTest(SpoolCase):
                 ("ann+Drafts@site.test", [], "Drafts"), ("ann+A b@site.test", [], "A b")]
         for address, options, folder in rows:
             with self.subTest(address=address, options=options):
-                [path] = self.succeed("deliver", address, *options, stdin=b"x").lines
+                [path] = self.succeed("deliver", "--new-folders", address, *options, stdin=b"x").lines
                 self.assertTrue(path.startswith(f"{mail(ANN)}/{folder}/new/"), path)
         self.assertTrue(os.path.isdir(mail(ANN) + "/Work/cur"))
 
@@ -157,7 +157,7 @@ class DeliverTest(SpoolCase):
             [path] = self.succeed("deliver", "--no-new-folder", *words, stdin=b"x").lines
             self.assertTrue(path.startswith(mail(ANN) + "/Inbox/new/"), path)
         self.succeed("create", ANN, "Work")
-        [path] = self.succeed("deliver", "--no-new-folder", "ann+Work@site.test", stdin=b"x").lines
+        [path] = self.succeed("deliver", "--no-new-folder", ANN, "--folder", "Work", stdin=b"x").lines
         self.assertTrue(path.startswith(mail(ANN) + "/Work/new/"), path)
 
     def test_a_folder_without_all_its_parts_is_completed(self):
@@ -172,7 +172,7 @@ class DeliverTest(SpoolCase):
         self.fail_with(67, "deliver", "bob@site.test", stdin=b"x", saying="bob@site.test: there is no such mailbox")
         self.fail_with(67, "deliver", "bob@other.test", "/nowhere", saying="no such mailbox")
         self.assertFalse(os.path.exists(mail("bob@site.test")))
-        [path] = self.succeed("deliver", "--create", "bob+Work@site.test", stdin=b"x").lines
+        [path] = self.succeed("deliver", "--create", "--new-folders", "bob+Work@site.test", stdin=b"x").lines
         self.assertTrue(path.startswith(mail("bob@site.test") + "/Work/new/"))
         self.assertEqual(sorted(os.listdir(mail("bob@site.test"))),
                          sorted([*SYSTEM_FOLDERS, "Work", ".maildirsize"]))
@@ -196,7 +196,7 @@ class DeliverTest(SpoolCase):
         self.assertGreater(len(names), 4)  # the random number is seeded
 
     def test_json(self):
-        [shown] = self.succeed("--json", "deliver", "ann+Work@site.test", stdin=b"12345").objects
+        [shown] = self.succeed("--json", "deliver", ANN, "--folder", "Work", stdin=b"12345").objects
         self.assertEqual({k: shown[k] for k in ("folder", "size")}, {"folder": "Work", "size": 5})
         self.assertEqual(content(shown["path"]), b"12345")
 
@@ -302,7 +302,7 @@ class RefusedTest(SpoolCase):
             os.mkdir(path)
         with open(mail(ANN) + "/Work", "wb"):
             pass
-        self.unchanged(73, "Not a directory", "ann+Work@site.test")
+        self.unchanged(73, "Not a directory", "ann+Work@site.test", "--new-folders")
 
     def test_limits(self):
         self.unchanged(75, "File too large", stdin=b"x" * 5000, preexec_fn=limited(FSIZE=4096))
@@ -390,7 +390,7 @@ class RecordsTest(SpoolCase):
         self.assertEqual(content(mail(ANN) + "/.maildirsize"), b"0S, 0C\n9003 901\n")
 
     def test_folders_and_subfolders_have_their_own(self):
-        self.succeed("deliver", "ann+Work@site.test", stdin=b"12")
+        self.succeed("deliver", "ann+Work@site.test", "--new-folders", stdin=b"12")
         self.succeed("deliver", ANN, "--folder", "Work/2024", stdin=b"345")
         self.assertEqual(folder_record(ANN, "Work"), (2, 1))
         self.assertEqual(folder_record(ANN, "Work/2024"), (3, 1))

@@ -45,7 +45,7 @@ class OwnerTest(SpoolCase):
         with open("/tmp/entries", "wb") as file:
             file.write(b"*@spam.test\n*@more.test\n")
         for words in (
-                ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("create", ANN, "Another"),
+                ("deliver", ANN), ("deliver", "ann+Tag@site.test", "--new-folders"), ("create", ANN, "Another"),
                 ("tag", ANN), ("recount", ANN), ("recount", "--all"),
                 ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),
                 ("list", "add", ANN, "whitelist", "bob@site.test"),

@@ -76,7 +76,7 @@ Failure for_queue(const Failure& failure) {
     const int error = failure.error();
     const bool passes = failure.code() == kExitCannotCreate &&
                         (error == EACCES || error == EPERM || error == EROFS);
-    return {passes ? kExitTryAgain : failure.code(), failure.what(), error};
+    return {passes ? kExitTryAgain : failure.code(), failure.what(), error, failure.status()};
 }
 
 }  // namespace Tessaly::tool

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Tessaly::tool {
 
@@ -30,15 +31,18 @@ ExitCode exit_code_of(int error);
 // What ends a verb: the text for the person, the code for the caller.
 class Failure : public std::runtime_error {
   public:
-    Failure(ExitCode code, const std::string& message, int error = 0)
-        : std::runtime_error(message), code_(code), error_(error) {}
+    Failure(ExitCode code, const std::string& message, int error = 0, std::string status = {})
+        : std::runtime_error(message), code_(code), error_(error), status_(std::move(status)) {}
     ExitCode code() const { return code_; }
     // The failed system call's errno; 0 if no system call failed.
     int error() const { return error_; }
+    // The enhanced status code that a mail transfer agent has to pass on, as "5.2.2"; mostly empty.
+    const std::string& status() const { return status_; }
 
   private:
     ExitCode code_;
     int error_;
+    std::string status_;
 };
 
 // "what: the system's text for the error" with the code of exit_code_of.

@@ -29,4 +29,9 @@ void Session::detail(std::string_view message) const {
 
 void Session::error(std::string_view message) const { say("tsmail: ", message); }
 
+void Session::error(std::string_view message, std::string_view status) const {
+    if (status.empty()) return error(message);
+    say(std::string(status).append(" "), message);
+}
+
 }  // namespace Tessaly::tool

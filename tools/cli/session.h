@@ -30,6 +30,9 @@ struct Session {
     // Writes a message to standard error; `quiet` silences a warning, but not an error.
     void warn(std::string_view message) const;
     void error(std::string_view message) const;
+    // The same for a failure with an enhanced status code. The code then takes the place of the
+    // program's name, because a mail transfer agent looks for it at the beginning.
+    void error(std::string_view message, std::string_view status) const;
     // Writes a message that only a higher verbosity shows.
     void detail(std::string_view message) const;
 };

@@ -52,7 +52,10 @@ class Results {
         while (!waiting_.empty() && waiting_.begin()->first == shown_) show_first();
     }
     void fail(std::size_t task, const Failure& failure) {
-        put(task, {Event::error, {{"text", failure.what()}, {"code", int{failure.code()}}}});
+        put(task, {Event::error,
+                   {{"text", failure.what()},
+                    {"code", int{failure.code()}},
+                    {"status", failure.status()}}});
         put(task, {Event::end, {{"code", int{failure.code()}}}});
     }
     // How many tasks have ended and been shown.
@@ -77,8 +80,7 @@ class Results {
             case Event::detail:
                 return session_.detail(text_of(body));
             case Event::error:
-                return session_.error(job_.failed ? job_.failed(task, text_of(body))
-                                                  : text_of(body));
+                return show_error(task, body);
             case Event::progress:
                 if (wants_steps())
                     progress_.advance(body.value("done", 0U), body.value("total", 0U));
@@ -88,6 +90,14 @@ class Results {
                 return;
             case Event::end:
                 return finish(body.value("code", int{kExitSoftware}));
+        }
+    }
+
+    void show_error(std::size_t task, const Json& body) {
+        const string text = job_.failed ? job_.failed(task, text_of(body)) : text_of(body);
+        session_.error(text, body.value("status", string()));
+        if (job_.show_failure) {
+            job_.show_failure(task, text, body.value("code", int{kExitSoftware}));
         }
     }
 

@@ -41,6 +41,9 @@ struct Job {
     // In the parent: the text that people see for a failure, to which a verb may add its object.
     // Without this function the text is shown unchanged.
     std::function<std::string(std::size_t, const std::string&)> failed = {};
+    // In the parent: shows a failure in the output, too, with its text as people see it and its
+    // exit code.
+    std::function<void(std::size_t, const std::string&, int)> show_failure = {};
 
     // In a worker: does the task and returns the exit code. A Failure ends the task with its code.
     // `input` is -1 if the task has no input.

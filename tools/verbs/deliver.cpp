@@ -1,5 +1,4 @@
 // deliver - puts messages into a mailbox.
-#include <fmt/format.h>
 #include <sys/random.h>
 
 #include <algorithm>
@@ -12,6 +11,7 @@
 #include "tools/spool/new_home.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/delivery.h"
+#include "tools/work/mbox.h"
 #include "tools/work/quota_daemon.h"
 #include "tools/work/records.h"
 #include "tools/work/signals.h"
@@ -29,6 +29,9 @@ struct Arguments {
     std::vector<string> files;
     bool create = false;
     bool no_new_folder = false;
+    bool new_folders = false;
+    bool refuse_exceeded = false;
+    bool defer_exceeded = false;
 };
 
 // Message names contain numbers from the C library's generators, which the program has to seed.
@@ -59,21 +62,52 @@ struct Plan {
     mode_t callers_umask;
     bool may_make_mailbox;
     bool may_make_folder;
+    std::optional<ExitCode> over_quota;  // the answer for a mailbox over its quota
 };
 
+void refuse_mbox(const Input& input) {
+    if (!holds_several_messages(input.fd)) return;
+    throw Failure(
+        kExitData,
+        "it holds several messages, and deliver stores one; \"tsmail import\" stores each");
+}
+
 void deliver(const Plan& plan, const Input& input, Report& report) {
-    const SignalHold signals;
-    const FolderMaker maker(plan.callers_umask);
-    if (!mailbox_exists(plan.id)) {
-        if (!plan.may_make_mailbox) demand_mailbox(plan.id);
-        maker.make_mailbox(plan.id);
+    string directory = plan.id.mailpath();
+    try {
+        const SignalHold signals;
+        const FolderMaker maker(plan.callers_umask);
+        if (!mailbox_exists(plan.id)) {
+            if (!plan.may_make_mailbox) demand_mailbox(plan.id);
+            maker.make_mailbox(plan.id);
+        }
+        if (plan.over_quota) demand_room(plan.id, *plan.over_quota);
+        const string folder = choose_folder(plan.id, plan.folder, plan.may_make_folder);
+        directory = plan.id.mailfolder(folder);
+        Delivery delivery(plan.id, folder, maker, plan.may_make_folder);
+        delivery.deliver(input, plan.queue_id, signals, report);
+    } catch (const Failure& failure) {
+        report.error(for_queue(explained(failure, directory)));
     }
-    const string folder = choose_folder(plan.id, plan.folder, plan.may_make_folder);
-    Delivery delivery(plan.id, folder, maker, plan.may_make_folder);
-    delivery.deliver(input, plan.queue_id, signals, report);
 }
 
 // ---- in the parent
+
+std::optional<ExitCode> answer_over_quota(const Arguments& arguments) {
+    if (arguments.refuse_exceeded && arguments.defer_exceeded) {
+        throw Failure(kExitUsage, "give --refuse-exceeded or --defer-exceeded, not both");
+    }
+    if (arguments.refuse_exceeded) return kExitUnavailable;
+    return arguments.defer_exceeded ? std::optional(kExitTryAgain) : std::nullopt;
+}
+
+// A stranger chooses the tag, the operator the option: so only the latter makes folders by default.
+bool may_make_folder(const Arguments& arguments) {
+    if (arguments.new_folders && arguments.no_new_folder) {
+        throw Failure(kExitUsage, "give --new-folders or --no-new-folder, not both");
+    }
+    return arguments.folder ? !arguments.no_new_folder : arguments.new_folders;
+}
 
 Plan plan_of(const Session& session, const Arguments& arguments) {
     const TSMailUserId id = mailbox_of(arguments.address);
@@ -84,7 +118,8 @@ Plan plan_of(const Session& session, const Arguments& arguments) {
             arguments.queue_id.value_or(own_queue_id()),
             session.callers_umask,
             arguments.create,
-            !arguments.no_new_folder};
+            may_make_folder(arguments),
+            answer_over_quota(arguments)};
 }
 
 Owner owner_for(Session& session, const Plan& plan) {
@@ -92,36 +127,49 @@ Owner owner_for(Session& session, const Plan& plan) {
         return plan.may_make_mailbox ? owner_of_made_mailbox(session, plan.id, {})
                                      : Homes().owner(plan.id);
     } catch (const Failure& failure) {
-        throw for_queue(failure);
+        throw for_queue(explained(failure, plan.id.mailpath()));
     }
 }
 
-void show(Session& session, const Json& delivered) {
-    if (session.json) {
-        session.out.object(delivered);
-    } else {
-        session.out.line(printable(delivered.at("path").get<string>()));
-    }
-    // Writes at once: a caller that has read this line need not deliver the message again.
+// Writes at once: a caller that has read this line need not deliver the message again.
+void write_out(Session& session) {
     if (!session.out.finish()) session.warn("standard output: " + error_text(errno));
 }
 
 // The messages: files, or standard input.
 class Messages {
   public:
-    explicit Messages(const std::vector<string>& files) : files_(files) {}
+    // A Failure with kExitUsage if standard input is to be read twice.
+    explicit Messages(const std::vector<string>& files) : files_(files) {
+        if (std::count(files.begin(), files.end(), kStandardInput) < 2) return;
+        throw Failure(kExitUsage, "standard input (-) can be given once");
+    }
 
     std::size_t count() const { return std::max<std::size_t>(files_.size(), 1); }
+    bool is_file(std::size_t n) const { return !files_.empty() && files_[n] != kStandardInput; }
     // In the parent: opens message n with the caller's rights.
     Fd open(std::size_t n) const {
-        return files_.empty() ? Fd() : std::move(open_input(files_[n]).owned);
+        return is_file(n) ? std::move(open_input(files_[n]).owned) : Fd();
     }
     // In the worker: the input that the parent opened.
     Input opened(std::size_t n, int fd) const {
-        return files_.empty() ? open_input("") : Input{Fd(), fd, printable(files_[n])};
+        return is_file(n) ? Input{Fd(), fd, printable(files_[n])} : open_input("");
+    }
+    // The text of a failure, with the file in front of it.
+    string failed(std::size_t n, const string& text) const {
+        const string name = is_file(n) ? printable(files_[n]) + ": " : "";
+        return text.starts_with(name) ? text : name + text;
+    }
+    // An object about message n: that and what comes of it.
+    Json object(std::size_t n, const Json& outcome) const {
+        Json object = Json::object();
+        if (!files_.empty()) object["file"] = files_[n];
+        object.update(outcome);
+        return object;
     }
 
   private:
+    static constexpr char kStandardInput[] = "-";
     const std::vector<string>& files_;
 };
 
@@ -138,15 +186,25 @@ int run_deliver(Session& session, const Arguments& arguments) {
     job.owner = [&](std::size_t) { return owner; };
     job.input = [&](std::size_t n) { return messages.open(n); };
     job.work = [&](std::size_t n, int input, Report& report) {
-        try {
-            deliver(plan, messages.opened(n, input), report);
-        } catch (const Failure& failure) {
-            report.error(for_queue(failure));
-        }
+        const Input opened = messages.opened(n, input);
+        if (messages.is_file(n)) refuse_mbox(opened);
+        deliver(plan, opened, report);
         return kExitOk;
     };
-    job.show = [&](std::size_t, const Json& delivered) {
-        show(session, delivered);
+    job.failed = [&](std::size_t n, const string& text) { return messages.failed(n, text); };
+    if (session.json) {
+        job.show_failure = [&](std::size_t n, const string& text, int code) {
+            session.out.object(messages.object(n, {{"error", text}, {"code", code}}));
+            write_out(session);
+        };
+    }
+    job.show = [&](std::size_t n, const Json& delivered) {
+        if (session.json) {
+            session.out.object(messages.object(n, delivered));
+        } else {
+            session.out.line(printable(delivered.at("path").get<string>()));
+        }
+        write_out(session);
         daemon.tell(plan.id.mailfolder(delivered.at("folder").get<string>()),
                     delivered.at("size").get<long long>());
     };
@@ -156,13 +214,18 @@ int run_deliver(Session& session, const Arguments& arguments) {
 
 void declare_deliver(Verb& verb, Arguments& arguments) {
     verb.address(arguments.address)
-        .texts("FILE", arguments.files, "Messages to deliver (default: standard input)")
+        .texts("FILE", arguments.files, "Messages to deliver, - for standard input (default)")
         .text("--folder", arguments.folder,
               "The folder, as Work/2024 (default: the address's tag, else Inbox)")
         .text("--queue-id", arguments.queue_id, "The mail queue's name for the message")
         .flag("--create", arguments.create, "Create the mailbox if there is none")
+        .flag("--new-folders", arguments.new_folders,
+              "Make the folder of a tag if it is missing (default: deliver to Inbox)")
         .flag("--no-new-folder", arguments.no_new_folder,
-              "Deliver to Inbox if the folder is missing");
+              "Deliver to Inbox if the folder of --folder is missing (default: make it)")
+        .flag("--refuse-exceeded", arguments.refuse_exceeded,
+              "Refuse messages for a mailbox over its quota (exit code 69)")
+        .flag("--defer-exceeded", arguments.defer_exceeded, "Put them off (exit code 75)");
 }
 
 }  // namespace

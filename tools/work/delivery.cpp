@@ -1,6 +1,9 @@
 #include "tools/work/delivery.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
+#include <strings.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <memory>
@@ -9,6 +12,7 @@
 #include "tools/cli/address.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
+#include "tools/work/quota.h"
 #include "tools/work/records.h"
 #include "tools/work/spool_file.h"
 
@@ -29,10 +33,11 @@ void write_all(int fd, std::string_view rest) {
     }
 }
 
-// The next piece of the input; 0 at its end.
-std::size_t read_piece(const Input& input, char* piece, const SignalHold& signals) {
+// The next piece of the input; 0 at its end. A sender may take any time between two pieces.
+std::size_t read_piece(const Input& input, char* piece, const SignalHold& signals, Report& report) {
+    constexpr int kSign = 500;  // milliseconds until the parent gets a sign of life
     for (;;) {
-        signals.wait_readable(input.fd);
+        while (!signals.wait_readable(input.fd, kSign)) report.fed();
         const ssize_t n = read_some(input, piece, kPiece);
         if (n >= 0) return static_cast<std::size_t>(n);
     }
@@ -41,7 +46,7 @@ std::size_t read_piece(const Input& input, char* piece, const SignalHold& signal
 unsigned long long copy(const Input& input, int to, const SignalHold& signals, Report& report) {
     char piece[kPiece];
     unsigned long long size = 0;
-    while (const std::size_t n = read_piece(input, piece, signals)) {
+    while (const std::size_t n = read_piece(input, piece, signals, report)) {
         write_all(to, {piece, n});
         size += n;
         report.fed();
@@ -49,13 +54,60 @@ unsigned long long copy(const Input& input, int to, const SignalHold& signals, R
     return size;
 }
 
+string folder_of_tag(const string& tag, const string& inbox) {
+    for (const string& folder : system_folders()) {
+        if (::strcasecmp(tag.c_str(), folder.c_str()) == 0) return folder;
+    }
+    return is_folder_name(tag) ? tag : inbox;
+}
+
+// The first of the directories on the way that this process may not enter; the last one if it may
+// enter all of them.
+string refusing_directory(const string& path) {
+    for (std::size_t end = 0; end != string::npos;) {
+        end = path.find('/', end + 1);
+        string directory = path.substr(0, end);
+        if (::euidaccess(directory.c_str(), X_OK) != 0) return directory;
+    }
+    return path;
+}
+
+// "user 5000 works in /var/spool/x, which belongs to user 0 and group 0 and has the mode 0755".
+string permissions_text(const string& path) {
+    const string directory = refusing_directory(path);
+    struct stat st;
+    if (::stat(directory.c_str(), &st) != 0) {
+        return fmt::format("user {} works in {}", ::geteuid(), printable(directory));
+    }
+    return fmt::format(
+        "user {} works in {}, which belongs to user {} and group {} and has the mode {:04o}",
+        ::geteuid(), printable(directory), st.st_uid, st.st_gid, st.st_mode & 07777);
+}
+
 }  // namespace
 
 string choose_folder(const TSMailUserId& id, const std::optional<string>& option, bool may_make) {
     const string inbox = system_folders().front();
-    const string wanted = option.value_or(is_folder_name(id.tag()) ? id.tag() : inbox);
+    const string wanted = option.value_or(folder_of_tag(id.tag(), inbox));
     const bool usable = may_make || tsl_is_mail_folder(id.mailfolder(wanted).c_str(), nullptr) != 0;
     return usable ? wanted : inbox;
+}
+
+void demand_room(const TSMailUserId& id, ExitCode code) {
+    if (!has_quota_flag(id, kExceededFlag)) return;
+    throw Failure(code, printable(id.address(true)) + ": the mailbox is full", 0,
+                  code == kExitTryAgain ? "4.2.2" : "5.2.2");
+}
+
+Failure explained(const Failure& failure, const string& directory) {
+    const int error = failure.error();
+    if (error == 0 || failure.code() == kExitNoUser) return failure;
+    string text = failure.what();
+    if (text.find(printable(directory)) == string::npos) {
+        text.insert(0, printable(directory) + ": ");
+    }
+    if (error == EACCES || error == EPERM) text += " (" + permissions_text(directory) + ')';
+    return {failure.code(), text, error, failure.status()};
 }
 
 // A message on its way, in the folder where it was written.

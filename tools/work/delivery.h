@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "tools/cli/descriptors.h"
+#include "tools/cli/failure.h"
 #include "tools/cli/input.h"
 #include "tools/work/folder.h"
 #include "tools/work/folder_lock.h"
@@ -18,10 +19,20 @@
 namespace Tessaly::tool {
 
 // The folder that mail for the address goes to: `option` if given, else the tag, else Inbox.
-// Strangers choose the tag, so a tag that is not a folder name is ignored. If no folder may be
-// made, Inbox replaces a missing one.
+// Strangers choose the tag, so a tag that is not a folder name is ignored, and one that differs
+// from a system folder in letter case alone stands for that folder. If no folder may be made, Inbox
+// replaces a missing one.
 std::string choose_folder(const TSMailUserId& id, const std::optional<std::string>& option,
                           bool may_make);
+
+// Demands that the mailbox is not over its quota: a Failure with this code and the matching
+// enhanced status if its exceeded flag exists. kExitTryAgain asks the sender for another try, any
+// other code means a final answer.
+void demand_room(const TSMailUserId& id, ExitCode code);
+
+// The failure of a delivery into the directory, with what an administrator needs: where it
+// happened, and if something was not permitted, who works there and whose the directory is.
+Failure explained(const Failure& failure, const std::string& directory);
 
 // A folder to deliver into.
 class Delivery {

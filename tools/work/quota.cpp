@@ -151,6 +151,10 @@ std::vector<ArchiveAccount> archive_accounts(const std::optional<string>& exclud
 
 }  // namespace
 
+bool has_quota_flag(const TSMailUserId& id, QuotaFlag flag) {
+    return ::access(id.fname(kFlags[flag].file).c_str(), F_OK) == 0;
+}
+
 QuotaState quota_state(const TSMailUserId& id) {
     QuotaState state = {};
     state.warning = flag_state(id, kWarningFlag);

@@ -39,6 +39,9 @@ struct QuotaState {
 // Changes nothing, except that the library marks damaged totals for a recount.
 QuotaState quota_state(const TSMailUserId& id);
 
+// Whether the flag's file exists. What cannot be looked at counts as missing.
+bool has_quota_flag(const TSMailUserId& id, QuotaFlag flag);
+
 // Each of these checks its effect afterwards: a Failure if the change did not happen.
 void set_quota_flag(const TSMailUserId& id, QuotaFlag flag, int value);
 void clear_quota_flag(const TSMailUserId& id, QuotaFlag flag);

@@ -40,8 +40,10 @@ Failure garbled() { return {kExitSoftware, "a worker's answer cannot be read"}; 
 
 void Report::error(const Failure& failure) {
     worst_ = std::max<int>(worst_, failure.code());
-    put(Event::error,
-        {{"text", failure.what()}, {"code", int{failure.code()}}, {"errno", failure.error()}});
+    put(Event::error, {{"text", failure.what()},
+                       {"code", int{failure.code()}},
+                       {"errno", failure.error()},
+                       {"status", failure.status()}});
 }
 
 void Report::progress(std::size_t done, std::size_t total) {
@@ -52,7 +54,7 @@ void Report::progress(std::size_t done, std::size_t total) {
 }
 
 void Report::fed() {
-    constexpr milliseconds kPause{1000};
+    constexpr milliseconds kPause{250};
     if (!has_come(next_fed_, kPause)) return;
     put(Event::fed, Json::object());
     send();

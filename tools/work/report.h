@@ -18,9 +18,9 @@ enum class Event : unsigned char {
     object,    // a result, as --json prints it
     warning,   // {"text"}
     detail,    // {"text"}
-    error,     // {"text", "code", "errno"}: a part was left out; the work goes on
+    error,     // {"text", "code", "errno", "status"}: a part was left out; the work goes on
     progress,  // {"done", "total"}
-    fed,       // some of the task's input came: its time restarts
+    fed,       // the task's input came or is waited for: the task's time restarts
     passed,    // from here on the task can no longer fail
     end,       // {"code"}: the task is over
 };
@@ -42,8 +42,8 @@ class Report {
     void error(const Failure& failure);
     // Sent at most ten times a second.
     void progress(std::size_t done, std::size_t total);
-    // The task has received some input. Waiting for input is not the mailbox owner's fault, so the
-    // task's time restarts. Sent at most once a second.
+    // The task has received some input, or waits for it. That is not the mailbox owner's fault, so
+    // the task's time restarts. Sent at most four times a second.
     void fed();
     // From here on the task succeeds, whatever happens; for example, a message was delivered.
     void passed();

@@ -11,12 +11,14 @@ namespace Tessaly::tool {
 
 namespace {
 
-// Waits for an event on a descriptor (-1: no descriptor) or for a signal.
-void wait(int signals, int fd, int milliseconds) {
+// Waits for an event on a descriptor (-1: no descriptor) or for a signal. False if the time is
+// over.
+bool wait(int signals, int fd, int milliseconds) {
     pollfd waited[] = {{signals, POLLIN, 0}, {fd, POLLIN, 0}};
     const int ready = retry([&] { return ::poll(waited, 2, milliseconds); });
     if (ready < 0) throw system_failure("poll");
     if (waited[0].revents != 0) throw Failure(kExitTryAgain, "ended by a signal");
+    return ready > 0;
 }
 
 }  // namespace
@@ -30,7 +32,9 @@ SignalHold::SignalHold() {
     if (!signals_) throw system_failure("signalfd");
 }
 
-void SignalHold::wait_readable(int fd) const { wait(signals_.get(), fd, -1); }
+bool SignalHold::wait_readable(int fd, int milliseconds) const {
+    return wait(signals_.get(), fd, milliseconds);
+}
 
 void SignalHold::wait_milliseconds(int milliseconds) const {
     wait(signals_.get(), -1, milliseconds);

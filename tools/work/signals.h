@@ -15,8 +15,8 @@ class SignalHold {
 
     // Readable when a signal has come.
     int fd() const { return signals_.get(); }
-    // Waits until the descriptor can be read.
-    void wait_readable(int fd) const;
+    // Waits until the descriptor can be read, but not longer than this. False if it cannot be.
+    bool wait_readable(int fd, int milliseconds) const;
     // Waits for some milliseconds.
     void wait_milliseconds(int milliseconds) const;
     // Throws if a signal has come.
