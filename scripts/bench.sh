@@ -2,6 +2,7 @@
 # bench.sh [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]
 # bench.sh --scale
 # bench.sh --python [--quick]
+# bench.sh --expire [--quick]
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
 # sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
@@ -10,22 +11,24 @@
 # (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, times are not
 # judged, and files are written only below build/bench/. --scale measures how a spool of generated mailboxes
 # grows to 100,000 of them. It takes ten minutes, 13 GiB and six million inodes, which are freed at the end.
-# --python measures the Python package beside C++ and the standard library.
+# --python measures the Python package beside C++ and the standard library. --expire measures the removal of 100,000 old
+# messages beside find.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
 
-quick='' scale='' python='' only='' words=() choice=() peers=$top/build/neighbours
+quick='' scale='' python='' expire='' only='' words=() choice=() peers=$top/build/neighbours
 while [ $# -gt 0 ]; do
     case $1 in
     --quick) quick=1 choice+=(--quick) ;;
     --scale) scale=1 ;;
     --python) python=1 ;;
+    --expire) expire=1 ;;
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
     --peers) peers=$(realpath -m "$2") && shift ;;
-    *) die "usage: bench.sh [--scale | --python] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
+    *) die "usage: bench.sh [--scale | --python | --expire] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
     esac
     shift
 done
@@ -76,6 +79,16 @@ if [ -n "$python$quick" ] && [ -z "$only" ]; then
 fi
 if [ -n "$python" ]; then
     cat build/bench/new/python.md
+    exit
+fi
+if [ -n "$expire$quick" ] && [ -z "$only" ]; then
+    say "Measuring the removal of old messages"
+    size=(100000 5) && [ -z "$quick" ] || size=(500 1)
+    inside expire python3 -B bench/expire.py build/dev/tools/tsmail build/bench/new/expire.md "${size[@]}"
+fi
+if [ -n "$expire" ]; then
+    [ -n "$quick" ] || cp build/bench/new/expire.md "$out/expire.md"
+    cat build/bench/new/expire.md
     exit
 fi
 load=$(cut -d ' ' -f 1-3 /proc/loadavg)

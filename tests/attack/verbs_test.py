@@ -36,6 +36,8 @@ VERBS = (
     ("quota", "clear", ANN, "exceeded"), ("quota", "reset", ANN),
     ("message", "rm", ANN, "Inbox", "a"), ("rm", ANN, "Work", "--dry-run"), ("rm", ANN, "Work"),
     ("rm", ANN, "Inbox", "--now", "--force"), ("sweep", ANN), ("sweep", "--all", "--older", "0s"),
+    ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"),
+    ("expire", "--all", "--folder", "Inbox", "--folder", "Work", "--older", "30d", "--dry-run"),
     ("mailbox", "remove", ANN, "--dry-run"), ("mailbox", "remove", ANN, "--yes"),
 )
 if SANITIZED:  # the sanitizer makes each run ten times as long
@@ -479,7 +481,8 @@ while True:
     CHANGING = (("recount", ANN), ("deliver", ANN), ("create", ANN, "Extra"), ("doctor", ANN, "--repair"),
                 ("rm", ANN, "Work", "--now"), ("message", "rm", ANN, "Inbox", "a"), ("tag", ANN),
                 ("pref", "set", ANN, "npage=30"), ("list", "add", ANN, "whitelist", "x@y"),
-                ("quota", "set", ANN, "warning"), ("sweep", ANN), ("mailbox", "remove", ANN, "--yes"))
+                ("quota", "set", ANN, "warning"), ("sweep", ANN),
+                ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"), ("mailbox", "remove", ANN, "--yes"))
 
     def exchanged(self, name, target, words):
         self.restore()

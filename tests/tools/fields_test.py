@@ -83,6 +83,7 @@ class FieldsTest(SpoolCase):
             "check-name": [["check-name", "x"]],
             "config check": [["config", "check", "/tmp/broken.toml"]],
             "message rm": [["message", "rm", ANN, "Inbox", message]],
+            "expire": [["expire", ANN, "--folder", "Trash", "--older", "30d"]],
             "rm": [["rm", ANN, "Work"]],
             "sweep": [["sweep", ANN]],
             "mailbox remove": [["mailbox", "remove", ANN, "--yes"]],

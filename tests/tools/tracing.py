@@ -1,5 +1,6 @@
 """One process of the command under strace: its worker, or the command without its workers."""
 
+import contextlib
 import os
 import signal
 import subprocess
@@ -7,6 +8,7 @@ import subprocess
 from tools.toolkit import Result, environment, wait_until, workers_of
 
 # The leak check does not work under a tracer.
+FIRST, SECOND = "/tmp/first.log", "/tmp/second.log"
 ENVIRONMENT = {"ASAN_OPTIONS": "detect_leaks=0"}
 
 
@@ -29,23 +31,47 @@ def stopped_worker(process, log):
     return worker
 
 
-def traced_worker(options, words, stdin=b""):
-    """Runs words with the worker under strace from its first step on, so that the loader's calls, which have
-    the same names, are not counted. Returns the result and the worker's calls."""
-    first, second = "/tmp/first.log", "/tmp/second.log"
-    for log in (first, second):
+@contextlib.contextmanager
+def begun_worker(options, words):
+    """The command and its worker, which stands still at its first step with strace attached to it, so that the
+    loader's calls, which have the same names, are not counted. The calls go to SECOND."""
+    for log in (FIRST, SECOND):
         if os.path.exists(log):
             os.unlink(log)
-    until_it_stops = ["strace", "-D", "-f", "-qq", "-o", first, "-e", "trace=close_range",
+    until_it_stops = ["strace", "-D", "-f", "-qq", "-o", FIRST, "-e", "trace=close_range",
                       "-e", "inject=close_range:signal=STOP", "--"]
     with subprocess.Popen([*until_it_stops, *words], env=environment(**ENVIRONMENT), stdin=subprocess.PIPE,
                           stdout=subprocess.PIPE, stderr=subprocess.PIPE) as process:
-        worker = stopped_worker(process, first)
-        with subprocess.Popen(["strace", "-qq", "-o", second, *options, "-p", str(worker)]) as tracer:
+        worker = stopped_worker(process, FIRST)
+        with subprocess.Popen(["strace", "-qq", "-o", SECOND, *options, "-p", str(worker)]) as tracer:
             wait_until(lambda: status_of(worker, "TracerPid") == str(tracer.pid))
-            os.kill(worker, signal.SIGCONT)
-            out, err = process.communicate(stdin, timeout=120)
-    return Result(subprocess.CompletedProcess(words, process.returncode, out, err)), read(second).splitlines()
+            yield process, worker
+
+
+def traced_worker(options, words, stdin=b""):
+    """Runs words with the worker under strace. Returns the result and the worker's calls."""
+    with begun_worker(options, words) as (process, worker):
+        os.kill(worker, signal.SIGCONT)
+        out, err = process.communicate(stdin, timeout=120)
+    return Result(subprocess.CompletedProcess(words, process.returncode, out, err)), read(SECOND).splitlines()
+
+
+def killed_with_its_worker(options, words):
+    """Runs words, whose worker the options end, as if the whole command had been killed: the command stands still
+    while its worker works, and is killed when the worker has ended."""
+    with begun_worker(options, words) as (process, worker):
+        process.send_signal(signal.SIGSTOP)
+        wait_until(lambda: status_of(process.pid, "State") in "Tt")
+        os.kill(worker, signal.SIGCONT)
+        wait_until(lambda: status_of(worker, "State") == "Z" or idle(worker))
+        process.kill()
+        process.communicate(timeout=120)
+
+
+def idle(worker):
+    """Whether the worker has ended its task and waits for the next one."""
+    calls = read(SECOND).splitlines()
+    return len(calls) > 1 and calls[-1].startswith("recvmsg(") and any("sendto(" in line for line in calls)
 
 
 def traced_parent(options, words, stdin=b""):

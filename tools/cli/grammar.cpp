@@ -219,6 +219,12 @@ Verb& Verb::texts(const string& name, std::vector<string>& values, const string&
     return *this;
 }
 
+Verb& Verb::repeated(const string& name, std::vector<string>& values, const string& help) {
+    texts(name, values, help);
+    last_->allow_extra_args(false);
+    return *this;
+}
+
 Verb& Verb::flag(const string& name, bool& value, const string& help) {
     last_ = app_->add_flag(name, value, help);
     return *this;

@@ -46,6 +46,9 @@ class Verb {
     Verb& text(const std::string& name, std::string& value, const std::string& help);
     Verb& text(const std::string& name, std::optional<std::string>& value, const std::string& help);
     Verb& texts(const std::string& name, std::vector<std::string>& values, const std::string& help);
+    // An option that may be given several times, with one value each time.
+    Verb& repeated(const std::string& name, std::vector<std::string>& values,
+                   const std::string& help);
     Verb& flag(const std::string& name, bool& value, const std::string& help);
     // Makes the argument declared last mandatory.
     Verb& required();

@@ -100,6 +100,10 @@ std::string size_text(std::uint64_t bytes) {
     return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
+std::string messages_text(std::uint64_t number) {
+    return fmt::format("{} message{}", number, number == 1 ? "" : "s");
+}
+
 bool has_control_character(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);

@@ -20,6 +20,9 @@ std::size_t width_of(std::string_view text);
 // A size in binary units: "0 B", "1023 B", "1.0 KiB", "12.3 MiB".
 std::string size_text(std::uint64_t bytes);
 
+// "1 message", "2 messages".
+std::string messages_text(std::uint64_t number);
+
 // Whether the text holds an ASCII control character, NUL included.
 bool has_control_character(std::string_view text);
 

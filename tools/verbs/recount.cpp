@@ -69,10 +69,6 @@ int recount_one(const TSMailUserId& id, bool all, bool only_marked, Report& repo
 
 // ---- what is shown
 
-string messages_text(std::uint64_t number) {
-    return fmt::format("{} message{}", number, number == 1 ? "" : "s");
-}
-
 string total_text(const Json& messages, const Json& bytes) {
     return fmt::format("{} ({})", messages_text(messages.get<std::uint64_t>()),
                        size_text(bytes.get<std::uint64_t>()));

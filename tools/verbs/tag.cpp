@@ -19,10 +19,6 @@ struct Arguments {
     std::optional<string> folder;
 };
 
-string messages_text(std::uint64_t number) {
-    return fmt::format("{} message{}", number, number == 1 ? "" : "s");
-}
-
 void tag_one(const TSMailUserId& id, const string& name, Report& report) {
     try {
         const Tagged tagged = tag_folder(id, name);
