@@ -149,8 +149,8 @@ Json object_of(const CLI::App& app, const Choices& choices) {
 
 constexpr char kHelp[] = "help";
 
-// `asked` receives the words after "help".
-void declare(CLI::App& app, Session& session, Choices& choices, std::vector<string>& asked) {
+// The command's own options, and what its help says.
+void declare_command(CLI::App& app, Session& session) {
     app.set_help_flag("-h,--help", "Say how it is used, and exit");
     app.set_version_flag("--version", "tsmail " TSMAIL_VERSION,
                          "Say which version it is, and exit");
@@ -171,11 +171,22 @@ void declare(CLI::App& app, Session& session, Choices& choices, std::vector<stri
             session.timeout = std::chrono::seconds(whole_number("--timeout", given, 1, kDay));
         },
         "Give up on a mailbox after so many seconds (default: 300)");
-    for (const auto add : kVerbFamilies) add({app, session, choices});
-    app.add_subcommand(kHelp, "Show the manual page of a verb")
-        ->add_option("VERB", asked, "The verb, as list add (default: the command itself)")
-        ->transform(unmarked);
 }
+
+// The grammar, or the part of it that has only verbs with some names.
+struct Grammar {
+    Grammar(Session& session, const std::vector<string>* names) : context{session, {}, names} {
+        declare_command(app, session);
+        for (const auto add : kVerbFamilies) add({&app, context});
+        app.add_subcommand(kHelp, "Show the manual page of a verb")
+            ->add_option("VERB", asked, "The verb, as list add (default: the command itself)")
+            ->transform(unmarked);
+    }
+
+    GrammarContext context;
+    CLI::App app{"Works on the mail store of a Tessaly mail appliance.", "tsmail"};
+    std::vector<string> asked;  // the words after "help"
+};
 
 void show_help(const CLI::App& reached, Session& session, const Choices& choices) {
     if (session.json) {
@@ -187,10 +198,9 @@ void show_help(const CLI::App& reached, Session& session, const Choices& choices
 }
 
 // "tsmail help VERB": the verb's manual page on a terminal where man has it, else its help.
-void show_manual(const CLI::App& app, const std::vector<string>& asked, Session& session,
-                 const Choices& choices) {
-    const CLI::App* at = &app;
-    for (const string& word : asked) {
+void show_manual(const Grammar& grammar, Session& session) {
+    const CLI::App* at = &grammar.app;
+    for (const string& word : grammar.asked) {
         const CLI::App* next = verb_named(*at, word);
         if (next == nullptr) throw Failure(kExitUsage, unknown_verb(word, verbs_of(*at)));
         at = next;
@@ -198,7 +208,7 @@ void show_manual(const CLI::App& app, const std::vector<string>& asked, Session&
     string page = full_name(*at);
     std::replace(page.begin(), page.end(), ' ', '-');
     if (!session.json) become_manual(page, session.callers_umask);
-    show_help(*at, session, choices);
+    show_help(*at, session, grammar.context.choices);
 }
 
 }  // namespace
@@ -262,15 +272,21 @@ Verb& Verb::jobs(std::optional<string>& value) {
 }
 
 VerbGroup VerbGroup::group(const string& name, const string& help) const {
+    if (!declares(name)) return {nullptr, *context_};
     CLI::App* app = app_->add_subcommand(name, help);
     app->require_subcommand(1);
-    return {*app, *session_, *choices_};
+    return {app, *context_};
+}
+
+bool VerbGroup::declares(const string& name) const {
+    const auto* names = context_->names;
+    return app_ != nullptr && (names == nullptr || std::ranges::find(*names, name) != names->end());
 }
 
 Verb VerbGroup::add(const string& name, const string& help, std::function<int()> work) const {
     CLI::App* app = app_->add_subcommand(name, help);
-    app->callback([session = session_, work = std::move(work)] { session->verb = work; });
-    return {*app, *choices_};
+    app->callback([session = &context_->session, work = std::move(work)] { session->verb = work; });
+    return {*app, context_->choices};
 }
 
 const Word& word_of(std::span<const Word> words, string_view what, string_view given) {
@@ -315,26 +331,53 @@ std::size_t jobs_of(const std::optional<string>& given) {
     return static_cast<std::size_t>(whole_number("--jobs", *given, 1, kMostJobs));
 }
 
-bool read_command_line(int argc, const char* const* argv, Session& session) {
-    CLI::App app("Works on the mail store of a Tessaly mail appliance.", "tsmail");
-    Choices choices;
-    std::vector<string> asked;
-    declare(app, session, choices, asked);
-    const std::vector<string> words(argv + std::min(argc, 1), argv + argc);
+namespace {
+
+std::vector<string> as_parsed(const std::vector<string>& words) {
     std::vector<string> reversed;
     std::transform(words.rbegin(), words.rend(), std::back_inserter(reversed), marked);
+    return reversed;
+}
+
+// Reads a correct command line that runs a verb. False for any other; throws if it asks for the
+// version.
+bool read_for_verb(const std::vector<string>& words, Session& session) {
+    Grammar grammar(session, &words);
     try {
-        app.parse(reversed);
-        if (!app.got_subcommand(kHelp)) return true;
-        show_manual(app, asked, session, choices);
-    } catch (const CLI::CallForVersion& version) {
-        session.out.line(version.what());
+        grammar.app.parse(as_parsed(words));
+        return !grammar.app.got_subcommand(kHelp);
+    } catch (const CLI::CallForVersion&) {
+        throw;
+    } catch (const CLI::ParseError&) {
+        return false;
+    }
+}
+
+// Answers a command line for which the whole grammar is needed: help, wrong usage.
+void answer(const std::vector<string>& words, Session& session) {
+    Grammar grammar(session, nullptr);
+    CLI::App& app = grammar.app;
+    try {
+        app.parse(as_parsed(words));
+        show_manual(grammar, session);
     } catch (const CLI::CallForHelp&) {
-        show_help(*follow(app, words).reached, session, choices);
+        show_help(*follow(app, words).reached, session, grammar.context.choices);
     } catch (const CLI::CallForAllHelp&) {
         session.out.line(app.help("", CLI::AppFormatMode::All));
     } catch (const CLI::ParseError& error) {
         refuse(app, words, error);
+    }
+}
+
+}  // namespace
+
+bool read_command_line(int argc, const char* const* argv, Session& session) {
+    const std::vector<string> words(argv + std::min(argc, 1), argv + argc);
+    try {
+        if (read_for_verb(words, session)) return true;
+        answer(words, session);
+    } catch (const CLI::CallForVersion& version) {
+        session.out.line(version.what());
     }
     return false;
 }

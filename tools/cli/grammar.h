@@ -68,11 +68,20 @@ class Verb {
     CLI::Option* last_ = nullptr;
 };
 
+// What the parts of a grammar share.
+struct GrammarContext {
+    Session& session;
+    Choices choices = {};
+    // Only verbs with one of these names are declared; null: all. The words of the command line are
+    // enough to run it, and to declare the other verbs takes longer than many a verb's work.
+    const std::vector<std::string>* names = nullptr;
+};
+
 // A place to add verbs to: the command itself, or a verb that has verbs of its own.
 class VerbGroup {
   public:
-    VerbGroup(CLI::App& app, Session& session, Choices& choices)
-        : app_(&app), session_(&session), choices_(&choices) {}
+    // `app` is null for a group that is not declared itself.
+    VerbGroup(CLI::App* app, GrammarContext& context) : app_(app), context_(&context) {}
 
     VerbGroup group(const std::string& name, const std::string& help) const;
 
@@ -82,18 +91,19 @@ class VerbGroup {
     void verb(const std::string& name, const std::string& help,
               void (*declare)(Verb& verb, Arguments& arguments),
               int (*run)(Session& session, const Arguments& arguments)) const {
+        if (!declares(name)) return;
         const auto arguments = std::make_shared<Arguments>();
-        Session* session = session_;
+        Session* session = &context_->session;
         Verb verb = add(name, help, [=] { return run(*session, *arguments); });
         declare(verb, *arguments);
     }
 
   private:
+    bool declares(const std::string& name) const;
     Verb add(const std::string& name, const std::string& help, std::function<int()> work) const;
 
     CLI::App* app_;
-    Session* session_;
-    Choices* choices_;
+    GrammarContext* context_;
 };
 
 // The row with the given word (letter case does not matter, '_' equals '-') or number. If there is
