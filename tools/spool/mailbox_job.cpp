@@ -129,7 +129,11 @@ Owner Homes::owner(const TSMailUserId& id) {
         if (errno == ENOENT) throw no_mailbox(id);
         throw system_failure(printable(id.mailpath()));
     }
-    return owner_of_mailbox(place);
+    if (place.owner == 0) return owner_of_mailbox(place);
+    const std::pair user(place.owner, place.group);
+    const auto known = users_.find(user);
+    if (known != users_.end()) return known->second;
+    return users_[user] = owner_of_mailbox(place);
 }
 
 Mailboxes one_mailbox(const string& address) {

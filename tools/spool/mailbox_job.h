@@ -5,8 +5,10 @@
 #include <tessaly/MailUserId.h>
 
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/cli/grammar.h"
@@ -14,7 +16,8 @@
 
 namespace Tessaly::tool {
 
-// Finds homes. Keeps the last domain's directory open, as mailboxes come sorted by domain.
+// Finds homes. Keeps the last domain's directory open, as mailboxes come sorted by domain, and
+// remembers users: a lookup in the system's user database costs more than all else here.
 class Homes {
   public:
     // The home of a mailbox. A Failure as from step(): kExitNoUser if there is no home.
@@ -28,6 +31,7 @@ class Homes {
 
     std::string domain_name_;
     std::optional<Place> domain_;
+    std::map<std::pair<uid_t, gid_t>, Owner> users_;  // by a home's user and group
 };
 
 // The mailboxes that a command is about.
