@@ -6,7 +6,8 @@ import resource
 import time
 import unittest
 
-from tools.toolkit import SANITIZED, TSMAIL, SpoolCase, mail, snapshot, traced, tsmail, write
+from tools.toolkit import (SANITIZED, TSMAIL, SpoolCase, as_nobody, content, mail, mode, own_by_nobody, snapshot, traced,
+                           tsmail, write)
 
 ANN, BERT, CARL = "ann@site.test", "bert@site.test", "carl@other.test"
 
@@ -81,6 +82,108 @@ class UsageTest(SpoolCase):
         self.assertEqual(sorted(path for path in opened if path.startswith("/var/spool/home/")
                                 and path.count("/") > 4),
                          sorted(mail(address) + "/.maildirsize" for address in (ANN, BERT, CARL)))
+
+
+class SumsTest(SpoolCase):
+    """The sums of usage and metrics, beside sums that the test makes of the rows."""
+
+    def setUp(self):
+        super().setUp()
+        for address, size in ((ANN, 1000), (ANN, 50), (BERT, 10), (CARL, 4000)):
+            self.succeed("deliver", "--create", address, stdin=b"x" * size)
+        self.succeed("quota", "set", ANN, "warning")
+        self.succeed("quota", "set", BERT, "exceeded")
+        self.succeed("quota", "reset", CARL)
+        self.succeed("deliver", "--create", "--folder", "Old", ANN, stdin=b"x" * 40)
+        self.succeed("rm", ANN, "Old")
+        write(mail(BERT) + "/.maildirsize", "99999999999999999999 1\n")
+
+    def expected(self, domain=None):
+        rows = [row for row in self.succeed("--json", "usage").objects
+                if domain is None or row["address"].endswith("@" + domain)]
+        sums = {"mailboxes": len(rows)}
+        for field in ("messages", "bytes"):
+            sums[field] = sum(row[field] or 0 for row in rows)
+        for field in ("warning", "exceeded", "dirty"):
+            sums[field] = sum(row[field] for row in rows)
+        sums["damaged"] = sum(row["bytes"] is None for row in rows)
+        sums["scheduled"] = 1 if domain != "other.test" else 0
+        return sums
+
+    def test_by_domain_and_total(self):
+        shown = self.succeed("--json", "usage", "--by-domain", "--total").objects
+        self.assertEqual(shown, [{"domain": domain, **self.expected(domain)}
+                                 for domain in ("other.test", "site.test")] + [self.expected()])
+        self.assertEqual(shown[1], {"domain": "site.test", "mailboxes": 2, "messages": 2, "bytes": 1050,
+                                    "warning": 1, "exceeded": 1, "dirty": 0, "damaged": 1, "scheduled": 1})
+        self.assertEqual(self.succeed("--json", "usage", "--total").objects, shown[2:])
+        self.assertEqual(self.succeed("--json", "usage", "--by-domain", "--domain", "site.test").objects, shown[1:2])
+        lines = self.succeed("usage", "--by-domain", "--total").lines
+        self.assertRegex(lines[0], "^domain +mailboxes +messages +bytes +warning +exceeded +dirty +damaged +scheduled$")
+        self.assertRegex(lines[2], "^site.test +2 +2 +1.0 KiB +1 +1 +0 +1 +1$")
+        self.assertRegex(lines[3], "^total +3 +3 ")
+
+    def test_sums_refuse_what_belongs_to_rows(self):
+        for words in (["--total", "--verify"], ["--by-domain", "--limit", "1"]):
+            self.fail_with(64, "usage", *words, saying="go with neither")
+
+    @staticmethod
+    def parsed(text):
+        """{metric: {domain: number}}; fails for a line that the format does not know."""
+        found, declared = {}, []
+        for line in text.splitlines():
+            if match := re.fullmatch(r"# HELP (tsmail_\w+) [^\n]+\.", line):
+                declared.append(match[1])
+            elif match := re.fullmatch(r"# TYPE (tsmail_\w+) gauge", line):
+                assert declared[-1] == match[1], line
+            else:
+                match = re.fullmatch(r'(tsmail_\w+)(?:\{domain="((?:[^"\\]|\\.)*)"\})? (-?\d+)', line)
+                assert match and match[1] == declared[-1], line
+                found.setdefault(match[1], {})[match[2]] = int(match[3])
+        assert len(declared) == len(set(declared)), declared
+        return found
+
+    METRICS = {"mailboxes": "mailboxes", "messages": "messages", "bytes": "mail_bytes",
+               "warning": "quota_warning_mailboxes", "exceeded": "quota_exceeded_mailboxes",
+               "dirty": "marked_mailboxes", "damaged": "damaged_mailboxes", "scheduled": "scheduled_folders"}
+
+    def test_metrics(self):
+        shown = self.parsed(self.succeed("metrics").out)
+        self.assertEqual(shown.pop("tsmail_left_out_mailboxes"), {None: 0})
+        self.assertEqual(shown, {"tsmail_" + metric: {domain: self.expected(domain)[field]
+                                                      for domain in ("other.test", "site.test")}
+                                 for field, metric in self.METRICS.items()})
+        self.assertEqual(self.succeed("--json", "metrics").objects,
+                         self.succeed("--json", "usage", "--by-domain").objects)
+
+    def test_metrics_into_a_file(self):
+        os.makedirs("/tmp/collector")
+        path = "/tmp/collector/tsmail.prom"
+        write(path, "old\n")
+        before = os.stat(path).st_ino
+        self.assertEqual(self.succeed("metrics", "--output", path).out, "")
+        self.assertEqual(content(path), self.succeed("metrics").out.encode())
+        self.assertNotEqual(os.stat(path).st_ino, before)
+        mask = os.umask(0o022)
+        os.umask(mask)
+        self.assertEqual(mode(path), 0o666 & ~mask)
+        self.assertEqual(os.listdir("/tmp/collector"), ["tsmail.prom"])
+
+    def test_a_file_that_cannot_be_made(self):
+        self.fail_with(73, "metrics", "--output", "/tmp/none/x.prom", saying="/tmp/none/")
+        os.makedirs("/tmp/taken/x")
+        self.fail_with(73, "metrics", "--output", "/tmp/taken", saying="/tmp/taken")
+        self.assertEqual([name for name in os.listdir("/tmp") if name.startswith(".taken")], [])
+
+    def test_what_cannot_be_read_is_counted(self):
+        own_by_nobody("/var/spool")
+        os.chmod(mail(CARL), 0)
+        done = tsmail("metrics", **as_nobody())
+        self.assertNotEqual(done.code, 0)
+        shown = self.parsed(done.out)
+        self.assertEqual(shown["tsmail_left_out_mailboxes"], {None: 1})
+        self.assertEqual(shown["tsmail_mailboxes"], {"site.test": 2})
+        os.chmod(mail(CARL), 0o700)
 
 
 @unittest.skipIf(SANITIZED, "the sanitizer takes its time")
