@@ -35,6 +35,7 @@ VERBS = (
     ("list", "match", ANN, "whitelist", "a@b"), ("list", "import", ANN, "blacklist", "/tmp/entries"),
     ("quota", "show", ANN), ("quota", "set", ANN, "warning"), ("quota", "set", ANN, "exceeded", "7"),
     ("quota", "clear", ANN, "exceeded"), ("quota", "reset", ANN),
+    ("message", "flag", ANN, "Inbox", "a", "+S"), ("message", "move", ANN, "Inbox", "a", "--to", "Work"),
     ("message", "rm", ANN, "Inbox", "a"), ("rm", ANN, "Work", "--dry-run"), ("rm", ANN, "Work"),
     ("rm", ANN, "Inbox", "--now", "--force"), ("sweep", ANN), ("sweep", "--all", "--older", "0s"),
     ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"),

@@ -36,6 +36,8 @@ ROWS = [
     (f"tsmail list show {ANN} my", f"tsmail list show {ANN} mylist"),
     ("tsmail list show --scope system - al", "tsmail list show --scope system - allowed"),
     (f"tsmail message rm {ANN} Inbox 17", f"tsmail message rm {ANN} Inbox 1763275200.x"),
+    (f"tsmail message move {ANN} Inbox 17", f"tsmail message move {ANN} Inbox 1763275200.x"),
+    (f"tsmail message move {ANN} Inbox x --to Wo", f"tsmail message move {ANN} Inbox x --to Work"),
     # Words with a blank, with and without quotes.
     (f"tsmail messages {ANN} Old\\ m", f"tsmail messages {ANN} Old\\ mail"),
     (f"tsmail messages {ANN} Old", f"tsmail messages {ANN} Old\\ mail"),

@@ -21,6 +21,9 @@ class Option;
 
 namespace Tessaly::tool {
 
+// The letters of a message's flags. No verb has an option with one of these letters.
+inline constexpr std::string_view kMessageFlags = "DFPRST";
+
 // A word that people write and the number that it stands for.
 struct Word {
     int number;

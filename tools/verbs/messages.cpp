@@ -12,6 +12,7 @@
 #include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder.h"
+#include "tools/work/message_name.h"
 #include "tools/work/scan.h"
 
 namespace Tessaly::tool {
@@ -42,13 +43,6 @@ std::vector<DatedMessage> dated(const std::vector<MessageRow>& rows) {
     return all;
 }
 
-// The flags that mail readers append to the name: letters such as S for seen.
-string flags_of(const string& name) {
-    constexpr std::string_view kInfo = ":2,";
-    const auto at = name.rfind(kInfo);
-    return at == string::npos ? "" : name.substr(at + kInfo.size());
-}
-
 // A name can hold any number, but a date's year has at most four digits.
 std::optional<std::tm> utc_of(std::time_t time) {
     constexpr std::time_t kEnd = 253402300800;  // the end of the year 9999
@@ -66,7 +60,7 @@ void report_messages(const std::vector<DatedMessage>& messages, Report& report) 
                        {"received", json_of(received)},
                        {"created", json_of(created)},
                        {"bytes", row.bytes},
-                       {"flags", flags_of(row.name)}});
+                       {"flags", parts_of(row.name).flags}});
     }
 }
 

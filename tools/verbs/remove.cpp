@@ -1,4 +1,4 @@
-// rm, sweep, message rm - remove folders and messages.
+// rm, sweep - remove folders.
 #include <fmt/format.h>
 
 #include "tools/cli/address.h"
@@ -126,49 +126,11 @@ void declare_sweep(Verb& verb, SweepArguments& arguments) {
     declare_dry_run(verb, arguments.dry_run);
 }
 
-// ---- message rm
-
-struct MessageArguments {
-    string address;
-    string folder;
-    string name;
-    bool dry_run = false;
-};
-
-int remove_message(const TSMailUserId& id, const MessageArguments& arguments, Report& report) {
-    const string path = present_message(id, arguments.folder, arguments.name);
-    if (arguments.dry_run) {
-        report_deed(report, kRemove, path, amount_of_message(path), true);
-        return kExitOk;
-    }
-    const MessageRemoval removal = delete_message(id, arguments.folder, arguments.name);
-    report_removal(report, kRemove, removal.path, removal);
-    return kExitOk;
-}
-
-int run_message_rm(Session& session, const MessageArguments& arguments) {
-    check_folder_name(arguments.folder);
-    check_message_name(arguments.name);
-    return run_removal(session, arguments.address, arguments.folder, arguments.dry_run,
-                       [&](const TSMailUserId& id, Report& report) {
-                           return remove_message(id, arguments, report);
-                       });
-}
-
-void declare_message_rm(Verb& verb, MessageArguments& arguments) {
-    verb.address(arguments.address);
-    verb.text("FOLDER", arguments.folder, "The folder, as Work/2024").required();
-    verb.text("NAME", arguments.name, "The message's file name").required();
-    declare_dry_run(verb, arguments.dry_run);
-}
-
 }  // namespace
 
 void add_removal_verbs(const VerbGroup& top) {
     top.verb("rm", "Remove a folder and those below it", declare_rm, run_rm);
     top.verb("sweep", "Remove what was scheduled for removal", declare_sweep, run_sweep);
-    top.group("message", "Single messages")
-        .verb("rm", "Remove a message from a folder", declare_message_rm, run_message_rm);
 }
 
 }  // namespace Tessaly::tool

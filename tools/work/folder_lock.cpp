@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <iterator>
+#include <set>
 #include <thread>
 
 #include "tools/cli/failure.h"
@@ -120,6 +121,25 @@ bool stands_at(const string& path, const Identity& identity) {
     return ::stat(path.c_str(), &st) == 0 && Identity{st.st_dev, st.st_ino} == identity;
 }
 
+// The order of the walk: a folder before those below it, siblings by name.
+struct BeforeInWalk {
+    bool operator()(const string& a, const string& b) const {
+        return std::lexicographical_compare(
+            a.begin(), a.end(), b.begin(), b.end(),
+            [](char x, char y) { return place_of(x) < place_of(y); });
+    }
+    static int place_of(char c) { return c == '/' ? 0 : static_cast<unsigned char>(c); }
+};
+using WalkOrder = std::set<string, BeforeInWalk>;
+
+// Adds the folder and those above it.
+void add_levels(const string& folder, WalkOrder& folders) {
+    for (std::size_t end = 0; end != string::npos;) {
+        end = folder.find('/', end + 1);
+        folders.insert(folder.substr(0, end));
+    }
+}
+
 }  // namespace
 
 Identity identity_of(int fd) {
@@ -184,6 +204,30 @@ bool FolderLock::lock(const TSMailUserId& id, const string& folder, LockKind kin
         return false;
     }
     return true;
+}
+
+bool FolderLock::lock_both(const TSMailUserId& id, const string& one, const string& other,
+                           string& missing, const Pause& pause) {
+    unlock();
+    WalkOrder folders;
+    add_levels(one, folders);
+    add_levels(other, folders);
+    for (const string& folder : folders) {
+        if (lock_level(id.mailfolder(folder), LockKind::shared, pause, nullptr)) {
+            levels_.back().folder = folder;
+            continue;
+        }
+        missing = folder;
+        unlock();
+        return false;
+    }
+    return true;
+}
+
+int FolderLock::fd_of(const string& folder) const {
+    const auto level = std::find_if(levels_.begin(), levels_.end(),
+                                    [&](const Level& l) { return l.folder == folder; });
+    return level->fd.get();
 }
 
 FolderLock locked_folder(const TSMailUserId& id, const string& folder, LockKind kind) {

@@ -45,6 +45,10 @@ class FolderLock {
     // cannot be opened. A Failure if it cannot be locked.
     bool lock(const TSMailUserId& id, const std::string& folder, LockKind kind,
               const Pause& pause = sleep_milliseconds);
+    // Locks two folders shared, and the folders above them, each directory once and in the order of
+    // the walk. False as above; `missing` is then the folder that does not exist.
+    bool lock_both(const TSMailUserId& id, const std::string& one, const std::string& other,
+                   std::string& missing, const Pause& pause = sleep_milliseconds);
     // Locks only the directory at the path. False with EEXIST if `leave` returns true for it.
     bool lock_alone(const std::string& path, LockKind kind, const Pause& pause,
                     const std::function<bool(const Identity&)>& leave);
@@ -52,6 +56,8 @@ class FolderLock {
 
     // The folder's directory, open.
     int fd() const { return levels_.back().fd.get(); }
+    // The directory of a folder that lock_both() locked.
+    int fd_of(const std::string& folder) const;
     const Identity& identity() const { return levels_.back().identity; }
 
   private:
@@ -59,6 +65,7 @@ class FolderLock {
         Fd fd;
         Fd lock;  // empty if the directory itself is locked
         Identity identity;
+        std::string folder;  // only for lock_both()
     };
     using Leave = std::function<bool(const Identity&)>;
     bool lies_on_network(const Level& level) const;

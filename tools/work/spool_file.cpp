@@ -86,14 +86,8 @@ bool SpoolFile::give_name(int fresh, const string& name) {
     return ::linkat(AT_FDCWD, path.c_str(), fresh, name.c_str(), AT_SYMLINK_FOLLOW) == 0;
 }
 
-// Moves without replacing a file; if the system cannot do that, links the new name and then removes
-// the old one.
 bool SpoolFile::move_name(int fresh, const string& name) {
-    bool moved = rename_new(tmp_, name_.c_str(), fresh, name.c_str());
-    if (!moved && is_one_of(errno, EINVAL, ENOSYS, EOPNOTSUPP)) {
-        moved = ::linkat(tmp_, name_.c_str(), fresh, name.c_str(), 0) == 0;
-        if (moved) ::unlinkat(tmp_, name_.c_str(), 0);
-    }
+    const bool moved = base::move_new(tmp_, name_.c_str(), fresh, name.c_str());
     if (moved) name_.clear();
     return moved;
 }
