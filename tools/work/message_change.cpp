@@ -17,6 +17,7 @@
 #include "tools/work/message_name.h"
 #include "tools/work/records.h"
 #include "tools/work/removal.h"
+#include "tools/work/uncounted.h"
 
 namespace Tessaly::tool {
 
@@ -117,7 +118,6 @@ bool count_moved(const TSMailUserId& id, const string& from, const string& to,
     if (messages == 0) return true;
     const bool there = add_to_folder_record(id.mailfolder(to), bytes, messages);
     const bool gone = add_to_folder_record(id.mailfolder(from), -bytes, -messages);
-    if (!there || !gone) mark_for_recount(id);
     return there && gone;
 }
 
@@ -136,6 +136,8 @@ MessageChanges move_group(const TSMailUserId& id, const string& from, const stri
     const FolderLock lock = lock_both(id, from, to);
     const Places source(lock.fd_of(from), id.mailfolder(from));
     const Places target(lock.fd_of(to), id.mailfolder(to));
+    std::optional<Uncounted> uncounted;
+    if (!dry_run) uncounted.emplace(id);
     MessageChanges changes = change_each(names, [&](const string& name) {
         const auto found = find(source, name);
         if (!found) throw missing(source, name);
@@ -148,6 +150,7 @@ MessageChanges move_group(const TSMailUserId& id, const string& from, const stri
     });
     if (dry_run) return changes;
     changes.counted = count_moved(id, from, to, changes);
+    if (changes.counted) uncounted->counted();
     target.flush();
     source.flush();
     return changes;
