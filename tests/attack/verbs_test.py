@@ -30,7 +30,7 @@ VERBS = (
     ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", "ann+Tag@site.test", "--new-folders"),
     ("deliver", ANN, "--defer-exceeded"), ("deliver", ANN, "--folder", "Work", "--create"),
     ("pref", "show", ANN), ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),
-    ("list", "show", ANN, "whitelist"), ("list", "export", ANN, "whitelist"), ("list", "add", ANN, "whitelist", "x@y"),
+    ("list", "names", ANN), ("list", "show", ANN, "whitelist"), ("list", "export", ANN, "whitelist"), ("list", "add", ANN, "whitelist", "x@y"),
     ("list", "remove", ANN, "whitelist", "a@b"), ("list", "replace", ANN, "whitelist", "1", "c@d"),
     ("list", "match", ANN, "whitelist", "a@b"), ("list", "import", ANN, "blacklist", "/tmp/entries"),
     ("quota", "show", ANN), ("quota", "set", ANN, "warning"), ("quota", "set", ANN, "exceeded", "7"),

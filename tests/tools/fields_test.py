@@ -67,6 +67,7 @@ class FieldsTest(SpoolCase):
             "pref set": [["pref", "set", ANN, "npage=50"]],
             "pref reset": [["pref", "reset", ANN, "npage"]],
             "list add": [["list", "add", ANN, "whitelist", "a@site.test", "b@site.test"]],
+            "list names": [["list", "names", ANN]],
             "list show": [["list", "show", ANN, "whitelist"]],
             "list find": [["list", "find", ANN, "whitelist", "a@site.test"]],
             "list match": [["list", "match", ANN, "whitelist", "a@site.test"]],

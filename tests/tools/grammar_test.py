@@ -113,7 +113,7 @@ class HelpTest(SpoolCase):
 
     def test_a_verb_that_is_not_there(self):
         self.fail_with(64, "help", "dleiver", saying='did you mean "deliver"')
-        self.fail_with(64, "help", "list", "xyzzyxyzzy", saying="the verbs are show, ")
+        self.fail_with(64, "help", "list", "xyzzyxyzzy", saying="the verbs are names, show, ")
         self.fail_with(64, "help", "deliver", "more", saying='there is no verb "more"')
 
 

@@ -11,8 +11,10 @@
 
 #include "tools/cli/address.h"
 #include "tools/cli/input.h"
+#include "tools/cli/nearest.h"
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
+#include "tools/verbs/list_place.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/address_list.h"
 
@@ -23,79 +25,13 @@ namespace {
 using std::string;
 using Added = AddressList::Added;
 
-struct Arguments {
-    string address;
-    string list;
-    string scope = "user";
-    std::vector<string> words;
-    string line;
-    string entry;
-    string file;
-    bool sorted = false;
-};
-
-constexpr Word kScopes[] = {
-    {MAIL_LIST_USER, "user"}, {MAIL_LIST_HOME, "home"}, {MAIL_LIST_SYSTEM, "system"}};
+using Arguments = ListArguments;
 
 void check_entry(const string& entry) {
     if (const char* reason = against_entry(entry)) {
         throw Failure(kExitData,
                       fmt::format("entry \"{}\" is refused: {}", printable(entry), reason));
     }
-}
-
-// The list that the arguments name.
-struct Named {
-    AddressList list;
-    std::optional<TSMailUserId> user;  // the user whose list it is, if it is a user's list
-};
-
-Named named_list(const Arguments& arguments) {
-    const auto scope = static_cast<unsigned>(word_of(kScopes, "scope", arguments.scope).number);
-    check_list_name(arguments.list);
-    if (scope == MAIL_LIST_HOME) check_home_name(arguments.address);
-    Named named{AddressList(arguments.address, arguments.list, scope), std::nullopt};
-    if (scope == MAIL_LIST_USER) {
-        named.user = mailbox_of(arguments.address);
-        if (named.list.path() == named.user->fname(MUF_PREF_FILE)) {
-            throw Failure(kExitData,
-                          "\"pref\" is not a list: the user's preferences have that name");
-        }
-    }
-    return named;
-}
-
-// The owner of the directory, or of the nearest one above it that exists: the work then reports
-// that the directory is missing.
-Owner owner_of_directory(string path) {
-    for (;;) {
-        try {
-            return owner_of(place_at(path));
-        } catch (const Failure& failure) {
-            if (failure.error() != ENOENT) throw;
-            path.erase(path.rfind('/'));
-        }
-    }
-}
-
-Owner owner_of_list(const Named& named) {
-    if (named.user) return Homes().owner(*named.user);
-    const string& path = named.list.path();
-    return owner_of_directory(path.substr(0, path.rfind('/')));
-}
-
-// Works on the list in a worker that runs as the owner of the list's directory.
-int run_on_list(Session& session, const Arguments& arguments,
-                const std::function<int(const AddressList&, Report&)>& work,
-                const std::function<void(const Json&)>& show = {}) {
-    const Named named = named_list(arguments);
-    Job job;
-    job.owner = [&](std::size_t) { return owner_of_list(named); };
-    job.work = [&](std::size_t, int, Report& report) { return work(named.list, report); };
-    job.show = [&](std::size_t, const Json& object) {
-        session.json ? session.out.object(object) : show(object);
-    };
-    return run_job(session, job).code;
 }
 
 Failure full(const AddressList& list) {
@@ -165,9 +101,24 @@ int run_on_words(Session& session, const Arguments& arguments, const Answers& an
     });
 }
 
+// A list that nothing reads is mostly a name that was mistyped.
+void check_known(const Arguments& arguments, const AddressList& list) {
+    const std::vector<string> known = known_lists();
+    const bool is_known = std::find(known.begin(), known.end(), arguments.list) != known.end();
+    if (is_known || arguments.any_name || list.exists()) return;
+    const string near = nearest(arguments.list, known);
+    throw Failure(
+        kExitData,
+        fmt::format("there is no list \"{}\"{}; --any-name makes a list of another name",
+                    printable(arguments.list),
+                    near.empty() ? fmt::format("; the store's are {}", fmt::join(known, ", "))
+                                 : fmt::format("; did you mean \"{}\"?", near)));
+}
+
 int run_add(Session& session, const Arguments& arguments) {
     std::for_each(arguments.words.begin(), arguments.words.end(), check_entry);
     const auto work = [&](const AddressList& list, Report& report) {
+        check_known(arguments, list);
         for (const string& entry : arguments.words) {
             const Added added = list.add(entry);
             if (added == Added::full) throw full(list);
@@ -255,13 +206,14 @@ int import_all(const AddressList& list, const Input& input, Report& report) {
 }
 
 int run_import(Session& session, const Arguments& arguments) {
-    const Named named = named_list(arguments);
+    const NamedList named = named_list(arguments);
     const Input input = open_input(arguments.file);
     Job job;
     job.progress = "importing " + input.name + ", bytes";
     job.owner = [&](std::size_t) { return owner_of_list(named); };
     job.input = [&](std::size_t) { return Fd(::fcntl(input.fd, F_DUPFD_CLOEXEC, 0)); };
     job.work = [&](std::size_t, int fd, Report& report) {
+        check_known(arguments, named.list);
         return import_all(named.list, {Fd(), fd, input.name}, report);
     };
     job.show = [&](std::size_t, const Json& tally) {
@@ -273,14 +225,47 @@ int run_import(Session& session, const Arguments& arguments) {
     return run_job(session, job).code;
 }
 
-Verb& declare_list(Verb& verb, Arguments& arguments) {
-    return verb.address(arguments.address)
-        .text("LIST", arguments.list, "The list's name, as whitelist")
-        .required()
+int run_names(Session& session, const Arguments& arguments) {
+    Table table({{"list"}, {"entries", Align::right}});
+    Arguments any = arguments;
+    any.list = known_lists().front();  // lies in the same directory
+    const auto scope = static_cast<unsigned>(word_of(kListScopes, "scope", arguments.scope).number);
+    const auto work = [&](const AddressList&, Report& report) {
+        for (const string& name : list_names(arguments.address, scope)) {
+            try {
+                const auto entries = AddressList(arguments.address, name, scope).sorted().size();
+                report.object({{"list", name}, {"entries", entries}});
+            } catch (const Failure& failure) {
+                report.error(failure);
+            }
+        }
+        return kExitOk;
+    };
+    const int code = run_on_list(session, any, work, [&](const Json& list) {
+        table.row(
+            {list.at("list").get<string>(), std::to_string(list.at("entries").get<std::size_t>())});
+    });
+    if (!session.json && code == kExitOk) table.print(session.out);
+    return code;
+}
+
+Verb& declare_scope(Verb& verb, Arguments& arguments) {
+    return verb
         .text("--scope", arguments.scope,
               "user (default): the user's own; home: the list in the directory ADDRESS below the "
               "homes; system: the system's, ADDRESS is not looked at")
-        .one_of(kScopes);
+        .one_of(kListScopes);
+}
+
+Verb& declare_list(Verb& verb, Arguments& arguments) {
+    verb.address(arguments.address)
+        .text("LIST", arguments.list, "The list's name, as whitelist")
+        .required();
+    return declare_scope(verb, arguments);
+}
+
+void declare_names(Verb& verb, Arguments& arguments) {
+    declare_scope(verb.address(arguments.address), arguments);
 }
 
 void declare_show(Verb& verb, Arguments& arguments) {
@@ -290,8 +275,17 @@ void declare_show(Verb& verb, Arguments& arguments) {
 
 void declare_plain(Verb& verb, Arguments& arguments) { declare_list(verb, arguments); }
 
+void declare_any_name(Verb& verb, Arguments& arguments) {
+    verb.flag("--any-name", arguments.any_name, "Make a list that the store does not know");
+}
+
 void declare_entries(Verb& verb, Arguments& arguments) {
     declare_list(verb, arguments).texts("ENTRY", arguments.words, "Entries").required();
+}
+
+void declare_add(Verb& verb, Arguments& arguments) {
+    declare_entries(verb, arguments);
+    declare_any_name(verb, arguments);
 }
 
 void declare_addresses(Verb& verb, Arguments& arguments) {
@@ -311,14 +305,16 @@ void declare_replace(Verb& verb, Arguments& arguments) {
 void declare_import(Verb& verb, Arguments& arguments) {
     declare_list(verb, arguments)
         .text("FILE", arguments.file, "One entry a line (default: standard input)");
+    declare_any_name(verb, arguments);
 }
 
 }  // namespace
 
 void add_list_verbs(const VerbGroup& top) {
     const VerbGroup list = top.group("list", "About address lists");
+    list.verb("names", "Show which lists there are", declare_names, run_names);
     list.verb("show", "Show the lines with their numbers", declare_show, run_show);
-    list.verb("add", "Add entries", declare_entries, run_add);
+    list.verb("add", "Add entries", declare_add, run_add);
     list.verb("remove", "Remove entries", declare_entries, run_remove);
     list.verb("find", "Say whether entries are in the list (exit code 1: not all)", declare_entries,
               run_find);

@@ -5,15 +5,18 @@
 #include <tessaly/maillist.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <utility>
 
+#include "base/store_names.h"
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
+#include "tools/work/paths.h"
 
 namespace Tessaly::tool {
 
@@ -57,6 +60,29 @@ bool last_line_is_open(const string& path) {
 }
 
 }  // namespace
+
+std::vector<string> known_lists() {
+    return {"whitelist",     "blacklist", "blocklist",   "primaryaddr",
+            "secondaryaddr", "emailtag",  "calendartag", "favorlist"};
+}
+
+std::vector<string> list_names(const string& user, unsigned scope) {
+    const string any = path_of(user, "", scope);
+    const auto slash = any.rfind('/');
+    const string directory = any.substr(0, slash), prefix = any.substr(slash + 1);
+    std::vector<string> lists;
+    for (const string& file : names_in(directory)) {
+        const string name = file.substr(std::min(prefix.size(), file.size()));
+        const bool is_list = file.starts_with(prefix) && !name.empty() && !name.starts_with('.') &&
+                             (scope != MAIL_LIST_USER || name != names::kPreferences);
+        struct stat st;
+        if (!is_list || ::lstat(in(directory, file).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+            continue;
+        }
+        lists.push_back(name);
+    }
+    return lists;
+}
 
 const char* against_entry(std::string_view entry) {
     if (entry.empty()) return "it is empty";

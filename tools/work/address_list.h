@@ -12,6 +12,13 @@ namespace Tessaly::tool {
 // An entry can be added only to a list of at most this many lines.
 constexpr int kListLines = 2048;
 
+// The lists that programs of the store use. Any other name makes a list that nothing reads.
+std::vector<std::string> known_lists();
+
+// The names of the lists that a user or another scope has, in byte order; none if there is no such
+// directory. The preferences, which lie beside a user's lists, are left out.
+std::vector<std::string> list_names(const std::string& user, unsigned scope);
+
 // The reason why an entry is refused, or nullptr. Refused are texts that would not be one line of
 // the list, and control characters.
 const char* against_entry(std::string_view entry);
