@@ -244,11 +244,11 @@ void Protocol::bdat(string_view arguments) {
     }
     chunk_left_ = *size;
     chunk_last_ = !last.empty();
-    chunk_refused_.reset();
+    chunk_refused_ = nullptr;
     if (!sender_given_) {
-        chunk_refused_ = kOutOfOrder;
+        chunk_refused_ = &kOutOfOrder;
     } else if (envelope_.accepted.empty()) {
-        chunk_refused_ = kNoRecipients;
+        chunk_refused_ = &kNoRecipients;
     } else if (!began_) {
         begin_content(false);
     }
@@ -326,7 +326,7 @@ std::size_t Protocol::take_text(string_view bytes) {
 
 std::size_t Protocol::take_chunk(string_view bytes) {
     const auto taken = static_cast<std::size_t>(std::min<std::uint64_t>(bytes.size(), chunk_left_));
-    if (!chunk_refused_) {
+    if (chunk_refused_ == nullptr) {
         decoder_.take(bytes.substr(0, taken), [this](string_view part) { store(part); });
         too_big_ = settings_.max_size != 0 && decoder_.size() > settings_.max_size;
     }
@@ -337,7 +337,7 @@ std::size_t Protocol::take_chunk(string_view bytes) {
 
 void Protocol::end_chunk() {
     input_ = Input::command;
-    if (chunk_refused_) return say(*chunk_refused_);
+    if (chunk_refused_ != nullptr) return say(*chunk_refused_);
     if (!chunk_last_) return say(too_big_ ? kTooBig : kOk);
     decoder_.finish([this](string_view part) { store(part); });
     too_big_ = settings_.max_size != 0 && decoder_.size() > settings_.max_size;

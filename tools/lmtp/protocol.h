@@ -138,7 +138,7 @@ class Protocol {
     bool too_big_ = false;
     std::uint64_t chunk_left_ = 0;
     bool chunk_last_ = false;
-    std::optional<Reply> chunk_refused_;  // the chunk is read and dropped
+    const Reply* chunk_refused_ = nullptr;  // why the chunk is read and dropped; null: it is not
 
     std::string output_;
 };
