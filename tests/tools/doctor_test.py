@@ -8,13 +8,14 @@ import time
 import unittest
 
 from tools import toolkit
-from tools.toolkit import (Lock, SpoolCase, as_nobody, content, folder_record, held_by_folders,
+from tools.toolkit import (NOBODY, Lock, SpoolCase, as_nobody, content, folder_record, held_by_folders,
                            is_marked, mail, mailbox_record, messages, mode, own_by_nobody, snapshot,
                            traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOP = mail(ANN)
-PREF = os.path.dirname(TOP) + "/pref"
+HOME = os.path.dirname(TOP)
+PREF = HOME + "/pref"
 LONG_AGO = time.time() - 37 * 3600
 DELIVERED = re.compile(r"#Q#.*,#F")  # a name that the tool gave
 
@@ -56,6 +57,9 @@ class DoctorCase(SpoolCase):
         done = tsmail("--json", "doctor", ANN, *words, **options)
         self.assertEqual(done.code, code, done)
         return done.objects
+
+    def checks(self, code, *words):
+        return [row["check"] for row in self.doctor(code, *words)]
 
     def bodies(self):
         """The contents of every file below the mailbox's new, cur and tmp."""
@@ -128,8 +132,9 @@ class FindingsTest(DoctorCase):
         self.found("folder-parts", TOP + "/Plain", "^no cur, new, tmp$")
         self.assertEqual(folder_record(ANN, "Plain/Below"), (1, 1))
         os.makedirs(TOP + "/plain")  # a user's own
-        os.symlink("/etc", TOP + "/link")
         self.assertEqual(self.doctor(0), [])
+        os.symlink("/etc", TOP + "/link")
+        self.assertEqual(self.checks(1), ["links"])
 
     def test_complete_messages_in_tmp_go_back(self):
         rows = (("a,#F#S#5#E", b"12345", "new"), ("b,#F#S#5#E:2,S", b"12345", "cur"),
@@ -208,8 +213,9 @@ class FindingsTest(DoctorCase):
         put("Inbox/tmp/a,#F#S#4#E", b"12345")
         put("Inbox/cur/.b,#F#S#4#E", b"12345")
         os.mkdir(TOP + "/Inbox/cur/c,#F#S#4#E")
-        os.symlink("/etc/passwd", TOP + "/Inbox/new/d,#F#S#4#E")
         self.assertEqual(self.doctor(0), [])
+        os.symlink("/etc/passwd", TOP + "/Inbox/new/d,#F#S#4#E")
+        self.assertEqual(self.checks(1), ["links"])
 
     def test_sizes_in_names_of_several_folders(self):
         for folder in ("Inbox", "Work", "Work/2024"):
@@ -349,7 +355,104 @@ class FindingsTest(DoctorCase):
                 self.assertLess(abs(os.stat(path).st_mtime - time.time()), 60)
 
 
+class HomeTest(DoctorCase):
+    """Links, other users' files, files of another address, homes without one."""
+
+    def rows(self, *words, code=1):
+        return [(row["check"], row["path"], row["what"], row["repair"], row["repaired"])
+                for row in self.doctor(code, *words)]
+
+    def test_links_are_shown_and_stay(self):
+        os.symlink("/etc/passwd", PREF + "/notes")
+        os.symlink("/nowhere", mail(ANN) + "/Inbox/cur/x")
+        expected = [("links", path, "a symbolic link", "", False)
+                    for path in (PREF + "/notes", mail(ANN) + "/Inbox/cur/x")]
+        self.assertCountEqual(self.rows(), expected)
+        self.assertCountEqual(self.rows("--repair"), expected)
+        self.assertTrue(os.path.islink(PREF + "/notes"))
+
+    @unittest.skipIf(os.geteuid() != 0, "needs root")
+    def test_files_of_other_users_are_given_back(self):
+        own_by_nobody(HOME)
+        path = messages(ANN)[0]
+        os.chown(path, 0, 0)
+        os.chmod(path, 0o4755)
+        row = ("owners", path, "belongs to user 0", "gives it to the mailbox's owner")
+        self.assertEqual(self.rows(), [(*row, False)])
+        self.assertEqual(os.stat(path).st_uid, 0)
+        self.assertEqual(self.rows("--repair", code=0), [(*row, True)])
+        self.assertEqual((os.stat(path).st_uid, os.stat(path).st_gid), (NOBODY, NOBODY))
+        self.assertEqual(mode(path) & 0o6000, 0)
+        self.assertEqual(self.rows(code=0), [])
+
+    @unittest.skipIf(os.geteuid() != 0, "needs root")
+    def test_what_could_also_lie_elsewhere_is_not_given(self):
+        own_by_nobody(HOME)
+        os.mkdir("/var/spool/elsewhere")
+        write("/var/spool/elsewhere/secret", "x")
+        os.link("/var/spool/elsewhere/secret", mail(ANN) + "/Inbox/hard")
+        os.mkdir(mail(ANN) + "/theirs")
+        os.mkfifo(mail(ANN) + "/fifo")
+        for words in ([], ["--repair"]):
+            rows = [row for row in self.rows(*words) if row[0] == "owners"]
+            self.assertCountEqual(rows, [("owners", f"{mail(ANN)}/{name}", "belongs to user 0", "", False)
+                                         for name in ("Inbox/hard", "theirs", "fifo")])
+            self.assertEqual(os.stat("/var/spool/elsewhere/secret").st_uid, 0)
+
+    @unittest.skipIf(os.geteuid() != 0, "needs root")
+    def test_who_is_not_root_gives_nothing(self):
+        own_by_nobody("/var/spool/home")
+        os.chown(messages(ANN)[0], 0, 0)
+        done = tsmail("--json", "doctor", ANN, "--repair", **as_nobody())
+        self.assertEqual([(row["check"], row["repair"]) for row in done.objects], [("owners", "")], done)
+
+    def test_files_of_another_address_get_the_right_name(self):
+        for name in ("old~was.test.pref", "old~was.test.whitelist", "old~was.test.blacklist", "other", "a.b"):
+            write(f"{PREF}/{name}", name)
+        write(PREF + "/ann~site.test.blacklist", "kept")
+        what, top = "is the file of another mailbox", PREF
+        rows = [("addresses", f"{top}/old~was.test.{name}", what, f"renames it to ann~site.test.{name}")
+                for name in ("pref", "whitelist")]
+        taken = ("addresses", f"{top}/old~was.test.blacklist", what + ", beside ann~site.test.blacklist", "", False)
+        self.assertCountEqual(self.rows(), [*((*row, False) for row in rows), taken])
+        self.assertCountEqual([row for row in self.rows("--repair") if row[0] == "addresses"],
+                              [*((*row, True) for row in rows), taken])
+        self.assertEqual({name: content(f"{top}/{name}") for name in os.listdir(top) if "list" in name or "." in name},
+                         {"ann~site.test.pref": b"old~was.test.pref", "ann~site.test.whitelist":
+                          b"old~was.test.whitelist", "ann~site.test.blacklist": b"kept",
+                          "old~was.test.blacklist": b"old~was.test.blacklist", "a.b": b"a.b"})
+
+    def test_homes_that_no_address_leads_to(self):
+        domain = os.path.dirname(HOME)
+        for name in ("no-tilde", "Ann~site.test", "ann~other.test"):
+            os.makedirs(f"{domain}/{name}/mail/Inbox/cur")
+        os.makedirs(domain + "/no-mail")
+        expected = [(None, "homes", f"{domain}/{name}")
+                    for name in ("Ann~site.test", "ann~other.test", "no-tilde")]
+        for words in (["--all"], ["--domain", "site.test"], ["--all", "--repair"]):
+            done = tsmail("--json", "doctor", *words)
+            self.assertEqual(done.code, 1, done)
+            self.assertEqual([(row["address"], row["check"], row["path"]) for row in done.objects], expected)
+
+
 class RunTest(DoctorCase):
+    def test_what_people_see(self):
+        write(mail(BERT) + "/Inbox/.ts_folder_size", "1 1\n")
+        os.symlink("/x", TOP + "/link")
+        write(TOP + "/.maildirsize", "1 1\n")
+        done = tsmail("doctor", "--all")
+        self.assertEqual(done.lines[:2], [
+            f"{TOP}/link: a symbolic link (no repair, please look at it)",
+            f"{TOP}/.maildirsize: says 1 byte in 1 message; there are 120 bytes in 2 messages "
+            "(--repair recounts the mailbox)"])
+        self.assertRegex(done.lines[3], "^links: 1 finding, 0 repaired; what lies behind")
+        self.assertRegex(done.lines[4], "^sizes: 2 findings, 0 repaired; ")
+        self.assertEqual(done.lines[5:], ["3 findings in 2 mailboxes, 0 repaired"])
+        os.unlink(TOP + "/link")
+        done = tsmail("doctor", ANN, "--repair")
+        self.assertTrue(done.lines[0].endswith("(repaired: recounts the mailbox)"), done)
+        self.assertEqual(done.lines[-1], "1 finding in 1 mailbox, 1 repaired")
+
     def test_all(self):
         write(mail(BERT) + "/Inbox/.ts_folder_size", "1 1\n")
         write(TOP + "/.maildirsize", "1 1\n")
@@ -390,8 +493,9 @@ class RunTest(DoctorCase):
         done = tsmail("--json", "doctor", "--all", **as_nobody())
         os.chmod(TOP + "/Work/2024", 0o700)
         self.assertEqual(done.code, 73, done)
-        self.assertRegex(done.err, 'the check "sizes" could not be made: .*Permission denied')
-        self.assertEqual([row["address"] for row in done.objects], [BERT])
+        self.assertEqual(done.err, f"tsmail: {ANN}: {TOP}/Work/2024: Permission denied\n", "it says so once")
+        self.assertEqual([(row["address"], row["check"]) for row in done.objects],
+                         [(ANN, "folder-permissions"), (BERT, "sizes")])
 
     def test_a_message_goes_back_under_the_folders_lock(self):
         path = left_in_tmp("a,#F#S#5#E", b"12345")
@@ -491,7 +595,7 @@ class SizeFieldFaultsTest(DoctorCase):
         done = self.traced("-P", self.paths[0], "-e", f"inject={self.LOOK}:error=EIO",
                            repair=False)
         self.assertEqual(done.code, 74, done)
-        self.assertRegex(done.err, 'the check "size-fields" could not be made: .*a,#F#S#4#E:2,: Input')
+        self.assertRegex(done.err, "^tsmail: [^ ]*a,#F#S#4#E:2,: Input")
         self.assertEqual(done.objects, [])
 
     def test_killed_at_each_rename(self):

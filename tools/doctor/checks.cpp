@@ -4,7 +4,7 @@ namespace Tessaly::tool {
 
 std::vector<Check> all_checks() {
     std::vector<Check> all;
-    for (const auto checks : {file_checks(), folder_checks(), size_checks()}) {
+    for (const auto checks : {home_checks(), file_checks(), folder_checks(), size_checks()}) {
         all.insert(all.end(), checks.begin(), checks.end());
     }
     return all;

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/cli/failure.h"
 #include "tools/work/folder.h"
 
 namespace Tessaly::tool {
@@ -19,6 +20,9 @@ namespace Tessaly::tool {
 struct Patient {
     TSMailUserId id;
     FolderMaker maker;
+    bool can_give;  // whether the parent process may change the owner of a file
+    // Notes a part that a check cannot look at. The check goes on with the others.
+    std::function<void(const Failure&)> cannot_look;
 };
 
 struct Finding {
@@ -27,6 +31,8 @@ struct Finding {
     std::string repair;  // what a repair does; empty if a person has to act
     // Does the repair. A Failure if that is not possible.
     std::function<void()> mend = {};
+    // Instead of mend: a file, relative to the home, that the parent process gives to the owner.
+    std::string give = {};
 };
 
 // A file that was not written to for this long (in seconds) is a leftover.
@@ -42,7 +48,9 @@ struct Check {
 // The checks in the order to make them, repairs included: sizes come last.
 std::vector<Check> all_checks();
 
-// The parts of the table: folders and their contents, sizes, and the user's other files.
+// The parts of the table: the whole home, folders and their contents, sizes, and the user's other
+// files.
+std::span<const Check> home_checks();
 std::span<const Check> folder_checks();
 std::span<const Check> size_checks();
 std::span<const Check> file_checks();

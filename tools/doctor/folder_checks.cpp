@@ -28,12 +28,29 @@ namespace {
 using std::string;
 using std::string_view;
 
-// All folders; a Failure if one cannot be read.
+// The folders. Notes those that cannot be read.
 std::vector<string> folders_of_patient(const Patient& patient) {
     FolderList list = list_folders(patient.id);
-    if (list.unread.empty()) return std::move(list.names);
-    const auto& [path, error] = list.unread.front();
-    throw system_failure(printable(path), error);
+    for (const auto& [path, error] : list.unread) {
+        patient.cannot_look(system_failure(printable(path), error));
+    }
+    return std::move(list.names);
+}
+
+// Calls look(folder, path) for each folder. Notes those at which it fails, and returns their
+// number.
+template <class Look>
+std::size_t look_at_each_folder(const Patient& patient, Look look) {
+    std::size_t failed = 0;
+    for (const string& folder : folders_of_patient(patient)) {
+        try {
+            look(folder, patient.id.mailfolder(folder));
+        } catch (const Failure& failure) {
+            ++failed;
+            patient.cannot_look(failure);
+        }
+    }
+    return failed;
 }
 
 string counted(std::uint64_t number, const char* thing) {
@@ -70,12 +87,14 @@ std::vector<Finding> look_at_root_modes(const Patient& patient) {
 
 std::vector<Finding> look_at_folder_modes(const Patient& patient) {
     std::vector<Finding> findings;
-    for (const string& name : folders_of_patient(patient)) {
+    const FolderList list = list_folders(patient.id);
+    for (const string& name : list.names) {
         const string path = patient.id.mailfolder(name);
         for (const char* part : {"", "/cur", "/new", "/tmp"}) {
             check_mode(path + part, kOwner, 0, findings);
         }
     }
+    for (const auto& unread : list.unread) check_mode(unread.path, kOwner, 0, findings);
     return findings;
 }
 
@@ -109,10 +128,20 @@ std::optional<Listing> listing_of(const string& path) {
     return listing;
 }
 
+// The same; notes a directory that cannot be read.
+std::optional<Listing> listing_or_note(const Patient& patient, const string& path) {
+    try {
+        return listing_of(path);
+    } catch (const Failure& failure) {
+        patient.cannot_look(failure);
+        return std::nullopt;
+    }
+}
+
 // Checks a directory and all below it. Whether it is or should be a folder, or contains one.
 bool look_for_parts(const Patient& patient, const string& name, std::vector<Finding>& findings) {
     const string path = patient.id.mailfolder(name);
-    const std::optional<Listing> listing = listing_of(path);
+    const std::optional<Listing> listing = listing_or_note(patient, path);
     if (!listing) return false;
     bool wanted = is_meant_as_folder(path, *listing);
     const std::size_t place = findings.size();
@@ -180,15 +209,15 @@ Finding leftover(const TSMailUserId& id, const string& folder, const string& nam
 
 std::vector<Finding> look_at_leftovers(const Patient& patient) {
     std::vector<Finding> findings;
-    for (const string& folder : folders_of_patient(patient)) {
-        const string tmp = patient.id.mailfolder(folder) + "/tmp";
+    look_at_each_folder(patient, [&](const string& folder, const string& path) {
+        const string tmp = path + "/tmp";
         for (const string& name : names_in(tmp)) {
             struct stat st;
             if (::lstat(in(tmp, name).c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
             if (name.front() == '.' || std::time(nullptr) - st.st_mtime <= kLeftBehind) continue;
             findings.push_back(leftover(patient.id, folder, name, st));
         }
-    }
+    });
     return findings;
 }
 
@@ -196,13 +225,12 @@ std::vector<Finding> look_at_leftovers(const Patient& patient) {
 
 std::vector<Finding> look_at_names(const Patient& patient) {
     std::vector<Finding> findings;
-    for (const string& folder : folders_of_patient(patient)) {
-        const string path = patient.id.mailfolder(folder);
+    look_at_each_folder(patient, [&](const string& folder, const string& path) {
         const Untagged untagged = untagged_in(path);
         for (const string& message : untagged.stuck) {
             findings.push_back({message, "the name's size field holds no size", ""});
         }
-        if (untagged.taggable == 0) continue;
+        if (untagged.taggable == 0) return;
         findings.push_back(
             {path, counted(untagged.taggable, "message") + " without a size in the name",
              "puts the size into the name", [id = patient.id, folder] {
@@ -210,7 +238,7 @@ std::vector<Finding> look_at_names(const Patient& patient) {
                  if (untagged_in(id.mailfolder(folder)).taggable == 0) return;
                  throw Failure(kExitCannotCreate, printable(folder) + ": some could not be tagged");
              }});
-    }
+    });
     return findings;
 }
 
@@ -225,8 +253,7 @@ void correct_and_recount(const TSMailUserId& id, const string& folder) {
 
 std::vector<Finding> look_at_size_fields(const Patient& patient) {
     std::vector<Finding> findings;
-    for (const string& folder : folders_of_patient(patient)) {
-        const string path = patient.id.mailfolder(folder);
+    look_at_each_folder(patient, [&](const string& folder, const string& path) {
         std::uint64_t mendable = 0;
         for (const WrongSize& message : wrong_sizes_in(path)) {
             if (!message.right_path.empty()) {
@@ -239,11 +266,11 @@ std::vector<Finding> look_at_size_fields(const Patient& patient) {
                              counted(message.actual, "byte")),
                  ""});
         }
-        if (mendable == 0) continue;
+        if (mendable == 0) return;
         findings.push_back({path, counted(mendable, "message") + " with a wrong size in the name",
                             "puts the right size into the name and recounts",
                             [id = patient.id, folder] { correct_and_recount(id, folder); }});
-    }
+    });
     return findings;
 }
 
@@ -268,15 +295,16 @@ void check_total(const TSMailUserId& id, const string& file, const Totals& actua
 std::vector<Finding> look_at_totals_once(const Patient& patient) {
     std::vector<Finding> findings;
     Totals sum;
-    for (const string& folder : folders_of_patient(patient)) {
-        const string path = patient.id.mailfolder(folder);
+    std::size_t failed = list_folders(patient.id).unread.size();
+    failed += look_at_each_folder(patient, [&](const string&, const string& path) {
         const FolderCount count = count_folder(AT_FDCWD, path.c_str());
         if (count.error != 0) throw system_failure(printable(path), count.error);
         const Totals actual = total_of(count);
         check_total(patient.id, folder_size_file(path), actual, findings);
         add(sum, actual);
-    }
-    check_total(patient.id, mailbox_size_file(patient.id), sum, findings);
+    });
+    // The sum is only known if all folders were counted.
+    if (failed == 0) check_total(patient.id, mailbox_size_file(patient.id), sum, findings);
     return findings;
 }
 
@@ -308,18 +336,18 @@ long long scanned_size(const string& folder) {
 
 std::vector<Finding> look_at_caches(const Patient& patient) {
     std::vector<Finding> findings;
-    for (const string& folder : folders_of_patient(patient)) {
-        const string path = patient.id.mailfolder(folder), cache = in(path, names::kScanCache);
-        if (::access(cache.c_str(), F_OK) != 0) continue;
+    look_at_each_folder(patient, [&](const string&, const string& path) {
+        const string cache = in(path, names::kScanCache);
+        if (::access(cache.c_str(), F_OK) != 0) return;
         const long long cached = tsl_get_mailbox_size(path.c_str(), nullptr);
         const long long actual = scanned_size(path);
-        if (cached == actual) continue;
+        if (cached == actual) return;
         findings.push_back({cache, fmt::format("says {} bytes; there are {}", cached, actual),
                             "removes the cache; the next scan makes it anew", [cache] {
                                 if (::unlink(cache.c_str()) == 0 || errno == ENOENT) return;
                                 throw system_failure(printable(cache));
                             }});
-    }
+    });
     return findings;
 }
 

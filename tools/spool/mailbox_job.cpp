@@ -57,8 +57,13 @@ std::optional<TSMailUserId> mailbox_named(const string& home) {
 
 void add_mailboxes_of(const Place& domain, Mailboxes& mailboxes) {
     for (const string& name : names_in(domain)) {
-        const auto id = mailbox_named(domain.path + '/' + name);
-        if (id && may_be_home(domain, name)) mailboxes.ids.push_back(*id);
+        if (!may_be_home(domain, name)) continue;
+        const string home = domain.path + '/' + name;
+        if (const auto id = mailbox_named(home)) {
+            mailboxes.ids.push_back(*id);
+        } else if (name.front() != '.') {
+            mailboxes.not_addresses.push_back(home);
+        }
     }
 }
 

@@ -40,6 +40,9 @@ struct Mailboxes {
     bool all = false;  // all of the spool or of a domain; false: one named mailbox
     // A failure for each directory that could not be searched for mailboxes.
     std::vector<Failure> unread = {};
+    // The directories in a home's place that hold a maildir root, but have a name that no address
+    // leads to.
+    std::vector<std::string> not_addresses = {};
 };
 
 // The mailbox with this address, which need not exist yet.

@@ -1,10 +1,14 @@
 // doctor - says what is wrong in mailboxes, and repairs it if asked to.
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 
 #include "tools/cli/text.h"
 #include "tools/doctor/checks.h"
+#include "tools/spool/gift.h"
 #include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
 
@@ -19,6 +23,9 @@ struct Arguments {
     bool repair = false;
     std::optional<string> jobs;
 };
+
+// The field with which a worker asks its parent for a repair. It is not shown.
+constexpr char kGive[] = "give";
 
 // ---- the worker's part
 
@@ -42,17 +49,35 @@ void run_check(const Patient& patient, const Check& check, bool repair, Report& 
                        {"what", finding.what},
                        {"why", check.why},
                        {"repair", finding.repair},
-                       {"repaired", repaired}});
+                       {"repaired", repaired},
+                       {kGive, repair ? finding.give : ""}});
     }
 }
 
+// Reports each part that cannot be looked at once, however many checks meet it.
+class Unseen {
+  public:
+    explicit Unseen(Report& report) : report_(report) {}
+    void note(const Failure& failure) {
+        if (known_.insert(failure.what()).second) report_.error(failure);
+    }
+
+  private:
+    Report& report_;
+    std::set<string> known_;
+};
+
 // A check that fails does not prevent the others.
-int look_at(const Patient& patient, bool repair, Report& report) {
+int look_at(const TSMailUserId& id, const FolderMaker& maker, bool root, bool repair,
+            Report& report) {
+    Unseen unseen(report);
+    const Patient patient = {id, maker, root,
+                             [&](const Failure& failure) { unseen.note(failure); }};
     for (const Check& check : all_checks()) {
         try {
             run_check(patient, check, repair, report);
         } catch (const Failure& failure) {
-            report.error(Failure(
+            unseen.note(Failure(
                 failure.code(),
                 fmt::format("the check \"{}\" could not be made: {}", check.name, failure.what()),
                 failure.error()));
@@ -63,46 +88,123 @@ int look_at(const Patient& patient, bool repair, Report& report) {
 
 // ---- what is shown
 
-void show(Session& session, const Json& finding, bool repair) {
-    if (session.json) return session.out.object(finding);
-    const auto text = [&](const char* field) { return finding.at(field).get<string>(); };
-    Output& out = session.out;
-    out.line(out.strong(printable(text("path"))) + ": " + printable(text("what")));
-    out.line(fmt::format("  why it matters: {}", text("why")));
-    if (finding.at("repaired").get<bool>()) {
-        out.line("  repaired: " + text("repair"));
-    } else if (text("repair").empty()) {
-        out.line("  repair: none, please look at it");
-    } else {
-        out.line((repair ? "  not repaired: " : "  repair: ") + text("repair"));
+// "1 finding", "2 findings".
+string counted(std::size_t number, const char* one, const char* many) {
+    return fmt::format("{} {}", number, number == 1 ? one : many);
+}
+
+// What has or would be done, in parentheses.
+string repair_text(const Json& finding, bool repair) {
+    const auto text = finding.at("repair").get<string>();
+    if (finding.at("repaired").get<bool>()) return "repaired: " + text;
+    if (text.empty()) return "no repair, please look at it";
+    return (repair ? "not repaired: " : "--repair ") + text;
+}
+
+// Shows findings, and counts them.
+class Findings {
+  public:
+    Findings(Session& session, bool repair) : session_(session), repair_(repair) {}
+
+    void add(const Json& finding) {
+        Counts& counts = by_check_[finding.at("check").get<string>()];
+        ++counts.found;
+        if (finding.at("repaired").get<bool>()) ++counts.repaired;
+        counts.why = finding.at("why").get<string>();
+        show(finding);
+    }
+
+    void summarize(std::size_t mailboxes) const {
+        if (session_.json) return;
+        Counts all;
+        for (const auto& [check, counts] : by_check_) {
+            all.found += counts.found;
+            all.repaired += counts.repaired;
+            session_.out.line(fmt::format("{}: {}, {} repaired; {}", check,
+                                          counted(counts.found, "finding", "findings"),
+                                          counts.repaired, counts.why));
+        }
+        session_.out.line(fmt::format("{} in {}, {} repaired",
+                                      counted(all.found, "finding", "findings"),
+                                      counted(mailboxes, "mailbox", "mailboxes"), all.repaired));
+    }
+
+    bool all_repaired() const {
+        return std::all_of(by_check_.begin(), by_check_.end(),
+                           [](const auto& row) { return row.second.found == row.second.repaired; });
+    }
+
+  private:
+    struct Counts {
+        std::size_t found = 0, repaired = 0;
+        string why;
+    };
+
+    void show(const Json& finding) const {
+        if (session_.json) return session_.out.object(finding);
+        const auto text = [&](const char* field) {
+            return printable(finding.at(field).get<string>());
+        };
+        Output& out = session_.out;
+        out.line(fmt::format("{}: {} ({})", out.strong(text("path")), text("what"),
+                             printable(repair_text(finding, repair_))));
+    }
+
+    Session& session_;
+    const bool repair_;
+    std::map<string, Counts> by_check_;
+};
+
+// The parent's part of a repair: only root can change a file's owner.
+void give(Session& session, Homes& homes, const TSMailUserId& id, Json& finding) {
+    const auto path = finding.at(kGive).get<string>();
+    finding.erase(kGive);
+    if (path.empty()) return;
+    try {
+        const Owner owner = homes.owner(id);
+        give_file(homes.home(id), path, owner);
+        finding["repaired"] = true;
+    } catch (const Failure& failure) {
+        session.warn(failure.what());
+    }
+}
+
+void show_not_addresses(const Mailboxes& mailboxes, Findings& findings) {
+    for (const string& path : mailboxes.not_addresses) {
+        findings.add({{"address", nullptr},
+                      {"check", "homes"},
+                      {"path", path},
+                      {"what", "the name is not that of an address"},
+                      {"why", "no mailbox can be there, so nothing of it is counted or found"},
+                      {"repair", ""},
+                      {"repaired", false}});
     }
 }
 
 int run_doctor(Session& session, const Arguments& arguments) {
     const Mailboxes mailboxes = mailboxes_of(arguments.choice);
     const FolderMaker maker(session.callers_umask);
-    std::uint64_t findings = 0, repaired = 0;
+    const bool root = ::geteuid() == 0;
+    Findings findings(session, arguments.repair);
+    Homes homes;
     MailboxJob job;
     job.progress = "looking at mailboxes";
     job.jobs = jobs_of(arguments.jobs);
     job.changes_sizes = arguments.repair;
     job.work = [&](const TSMailUserId& id, Report& report) {
-        return look_at({id, maker}, arguments.repair, report);
+        return look_at(id, maker, root, arguments.repair, report);
     };
-    job.show = [&](const TSMailUserId&, const Json& finding) {
-        ++findings;
-        if (finding.at("repaired").get<bool>()) ++repaired;
-        show(session, finding, arguments.repair);
+    job.show = [&](const TSMailUserId& id, const Json& object) {
+        Json finding = object;
+        give(session, homes, id, finding);
+        findings.add(finding);
     };
     const JobResult result = run_quietly_on(session, mailboxes, job);
-    if (!session.json) {
-        session.out.line(fmt::format("{} finding{} in {} mailbox{}, {} repaired", findings,
-                                     findings == 1 ? "" : "s", mailboxes.ids.size(),
-                                     mailboxes.ids.size() == 1 ? "" : "es", repaired));
-    }
+    show_not_addresses(mailboxes, findings);
+    findings.summarize(mailboxes.ids.size());
     if (mailboxes.all) show_left_out(session, result);
     if (result.code != kExitOk) return result.code;
-    return findings == repaired ? kExitOk : kExitNo;
+    return findings.all_repaired() ? kExitOk : kExitNo;
 }
 
 void declare_doctor(Verb& verb, Arguments& arguments) {
