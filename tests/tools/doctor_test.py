@@ -422,6 +422,28 @@ class HomeTest(DoctorCase):
                           b"old~was.test.whitelist", "ann~site.test.blacklist": b"kept",
                           "old~was.test.blacklist": b"old~was.test.blacklist", "a.b": b"a.b"})
 
+    def test_a_twin_of_a_system_folder_is_merged(self):
+        for folder, text in (("sENT", b"one"), ("sENT/Deep", b"three"), ("Sent", b"seven77")):
+            self.succeed("deliver", ANN, "--create", "--folder", folder, stdin=text)
+        bodies, sums = self.bodies(), mailbox_record(ANN)
+        row = ("twins", TOP + "/sENT", "looks like the folder Sent",
+               "moves its messages to Sent and schedules it for deletion")
+        self.assertEqual(self.rows(), [(*row, False)])
+        self.assertEqual(self.rows("--repair", code=0), [(*row, True)])
+        self.assertEqual(self.rows(code=0), [])
+        self.assertFalse(os.path.exists(TOP + "/sENT"))
+        self.assertEqual((self.bodies(), mailbox_record(ANN)), (bodies, sums))
+        self.assertEqual([folder_record(ANN, name) for name in ("Sent", "Sent/Deep")], [(10, 2), (5, 1)])
+        self.assertFalse(is_marked(ANN))
+
+    def test_a_twin_whose_message_cannot_move_stays(self):
+        self.succeed("deliver", ANN, "--create", "--folder", "trash", stdin=b"one")
+        name = os.path.basename(messages(ANN, "trash")[0])
+        put("Trash/new/" + name, b"two")
+        self.assertIn(("twins", False), [(row["check"], row["repaired"]) for row in self.doctor(1, "--repair")])
+        self.assertEqual(content(f"{TOP}/trash/new/{name}"), b"one")
+        self.assertEqual(content(f"{TOP}/Trash/new/{name}"), b"two")
+
     def test_homes_that_no_address_leads_to(self):
         domain = os.path.dirname(HOME)
         for name in ("no-tilde", "Ann~site.test", "ann~other.test"):

@@ -2,6 +2,7 @@
 // that look like a system folder.
 #include <fcntl.h>
 #include <fmt/format.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,7 +16,11 @@
 #include "tools/cli/text.h"
 #include "tools/doctor/checks.h"
 #include "tools/work/folder.h"
+#include "tools/work/folder_list.h"
+#include "tools/work/message_change.h"
 #include "tools/work/paths.h"
+#include "tools/work/removal.h"
+#include "tools/work/scan.h"
 
 namespace Tessaly::tool {
 
@@ -167,11 +172,58 @@ std::vector<Finding> look_at_addresses(const Patient& patient) {
     return findings;
 }
 
+// ---- twins of system folders
+
+// The system folder whose name differs from this one in letter case alone; "" if there is none.
+string system_twin(const string& name) {
+    for (const string& folder : system_folders()) {
+        if (name != folder && ::strcasecmp(name.c_str(), folder.c_str()) == 0) return folder;
+    }
+    return "";
+}
+
+void move_all(const TSMailUserId& id, const string& from, const string& to) {
+    int error = 0;
+    std::vector<string> names;
+    for (MessageRow& row : messages_of(id.mailfolder(from), error)) {
+        names.push_back(std::move(row.name));
+    }
+    if (error != 0) throw system_failure(printable(id.mailfolder(from)), error);
+    move_messages(id, from, to, names, false, SignalHold(), [](const MessageChanges& changes) {
+        if (!changes.failed.empty()) throw Failure(changes.failed.front());
+    });
+}
+
+// Moves the messages of the twin and of each folder below it. The emptied twin is scheduled for
+// deletion and not deleted, so that nothing is lost that came meanwhile.
+void merge(const Patient& patient, const string& twin, const string& folder) {
+    for (const string& name : list_folders(patient.id).names) {
+        if (name != twin && !name.starts_with(twin + '/')) continue;
+        const string target = folder + name.substr(twin.size());
+        patient.maker.make_folder(patient.id, target);
+        move_all(patient.id, name, target);
+    }
+    schedule_folder(patient.id, twin);
+}
+
+std::vector<Finding> look_at_twins(const Patient& patient) {
+    std::vector<Finding> findings;
+    for (const string& name : list_folders(patient.id).names) {
+        const string folder = system_twin(name);
+        if (folder.empty()) continue;
+        findings.push_back({patient.id.mailfolder(name), "looks like the folder " + folder,
+                            "moves its messages to " + folder + " and schedules it for deletion",
+                            [=] { merge(patient, name, folder); }});
+    }
+    return findings;
+}
+
 constexpr Check kHomeChecks[] = {
     {"links", "what lies behind a link may be another user's, and no size counts it",
      look_at_links},
     {"owners", "the mailbox's owner may be unable to read or to remove it", look_at_owners},
     {"addresses", "a file under another mailbox's name is never read", look_at_addresses},
+    {"twins", "mail in it is missed: many programs take it for the system folder", look_at_twins},
 };
 
 }  // namespace
