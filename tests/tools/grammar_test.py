@@ -161,7 +161,8 @@ class SourcesTest(unittest.TestCase):
         "work": {"cli", "work"},
         "doctor": {"cli", "work", "doctor"},
         "spool": {"cli", "work", "spool"},
-        "verbs": {"cli", "work", "doctor", "spool", "verbs"},
+        "lmtp": {"cli", "work", "spool", "lmtp"},
+        "verbs": {"cli", "work", "doctor", "spool", "lmtp", "verbs"},
     }
     IDENTITY = re.compile(r"::(set(res|re|e)?[ug]id|setgroups|setfs[ug]id)\(|SYS_set(groups|res[ug]id)")
 
@@ -182,6 +183,20 @@ class SourcesTest(unittest.TestCase):
                 allowed = self.MAY_USE[folder]
                 self.assertTrue(used in allowed or used.split("/")[0] in allowed, (folder, name, used))
         self.assertGreater(seen, 50)
+
+    # What a subsystem of the library may use, besides itself and base. support may not even use the public headers of
+    # the others, but that is seen when it is linked.
+    LIBRARY = {"base": set(), "mailuser": set(), "maildir": set(), "maillist": set(), "userpref": set(),
+               "support": set(), "mailsize": {"maildir", "mailuser"}, "quota": {"mailuser"}}
+
+    def test_subsystems_of_the_library_use_those_below_them(self):
+        for folder, allowed in self.LIBRARY.items():
+            names = [name for name in os.listdir(os.path.join(SOURCE, folder)) if name.endswith((".cpp", ".h"))]
+            self.assertGreater(len(names), 2, folder)
+            for name in names:
+                with open(os.path.join(SOURCE, folder, name), encoding="utf-8") as file:
+                    used = set(re.findall(r'^#include "([^"/]*)/', file.read(), re.M))
+                self.assertLessEqual(used, allowed | {folder, "base"}, f"{folder}/{name}")
 
     def test_only_the_part_with_roots_rights_changes_its_identity(self):
         found = {folder for folder, _, text in self.sources() if self.IDENTITY.search(text)}
