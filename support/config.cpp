@@ -1,4 +1,4 @@
-// The configuration values and table 670. The file is read again when it has changed.
+// The configuration values and the table of archive accounts. The file is read again when it has changed.
 //
 // Everything that is kept belongs to one thread. So no lock is needed, and a child of fork does not
 // find anything half done.
@@ -36,7 +36,7 @@ using ConfigPtr = std::shared_ptr<const Config>;
 
 constexpr char kConfigFile[] = "/etc/tessaly/tsmail.toml";
 constexpr char kConfigVariable[] = "TSMAIL_CONFIG";
-constexpr int kArchiveAccounts = 670;  // the table's number
+using Tessaly::base::kArchiveAccounts;
 // Longer than the steps in which any file system keeps its times.
 constexpr time_t kSettlingSeconds = 3;
 
@@ -117,7 +117,7 @@ class Cache {
     bool trusted_ = false;
 };
 
-// The handle of table 670: its rows as they were at the walk's beginning, and the place in them.
+// The handle of the table of archive accounts: its rows as they were at the walk's beginning, and the place in them.
 class AccountTable : public kqf_table {
   public:
     AccountTable() : kqf_table{&AccountTable::head, &AccountTable::next} {}

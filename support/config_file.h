@@ -8,18 +8,11 @@
 #include <string_view>
 #include <vector>
 
+#include "base/archive_account.h"
+
 namespace Tessaly::support {
 
-// A row of table 670 as libtsmail reads it.
-struct ArchiveAccount {
-    static constexpr std::size_t kNameRoom = 636;
-
-    std::uint32_t reserved = 0;
-    char name[kNameRoom] = {};  // NUL-terminated
-    std::uint16_t quota_gib = 0;
-};
-static_assert(offsetof(ArchiveAccount, name) == 4);
-static_assert(offsetof(ArchiveAccount, quota_gib) == 640);
+using base::ArchiveAccount;
 
 // All values. A new object has those that hold without a file.
 struct Config {

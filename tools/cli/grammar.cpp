@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
-#include <charconv>
 #include <thread>
 
+#include "base/number.h"
 #include "tools/cli/manual.h"
 #include "tools/cli/nearest.h"
 #include "tools/cli/text.h"
@@ -297,11 +297,9 @@ Verb VerbGroup::add(const string& name, const string& help, std::function<int()>
 }
 
 const Word& word_of(std::span<const Word> words, string_view what, string_view given) {
-    int number = -1;
-    const auto parsed = std::from_chars(given.data(), given.data() + given.size(), number);
-    const bool is_number = parsed.ec == std::errc{} && parsed.ptr == given.data() + given.size();
+    const auto number = base::whole_number<int>(given);
     const auto row = std::find_if(words.begin(), words.end(), [&](const Word& w) {
-        return is_number ? w.number == number : w.word == folded(given);
+        return number ? w.number == *number : w.word == folded(given);
     });
     if (row != words.end()) return *row;
     std::vector<string> allowed;
@@ -311,10 +309,8 @@ const Word& word_of(std::span<const Word> words, string_view what, string_view g
 }
 
 long long whole_number(string_view what, string_view given, long long least, long long most) {
-    long long number = 0;
-    const auto parsed = std::from_chars(given.data(), given.data() + given.size(), number);
-    const bool whole = parsed.ec == std::errc{} && parsed.ptr == given.data() + given.size();
-    if (whole && number >= least && number <= most) return number;
+    const auto number = base::whole_number<long long>(given);
+    if (number && *number >= least && *number <= most) return *number;
     throw Failure(kExitUsage, fmt::format("{} \"{}\": a whole number from {} to {} is wanted", what,
                                           printable(given), least, most));
 }

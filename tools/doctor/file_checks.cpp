@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <ctime>
 #include <map>
 
+#include "base/number.h"
 #include "base/store_names.h"
 #include "tools/cli/address.h"
 #include "tools/cli/descriptors.h"
@@ -167,12 +167,6 @@ std::vector<Finding> look_at_partners(const Patient& patient) {
 
 // ---- flags
 
-bool is_number(const string& text) {
-    int value = 0;
-    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), value);
-    return parsed.ec == std::errc{} && parsed.ptr == text.data() + text.size();
-}
-
 void make_empty(const string& path) {
     const Fd fd(retry([&] { return ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC); }));
     if (!fd) throw system_failure(printable(path));
@@ -189,7 +183,7 @@ std::vector<Finding> look_at_flags(const Patient& patient) {
             continue;
         }
         const std::vector<string> lines = lines_of(path);
-        if (lines.empty() || (lines.size() == 1 && is_number(lines.front()))) continue;
+        if (lines.empty() || (lines.size() == 1 && base::whole_number<int>(lines.front()))) continue;
         findings.push_back({path, "holds no number", "empties it: set, with the number 0",
                             [path] { make_empty(path); }});
     }

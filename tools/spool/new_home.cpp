@@ -7,10 +7,10 @@
 #include <tessaly/support.h>
 #include <unistd.h>
 
-#include <charconv>
 #include <functional>
 #include <utility>
 
+#include "base/number.h"
 #include "base/rename.h"
 #include "tools/cli/text.h"
 #include "tools/spool/job.h"
@@ -31,11 +31,8 @@ constexpr mode_t kSharedMode = 0777, kPassable = 0711;
 
 template <class Id>
 std::optional<Id> number_in(const string& text) {
-    Id id = 0;
-    const char* end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, id);
-    if (error != std::errc() || rest != end || id == static_cast<Id>(-1)) return std::nullopt;
-    return id;
+    const auto id = base::whole_number<Id>(text);
+    return id == static_cast<Id>(-1) ? std::nullopt : id;
 }
 
 Failure unknown(const char* what, const string& name) {

@@ -4,10 +4,10 @@
 
 #include <sys/stat.h>
 
-#include <charconv>
 #include <ctime>
 #include <functional>
 
+#include "base/number.h"
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
@@ -107,10 +107,7 @@ struct FlagArguments {
 };
 
 int value_of(const string& text) {
-    int value = 0;
-    const char* end = text.data() + text.size();
-    const auto [rest, error] = std::from_chars(text.data(), end, value);
-    if (error == std::errc() && rest == end) return value;
+    if (const auto value = base::whole_number<int>(text)) return *value;
     throw Failure(kExitUsage, "\"" + printable(text) + "\" is not a 32-bit number");
 }
 

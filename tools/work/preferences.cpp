@@ -5,13 +5,13 @@
 #include <sys/file.h>
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <limits>
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "base/number.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/nearest.h"
 #include "tools/cli/text.h"
@@ -102,11 +102,9 @@ string allowed(const pref_property& property) {
 
 template <class Number>
 bool take_number(char* field, string_view text) {
-    Number number;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (error != std::errc{} || end != text.data() + text.size()) return false;
-    std::memcpy(field, &number, sizeof number);
-    return true;
+    const auto number = base::whole_number<Number>(text);
+    if (number) std::memcpy(field, &*number, sizeof *number);
+    return number.has_value();
 }
 
 bool take_flag(char* field, string_view text) {

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <cstring>
 
+#include "quota/archive.h"
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
@@ -24,11 +25,6 @@ using std::string;
 constexpr char kSubmissionProgram[] = "/bin/sendmail";
 constexpr std::time_t kNoticeInterval = 86401;  // seconds
 constexpr std::size_t kLongestBody = 1 << 20;
-constexpr char kSpool[] = "/var/spool";
-constexpr int kArchiveTable = 670;
-constexpr std::ptrdiff_t kAccountName = 4, kAccountQuota = 640;  // bytes into a row
-constexpr std::uint64_t kGibibyte = std::uint64_t{1} << 30;
-constexpr std::int64_t kArchivePart = 5;
 // Exit codes that mail programs agree on.
 constexpr int kFirstAgreed = 64, kLastAgreed = 78;
 constexpr int kNotFoundByShell = 127, kShellsSignals = 128;
@@ -132,23 +128,6 @@ Failure submission_failure(int status) {
             program + " refused the notice with exit code " + std::to_string(code)};
 }
 
-ArchiveAccount account_of(const void* row, const std::optional<string>& exclude) {
-    const char* bytes = static_cast<const char*>(row);
-    std::uint16_t quota = 0;
-    std::memcpy(&quota, bytes + kAccountQuota, sizeof quota);
-    const char* name = bytes + kAccountName;
-    return {name, quota, !exclude || *exclude != name};
-}
-
-std::vector<ArchiveAccount> archive_accounts(const std::optional<string>& exclude) {
-    std::vector<ArchiveAccount> accounts;
-    for (const void* row = kqf_query_table_head(nCfg_query(kArchiveTable)); row != nullptr;
-         row = kqf_query_get_next(nCfg_query(kArchiveTable))) {
-        accounts.push_back(account_of(row, exclude));
-    }
-    return accounts;
-}
-
 }  // namespace
 
 bool has_quota_flag(const TSMailUserId& id, QuotaFlag flag) {
@@ -230,15 +209,15 @@ void send_notice(const Notice& notice) {
 }
 
 ArchiveShare archive_share(const std::optional<string>& exclude) {
-    struct statvfs fs;
-    if (retry([&] { return ::statvfs(kSpool, &fs); }) != 0) throw system_failure(kSpool);
+    std::int32_t share = 0;
+    if (!quota::archive_share(share) && errno != 0) throw system_failure("/var/spool");
     ArchiveShare result = {};
-    const std::uint64_t bytes = std::uint64_t{fs.f_blocks} * fs.f_frsize;
-    result.share = static_cast<std::int64_t>(bytes / kGibibyte) / kArchivePart;
-    result.accounts = archive_accounts(exclude);
-    for (const ArchiveAccount& account : result.accounts) {
-        if (account.counts) result.given += account.quota;
-    }
+    result.share = share;
+    quota::visit_archive_accounts([&](const char* name, unsigned gibibytes) {
+        const bool counts = !exclude || *exclude != name;
+        result.accounts.push_back({name, gibibytes, counts});
+        if (counts) result.given += gibibytes;
+    });
     result.free = tsm_archive_avail_quota(exclude ? exclude->c_str() : nullptr);
     return result;
 }
