@@ -23,6 +23,8 @@ inline constexpr string_view kFolderMarker = ".maildirfolder";
 inline constexpr string_view kFolderSize = ".ts_folder_size";
 inline constexpr string_view kScanCache = ".ts_cache";
 inline constexpr string_view kScanDate = ".ts_unread_scan_date";
+// Where a folder was that `tsmail rm` has scheduled for deletion.
+inline constexpr string_view kRemovedFrom = ".ts_removed_from";
 // What `tsmail` locks in a folder where a lock on a directory does not reach other machines.
 inline constexpr string_view kFolderLock = ".ts_folder_lock";
 inline constexpr string_view kFolderGate = ".ts_folder_gate";

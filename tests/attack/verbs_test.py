@@ -37,7 +37,8 @@ VERBS = (
     ("quota", "clear", ANN, "exceeded"), ("quota", "reset", ANN),
     ("message", "flag", ANN, "Inbox", "a", "+S"), ("message", "move", ANN, "Inbox", "a", "--to", "Work"),
     ("message", "rm", ANN, "Inbox", "a"), ("rm", ANN, "Work", "--dry-run"), ("rm", ANN, "Work"),
-    ("rm", ANN, "Inbox", "--now", "--force"), ("sweep", ANN), ("sweep", "--all", "--older", "0s"),
+    ("rm", ANN, "Inbox", "--now", "--force"), ("restore", ANN, "Old"),
+    ("restore", ANN, "Old/Sub", "--dry-run"), ("sweep", ANN), ("sweep", "--all", "--older", "0s"),
     ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"),
     ("expire", "--all", "--folder", "Inbox", "--folder", "Work", "--older", "30d", "--dry-run"),
     ("mailbox", "remove", ANN, "--dry-run"), ("mailbox", "remove", ANN, "--yes"),
@@ -45,13 +46,15 @@ VERBS = (
 if SANITIZED:  # the sanitizer makes each run ten times as long
     VERBS = VERBS[::3]
 CODES = (0, 1, 65, 66, 67, 73, 74, 75)
+OLD = f".deleted.{time.strftime('%Y%m%d', time.gmtime())}.Old.1"
 # The names that the store knows, below the home.
 FILES = ("mail/.maildirsize", "mail/.maildirsize.dirty", "mail/Inbox/.ts_folder_size", "mail/Inbox/.ts_cache",
          "mail/Inbox/.ts_unread_scan_date", "mail/Inbox/.maildirfolder", "mail/Inbox/new/a", "quota_warning_flag",
          "quota_exceeded_flag", ".alert_notification", "pref/ann~site.test.pref", "pref/ann~site.test.whitelist",
          "pref/.ann~site.test.whitelist.lock", "pref/.ann~site.test.whitelist.tmp", "pref/ann~site.test.blacklist",
-         "pref/ann~site.test.primaryaddr", "pref/ann~site.test.secondaryaddr")
-DIRECTORIES = ("mail", "pref", "mail/Inbox", "mail/Inbox/new", "mail/Inbox/cur", "mail/Inbox/tmp", "mail/Work")
+         "pref/ann~site.test.primaryaddr", "pref/ann~site.test.secondaryaddr", OLD + "/.ts_removed_from")
+DIRECTORIES = ("mail", "pref", "mail/Inbox", "mail/Inbox/new", "mail/Inbox/cur", "mail/Inbox/tmp", "mail/Work",
+               OLD)
 
 
 def home(address=ANN):
@@ -99,6 +102,9 @@ class VerbsCase(SpoolCase):
         for user, owner in USERS.items():
             self.succeed("create", user, "Work", "--owner", f"{owner}:{owner}")
             write(mail(user) + "/Inbox/new/a", b"x" * 10)
+            for folder in ("Old/Sub", "Old"):
+                self.succeed("create", user, "--owner", f"{owner}:{owner}", *([folder] if folder == "Old/Sub" else []))
+                self.succeed("rm", user, folder)
             write(f"{home(user)}/pref/{os.path.basename(home(user))}.whitelist", b"a@b\nc@d\n")
         write(home(BERT) + "/pref/bert~site.test.secondaryaddr", b"ann@site.test\n" + BERTS)
         write(home(ANN) + "/pref/ann~site.test.primaryaddr", b"bert@site.test\n")
@@ -483,7 +489,7 @@ while True:
     CHANGING = (("recount", ANN), ("deliver", ANN), ("create", ANN, "Extra"), ("doctor", ANN, "--repair"),
                 ("rm", ANN, "Work", "--now"), ("message", "rm", ANN, "Inbox", "a"), ("tag", ANN),
                 ("pref", "set", ANN, "npage=30"), ("list", "add", ANN, "whitelist", "x@y"),
-                ("quota", "set", ANN, "warning"), ("sweep", ANN),
+                ("quota", "set", ANN, "warning"), ("restore", ANN, "Old"), ("sweep", ANN),
                 ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"), ("mailbox", "remove", ANN, "--yes"))
 
     def exchanged(self, name, target, words):

@@ -90,7 +90,8 @@ class FieldsTest(SpoolCase):
             "message rm": [["message", "rm", ANN, "Inbox", message]],
             "expire": [["expire", ANN, "--folder", "Trash", "--older", "30d"]],
             "rm": [["rm", ANN, "Work"]],
-            "sweep": [["sweep", ANN]],
+            "restore": [["restore", ANN, "Work"]],
+            "sweep": [["rm", ANN, "Work"], ["sweep", ANN]],
             "mailbox remove": [["mailbox", "remove", ANN, "--yes"]],
             "help": [["help", "deliver"]],
         }

@@ -12,7 +12,10 @@ namespace {
 using std::string;
 
 const char* past_of(const string& verb) {
-    return verb == kSchedule.verb ? kSchedule.done : kRemove.done;
+    for (const Deed& deed : {kRemove, kSchedule, kRestore}) {
+        if (verb == deed.verb) return deed.done;
+    }
+    return "";
 }
 
 }  // namespace
@@ -54,11 +57,12 @@ void show_deed(Session& session, const Json& deed) {
 void tell_daemon(const string& path, const Json& deed) {
     const Amount gone = amount_of(deed);
     if (!deed.at("done").get<bool>() || gone.messages == 0) return;
-    QuotaDaemon().tell(path, -static_cast<long long>(gone.bytes));
+    const auto bytes = static_cast<long long>(gone.bytes);
+    QuotaDaemon().tell(path, deed.at("action") == kRestore.verb ? bytes : -bytes);
 }
 
 void declare_dry_run(Verb& verb, bool& dry_run) {
-    verb.flag("--dry-run", dry_run, "Only say what and how much would be removed");
+    verb.flag("--dry-run", dry_run, "Only say what would be done, and how much it is");
 }
 
 }  // namespace Tessaly::tool

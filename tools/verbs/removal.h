@@ -16,6 +16,7 @@ struct Deed {
 };
 constexpr Deed kRemove = {"remove", "removed"};
 constexpr Deed kSchedule = {"schedule", "scheduled"};
+constexpr Deed kRestore = {"restore", "restored"};
 
 // In the worker: reports what was removed, or would be.
 void report_deed(Report& report, const Deed& deed, const std::string& path, const Amount& amount,
@@ -28,7 +29,7 @@ void report_removal(Report& report, const Deed& deed, const std::string& path,
 void show_deed(Session& session, const Json& deed);
 Amount amount_of(const Json& deed);
 // Tells the quota daemon. Comes after everything else, as the daemon may be slow. `path` is the
-// folder or mailbox that became smaller.
+// folder or mailbox that became smaller, or larger by kRestore.
 void tell_daemon(const std::string& path, const Json& deed);
 
 void declare_dry_run(Verb& verb, bool& dry_run);

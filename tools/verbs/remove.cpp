@@ -1,4 +1,4 @@
-// rm, sweep - remove folders.
+// rm, restore, sweep - remove folders and bring them back.
 #include <fmt/format.h>
 
 #include "tools/cli/address.h"
@@ -7,6 +7,7 @@
 #include "tools/verbs/removal.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder.h"
+#include "tools/work/scheduled.h"
 
 namespace Tessaly::tool {
 
@@ -96,7 +97,7 @@ struct SweepArguments {
 void sweep_one(const string& path, bool dry_run, Report& report) {
     const Amount amount = amount_below(path);
     try {
-        if (!dry_run) delete_tree(path);
+        if (!dry_run) sweep_path(path);
         report_deed(report, kRemove, path, amount, dry_run);
     } catch (const Failure& failure) {
         report.error(failure);
@@ -126,10 +127,50 @@ void declare_sweep(Verb& verb, SweepArguments& arguments) {
     declare_dry_run(verb, arguments.dry_run);
 }
 
+// ---- restore
+
+struct RestoreArguments {
+    string address;
+    string folder;
+    bool dry_run = false;
+};
+
+int restore(const TSMailUserId& id, const RestoreArguments& arguments, mode_t umask,
+            Report& report) {
+    const string path = id.mailfolder(arguments.folder);
+    const string hidden = scheduled_folder(id, arguments.folder);
+    if (arguments.dry_run) {
+        demand_free_place(id, arguments.folder);
+        report_deed(report, kRestore, path, amount_of_scheduled(hidden), true);
+        return kExitOk;
+    }
+    report_removal(report, kRestore, path,
+                   restore_folder(id, hidden, arguments.folder, FolderMaker(umask)));
+    return kExitOk;
+}
+
+int run_restore(Session& session, const RestoreArguments& arguments) {
+    check_folder_name(arguments.folder);
+    const mode_t umask = session.callers_umask;
+    return run_removal(session, arguments.address, arguments.folder, arguments.dry_run,
+                       [&](const TSMailUserId& id, Report& report) {
+                           return restore(id, arguments, umask, report);
+                       });
+}
+
+void declare_restore(Verb& verb, RestoreArguments& arguments) {
+    verb.address(arguments.address)
+        .text("FOLDER", arguments.folder, "The folder as it was called, as Work/2024")
+        .required();
+    declare_dry_run(verb, arguments.dry_run);
+}
+
 }  // namespace
 
 void add_removal_verbs(const VerbGroup& top) {
     top.verb("rm", "Remove a folder and those below it", declare_rm, run_rm);
+    top.verb("restore", "Bring back a folder that was scheduled for removal", declare_restore,
+             run_restore);
     top.verb("sweep", "Remove what was scheduled for removal", declare_sweep, run_sweep);
 }
 

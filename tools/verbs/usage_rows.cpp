@@ -1,6 +1,6 @@
 #include "tools/verbs/usage_rows.h"
 
-#include "tools/work/removal.h"
+#include "tools/work/scheduled.h"
 #include "tools/work/usage.h"
 
 namespace Tessaly::tool {

@@ -3,13 +3,14 @@
 #include <sys/stat.h>
 #include <tessaly/support.h>
 
-#include <ctime>
-
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/work/folder_lock.h"
+#include "tools/work/hidden_name.h"
 #include "tools/work/paths.h"
 #include "tools/work/records.h"
+#include "tools/work/scheduled.h"
+#include "tools/work/uncounted.h"
 
 namespace Tessaly::tool {
 
@@ -28,17 +29,31 @@ bool settle(const TSMailUserId& id, const Amount& gone) {
     return known;
 }
 
-bool settle_if_any(const TSMailUserId& id, const Amount& gone) {
-    return (gone.messages == 0 && gone.error == 0) || settle(id, gone);
-}
+// A removal of what may hold messages. Until it is counted, the mailbox is marked for a recount.
+class Change {
+  public:
+    Change(const TSMailUserId& id, const Amount& gone) : id_(id), gone_(gone) {
+        if (gone.messages != 0 || gone.error != 0) uncounted_.emplace(id);
+    }
+    bool settle() {
+        if (!uncounted_) return true;
+        const bool known = tool::settle(id_, gone_);
+        if (known) uncounted_->counted();
+        return known;
+    }
+    // Nothing was removed.
+    void take_back() {
+        if (uncounted_) uncounted_->counted();
+    }
 
-// The date as 20240229, which tells people how long a scheduled folder has been waiting.
-string today() {
-    const std::time_t now = std::time(nullptr);
-    struct tm parts;
-    char text[16];
-    if (::gmtime_r(&now, &parts) == nullptr) return "";
-    return {text, std::strftime(text, sizeof text, "%Y%m%d", &parts)};
+  private:
+    const TSMailUserId& id_;
+    const Amount& gone_;
+    std::optional<Uncounted> uncounted_;
+};
+
+[[noreturn]] void fail_to_move(const string& path, const TSMailUserId& id, int error) {
+    throw system_failure("moving " + printable(path) + " to " + printable(id.homepath()), error);
 }
 
 Failure deletion_failure(const string& path, int error) {
@@ -51,15 +66,6 @@ bool is_regular(const string& path) {
     if (::lstat(path.c_str(), &st) == 0) return S_ISREG(st.st_mode);
     if (errno == ENOENT) return false;
     throw system_failure(printable(path));
-}
-
-// The move to the hidden name sets the time of change.
-bool is_older(const string& path, std::chrono::seconds age) {
-    struct stat st;
-    if (::lstat(path.c_str(), &st) != 0) return false;
-    struct timespec now;
-    ::clock_gettime(CLOCK_REALTIME, &now);
-    return std::chrono::seconds(now.tv_sec - st.st_ctim.tv_sec) > age;
 }
 
 }  // namespace
@@ -84,36 +90,29 @@ Removal schedule_folder(const TSMailUserId& id, const string& name) {
     const FolderLock lock = locked_folder(id, name, LockKind::exclusive);
     const string path = present_folder(id, name);  // the locked folder may have been a link
     const Amount amount = amount_below(path);
+    record_place(lock.fd(), name);
+    Change change(id, amount);
     if (tsm_schedule_for_deletion(path.c_str(), id.homepath().c_str(), today().c_str()) != 0) {
-        throw system_failure("moving " + printable(path) + " to " + printable(id.homepath()));
+        const int error = errno;
+        remove_record(lock.fd());
+        change.take_back();
+        fail_to_move(path, id, error);
     }
-    return {amount, settle_if_any(id, amount)};
+    return {amount, change.settle()};
 }
 
 Removal delete_folder(const TSMailUserId& id, const string& name) {
     const FolderLock lock = locked_folder(id, name, LockKind::exclusive);
     const string path = present_folder(id, name);
     const Amount amount = amount_below(path);
+    Change change(id, amount);
     try {
         delete_tree(path);
     } catch (const Failure&) {
         mark_for_recount(id);
         throw;
     }
-    return {amount, settle_if_any(id, amount)};
-}
-
-std::vector<string> scheduled_in(const TSMailUserId& id,
-                                 std::optional<std::chrono::seconds> older) {
-    std::vector<string> paths;
-    for (const string& directory : {id.homepath(), id.mailpath()}) {
-        for (const string& name : names_in(directory)) {
-            if (tsm_is_deleted_user_path(name.c_str()) == 0) continue;
-            string path = in(directory, name);
-            if (!older || is_older(path, *older)) paths.push_back(std::move(path));
-        }
-    }
-    return paths;
+    return {amount, change.settle()};
 }
 
 void delete_tree(const string& path) {

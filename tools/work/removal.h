@@ -4,7 +4,6 @@
 
 #include <tessaly/MailUserId.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -35,10 +34,6 @@ Removal schedule_folder(const TSMailUserId& id, const std::string& name);
 // A Failure if a part of the folder remains; the mailbox is then marked for a recount.
 Removal delete_folder(const TSMailUserId& id, const std::string& name);
 
-// The scheduled folders in the mailbox's home and in its maildir root; with `older`, those
-// scheduled longer ago than that. A change of the directory's status counts as a new schedule.
-std::vector<std::string> scheduled_in(const TSMailUserId& id,
-                                      std::optional<std::chrono::seconds> older = {});
 // Removes the path and all below it; a Failure if a part of it remains.
 void delete_tree(const std::string& path);
 // Removes all below the directory; a Failure if a part of it remains.
