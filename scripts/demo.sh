@@ -228,6 +228,8 @@ show_removal() {
     expect "nobody to ask: 64" answered 64
     tsmail_shown mailbox remove bert@site.test --yes
     expect "Bert's mailbox is gone" test ! -e "$spool/bert~site.test"
+    tsmail_shown mailbox restore bert@site.test
+    expect "and comes back, as no sweep was there yet" test -d "$spool/bert~site.test/mail"
     tsmail_shown check-name Work/cur --path --reserved
     expect "a name that no folder may have: 65" answered 65
 }

@@ -42,6 +42,7 @@ VERBS = (
     ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"),
     ("expire", "--all", "--folder", "Inbox", "--folder", "Work", "--older", "30d", "--dry-run"),
     ("mailbox", "remove", ANN, "--dry-run"), ("mailbox", "remove", ANN, "--yes"),
+    ("mailbox", "remove", ANN, "--yes", "--now"),
 )
 if SANITIZED:  # the sanitizer makes each run ten times as long
     VERBS = VERBS[::3]
@@ -129,8 +130,12 @@ class VerbsCase(SpoolCase):
 
     @staticmethod
     def outside(words):
-        """All but the owner's home. A partner whom the owner's lists name loses an entry with the mailbox."""
-        seen = everything("/var/spool", without=(home(),))
+        """All but the owner's home, which may be hidden. A partner whom the owner's lists name loses an entry with the
+        mailbox."""
+        domain = os.path.dirname(home())
+        hidden = [f"{domain}/{name}" for name in os.listdir(domain) if name.startswith(".deleted.")]
+        seen = everything("/var/spool", without=(home(), *hidden))
+        seen = {path: what for path, what in seen.items() if path not in hidden}
         if words[:2] == ("mailbox", "remove"):
             del seen[home(BERT) + "/pref/bert~site.test.secondaryaddr"]
         seen = {path: what for path, what in seen.items()
@@ -552,6 +557,79 @@ while True:
                             self.assertEqual(everything(ROOTS), before, words)
                     finally:
                         swapper.kill()
+
+
+class HiddenTest(VerbsCase):
+    """The owner of a hidden home goes on to change it, and so does the owner of the domain."""
+
+    WORDS = (("mailbox", "restore", ANN), ("mailbox", "restore", ANN, "--dry-run"), ("sweep", ANN), ("sweep", "--all"))
+
+    def hide(self):
+        self.restore()
+        self.assertEqual(tsmail("mailbox", "remove", ANN, "--yes").code, 0)
+        domain = os.path.dirname(home())
+        [hidden] = [f"{domain}/{name}" for name in os.listdir(domain)
+                    if name.startswith(".deleted.") and not name.endswith(".partners")]
+        return domain, hidden
+
+    def harmless(self, domain, hidden, words):
+        def others():
+            return {path: what for path, what in everything("/var/spool", without=(home(), hidden)).items()
+                    if "/.deleted." not in path}
+        theirs = home(BERT) + "/pref/bert~site.test.secondaryaddr"
+        before, entered = others(), content(theirs)
+        done = tsmail("--timeout", "5", *words)
+        after = others()
+        self.assertIn(done.code, CODES, (words, done))
+        for seen in (before, after):  # a restore enters the partner again
+            seen.pop(theirs)
+        self.assertEqual({path: what for path, what in after.items() if not path.endswith((".lock", "/."))},
+                         {path: what for path, what in before.items() if not path.endswith((".lock", "/."))}, words)
+        self.assertIn(content(theirs), (entered, entered + b"ann@site.test\n"))
+        return done
+
+    def test_twin(self):
+        for words in self.WORDS:
+            with self.subTest(words=words):
+                self.assertEqual(self.harmless(*self.hide(), words).code, 0)
+
+    def test_what_is_in_it(self):
+        puts = (lambda path: os.symlink(ROOTS, path), lambda path: os.symlink(home(BERT), path), os.mkfifo,
+                lambda path: os.symlink("/dev/zero", path))
+        for words, put in itertools.product(self.WORDS, puts):
+            with self.subTest(words=words):
+                domain, hidden = self.hide()
+                for name in ("mail", "pref"):
+                    shutil.rmtree(f"{hidden}/{name}")
+                    put(f"{hidden}/{name}")
+                    os.lchown(f"{hidden}/{name}", USERS[ANN], USERS[ANN])
+                self.harmless(domain, hidden, words)
+
+    def test_exchanged_by_the_owner_of_the_domain(self):
+        for words, target in itertools.product(self.WORDS, (ROOTS, home(BERT))):
+            with self.subTest(words=words, target=target):
+                domain, hidden = self.hide()
+                os.chown(domain, MAILMAN, MAILMAN)
+                os.symlink(target, domain + "/link")
+                os.lchown(domain + "/link", MAILMAN, MAILMAN)
+                before = everything(ROOTS)
+                with subprocess.Popen([sys.executable, "-c", ExchangeTest.SWAP, hidden, domain + "/link"], user=MAILMAN,
+                                      group=MAILMAN, extra_groups=[]) as swapper:
+                    try:
+                        tsmail("--timeout", "5", *words)
+                    finally:
+                        swapper.kill()
+                self.assertEqual(everything(ROOTS), before)
+
+    def test_a_record_that_is_no_file(self):
+        for words, put in itertools.product(self.WORDS[:1], (os.mkfifo, os.mkdir,
+                                                             lambda path: os.symlink(ROOTS + "/file", path))):
+            domain, hidden = self.hide()
+            os.unlink(hidden + ".partners")
+            put(hidden + ".partners")
+            done = self.harmless(domain, hidden, words)
+            self.assertEqual(done.code, 0, done)
+            self.assertNotIn("precious", done.out + done.err)
 
 
 class ListsTest(VerbsCase):

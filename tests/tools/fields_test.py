@@ -93,6 +93,7 @@ class FieldsTest(SpoolCase):
             "restore": [["restore", ANN, "Work"]],
             "sweep": [["rm", ANN, "Work"], ["sweep", ANN]],
             "mailbox remove": [["mailbox", "remove", ANN, "--yes"]],
+            "mailbox restore": [["mailbox", "restore", ANN]],
             "help": [["help", "deliver"]],
         }
 

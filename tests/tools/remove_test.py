@@ -254,7 +254,7 @@ class MailboxTest(RemovalCase):
         ours, theirs = os.openpty()
         try:
             os.write(ours, text)
-            return run([TSMAIL, "mailbox", "remove", ANN], stdin=theirs)
+            return run([TSMAIL, "mailbox", "remove", ANN, "--now"], stdin=theirs)
         finally:
             os.close(ours)
             os.close(theirs)
@@ -265,11 +265,11 @@ class MailboxTest(RemovalCase):
         with open(f"{home}/pref/bert~site.test.secondaryaddr", encoding="ascii") as file:
             self.assertEqual(file.read(), "x@site.test\n")
         self.assertEqual(tsmail("folders", BERT).code, 0)
-        self.fail_with(67, "mailbox", "remove", ANN, "--yes")
+        self.fail_with(67, "mailbox", "remove", ANN, "--now", "--yes")
 
     def test_with_yes(self):
         daemon = self.listen()
-        [row] = self.succeed("--json", "mailbox", "remove", "ann+tag@site.test", "--yes").objects
+        [row] = self.succeed("--json", "mailbox", "remove", "ann@site.test", "--now", "--yes").objects
         self.assertEqual((row["path"], row["done"], row["messages"], row["bytes"]),
                          (HOME, True, 1, 1000))
         self.assertEqual(self.told(daemon), [f"S-1000,F({mail(ANN)})"])
@@ -295,9 +295,9 @@ class MailboxTest(RemovalCase):
 
     def test_dry_run(self):
         before = snapshot("/var/spool")
-        out = self.succeed("mailbox", "remove", ANN, "--dry-run").out
+        out = self.succeed("mailbox", "remove", ANN, "--now", "--dry-run").out
         self.assertRegex(out, rf"^would remove {HOME}: 1 message \(1000 B\) and \d+ other files$")
-        self.succeed("mailbox", "remove", ANN, "--dry-run", "--yes")
+        self.succeed("mailbox", "remove", ANN, "--now", "--dry-run", "--yes")
         self.assertEqual(snapshot("/var/spool"), before)
 
     def test_again_after_a_part(self):
@@ -305,12 +305,12 @@ class MailboxTest(RemovalCase):
             for name in files:
                 os.unlink(os.path.join(directory, name))
             os.rmdir(directory)
-        self.succeed("mailbox", "remove", ANN, "--yes")
+        self.succeed("mailbox", "remove", ANN, "--now", "--yes")
         self.check_removed()
 
     def test_partners_that_are_not_mailboxes(self):
         self.write_list(ANN, "primaryaddr", "bert@site.test\nx@../../../..\nno@site.test\n\n../..\n")
-        done = self.succeed("mailbox", "remove", ANN, "--yes")
+        done = self.succeed("mailbox", "remove", ANN, "--now", "--yes")
         self.assertEqual(len(done.err.splitlines()), 2, done)
         self.assertIn("is left alone", done.err)
         self.check_removed()
@@ -318,7 +318,7 @@ class MailboxTest(RemovalCase):
     def test_a_home_that_is_a_link(self):
         os.rename(HOME, "/var/spool/elsewhere")
         os.symlink("/var/spool/elsewhere", HOME)
-        self.succeed("mailbox", "remove", ANN, "--yes")
+        self.succeed("mailbox", "remove", ANN, "--now", "--yes")
         self.check_removed()
         self.assertEqual(os.listdir("/var/spool/elsewhere"), [])
 
@@ -327,7 +327,7 @@ class MailboxTest(RemovalCase):
         theirs = f"{os.path.dirname(mail(BERT))}/pref/bert~site.test.secondaryaddr"
         os.unlink(theirs)
         os.mkdir(theirs)
-        done = tsmail("mailbox", "remove", ANN, "--yes")
+        done = tsmail("mailbox", "remove", ANN, "--now", "--yes")
         self.assertEqual(done.code, 73, done)
         self.assertIn(theirs, done.err)
         self.assertIn(f"removed {HOME}", done.out)
@@ -336,7 +336,7 @@ class MailboxTest(RemovalCase):
     def test_what_stays_is_said(self):
         self.give_to_nobody()
         os.chmod(mail(ANN) + "/Inbox/new", 0o555)
-        done = tsmail("mailbox", "remove", ANN, "--yes", **as_nobody())
+        done = tsmail("mailbox", "remove", ANN, "--now", "--yes", **as_nobody())
         os.chmod(mail(ANN) + "/Inbox/new", 0o755)
         self.assertEqual(done.code, 73, done)
         self.assertEqual(done.out, "")

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "base/dir_reader.h"
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
 #include "tools/work/records.h"
@@ -20,19 +19,6 @@ using std::string;
 
 Failure no_mailbox(const TSMailUserId& id) {
     return {kExitNoUser, printable(id.address(true)) + ": there is no such mailbox", ENOENT};
-}
-
-// The names in a directory, in byte order.
-std::vector<string> names_in(const Place& directory) {
-    const Fd fd(retry(
-        [&] { return ::openat(directory.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    if (!fd) throw system_failure(printable(directory.path));
-    std::vector<string> names;
-    base::DirReader reader(fd.get());
-    while (const dirent64* entry = reader.next_real()) names.emplace_back(entry->d_name);
-    if (reader.failed()) throw system_failure(printable(directory.path));
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 // Whether the entry of a domain's directory may be a home: it has a maildir root, or this process
@@ -57,6 +43,7 @@ std::optional<TSMailUserId> mailbox_named(const string& home) {
 
 void add_mailboxes_of(const Place& domain, Mailboxes& mailboxes) {
     for (const string& name : names_in(domain)) {
+        if (tsm_is_deleted_user_path(name.c_str()) != 0) continue;
         if (!may_be_home(domain, name)) continue;
         const string home = domain.path + '/' + name;
         if (const auto id = mailbox_named(home)) {
@@ -88,12 +75,15 @@ std::optional<Place> homes_directory() {
     }
 }
 
+Place place_of_domain(const string& given) {
+    return place_at(TSMailUserId::MAIL_PATH_PREFIX + '/' + mailbox_of("any@" + given).domain());
+}
+
 Mailboxes mailboxes_of_domain(const string& given) {
     Mailboxes mailboxes;
     mailboxes.all = true;
-    const string name = mailbox_of("any@" + given).domain();
     try {
-        add_mailboxes_of(place_at(TSMailUserId::MAIL_PATH_PREFIX + '/' + name), mailboxes);
+        add_mailboxes_of(place_of_domain(given), mailboxes);
     } catch (const Failure& failure) {
         if (failure.error() != ENOENT && failure.error() != ENOTDIR) throw;
         throw Failure(kExitData, printable(given) + ": there is no such domain");
@@ -161,6 +151,25 @@ Mailboxes mailboxes_of(const Choice& choice) {
     const int given = (choice.address ? 1 : 0) + (choice.all ? 1 : 0) + (choice.domain ? 1 : 0);
     if (given != 1) throw Failure(kExitUsage, "give an address, or --all, or --domain");
     return choice.address ? one_mailbox(*choice.address) : every_mailbox(choice.domain);
+}
+
+std::vector<Place> domains_of(const Choice& choice) {
+    std::vector<Place> domains;
+    const auto add = [&](const std::function<Place()>& find) {
+        try {
+            domains.push_back(find());
+        } catch (const Failure&) {
+            return;
+        }
+    };
+    if (choice.address)
+        add([&] { return place_at(mailbox_of(*choice.address).fname(MUF_HOME_PARENT)); });
+    if (choice.domain) add([&] { return place_of_domain(*choice.domain); });
+    if (!choice.all) return domains;
+    if (const auto homes = homes_directory()) {
+        for (const string& name : names_in(*homes)) add([&] { return step(*homes, name); });
+    }
+    return domains;
 }
 
 JobResult run_quietly_on(Session& session, const Mailboxes& mailboxes, const MailboxJob& work) {

@@ -54,6 +54,9 @@ Mailboxes every_mailbox(const std::optional<std::string>& domain = {});
 // address, all and domain is given.
 Mailboxes mailboxes_of(const Choice& choice);
 
+// The directories of the domains that a command line asks for, as far as they can be opened.
+std::vector<Place> domains_of(const Choice& choice);
+
 // A job (spool/job.h) with a task for each mailbox.
 struct MailboxJob {
     std::string progress;  // the text of the progress line

@@ -13,6 +13,7 @@
 #include "base/number.h"
 #include "base/rename.h"
 #include "tools/cli/text.h"
+#include "tools/spool/directory_job.h"
 #include "tools/spool/job.h"
 #include "tools/spool/mailbox_job.h"
 
@@ -75,12 +76,6 @@ void put_in_place(int directory, const string& hidden, const string& name, const
     if (!moved) throw system_failure(printable(path));
 }
 
-// Flushes the new entry to the disk. Skips a directory that this process may not read.
-void flush(int directory, const string& path) {
-    const Fd fd(::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd && ::fsync(fd.get()) != 0 && errno != EINVAL) throw system_failure(printable(path));
-}
-
 // ---- in the parent
 
 // Makes the home step by step. Each step runs as the owner of the directory that it changes.
@@ -125,9 +120,9 @@ class HomeMaker {
 
     void make_in(const Place& directory, const string& name, mode_t mode) {
         const string path = directory.path + '/' + name;
-        run_in(directory, [=](int parent) {
+        run_in(session_, directory, [=](int parent, Report&) {
             make_directory(parent, name, path, mode);
-            flush(parent, path);
+            flush_directory(parent, path);
         });
     }
 
@@ -138,12 +133,13 @@ class HomeMaker {
         make_in(domain, hidden, kHomeMode);
         try {
             give(domain, hidden, maker, owner);
-            run_in(domain, [&](int parent) {
+            run_in(session_, domain, [&](int parent, Report&) {
                 put_in_place(parent, hidden, id_.tilde_name(), id_.homepath());
-                flush(parent, id_.homepath());
+                flush_directory(parent, id_.homepath());
             });
         } catch (const Failure&) {
-            run_in(domain, [&](int parent) { ::unlinkat(parent, hidden.c_str(), AT_REMOVEDIR); });
+            run_in(session_, domain,
+                   [&](int parent, Report&) { ::unlinkat(parent, hidden.c_str(), AT_REMOVEDIR); });
             throw;
         }
     }
@@ -160,33 +156,6 @@ class HomeMaker {
         if (st.st_uid != maker.user) throw system_failure(printable(path), EPERM);
         if (::fchownat(fd.get(), "", owner.user, owner.group, AT_EMPTY_PATH) != 0) {
             throw system_failure(printable(path));
-        }
-    }
-
-    // Runs the work in a worker that has the rights of the directory's owner and gets it open.
-    void run_in(const Place& directory, const std::function<void(int)>& work) {
-        std::optional<Failure> failed;
-        Job job;
-        job.owner = [&](std::size_t) { return owner_of(directory); };
-        job.input = [&](std::size_t) {
-            return Fd(::fcntl(directory.fd.get(), F_DUPFD_CLOEXEC, 0));
-        };
-        job.work = [&](std::size_t, int input, Report& report) {
-            try {
-                work(input);
-            } catch (const Failure& failure) {
-                report.object({{"text", failure.what()}, {"errno", failure.error()}});
-            }
-            return kExitOk;
-        };
-        job.show = [&](std::size_t, const Json& object) {
-            failed = Failure(exit_code_of(object.at("errno").get<int>()),
-                             object.at("text").get<string>(), object.at("errno").get<int>());
-        };
-        const int code = run_job(session_, job).code;
-        if (failed) throw *failed;
-        if (code != kExitOk) {
-            throw Failure(static_cast<ExitCode>(code), printable(directory.path) + ": not changed");
         }
     }
 

@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <deque>
 #include <utility>
 
+#include "base/dir_reader.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 
@@ -135,6 +137,18 @@ Place place_at(const string& path) {
     Place place = go(spool_root(), std::move(names));
     place.path = path;
     return place;
+}
+
+std::vector<string> names_in(const Place& directory) {
+    const Fd fd(retry(
+        [&] { return ::openat(directory.fd.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!fd) throw system_failure(printable(directory.path));
+    std::vector<string> names;
+    base::DirReader reader(fd.get());
+    while (const dirent64* entry = reader.next_real()) names.emplace_back(entry->d_name);
+    if (reader.failed()) throw system_failure(printable(directory.path));
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace Tessaly::tool

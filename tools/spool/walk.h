@@ -7,6 +7,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "tools/cli/descriptors.h"
 
@@ -38,6 +39,9 @@ Place step(const Place& from, std::string_view name);
 
 // The same for a whole path below the spool's root, as /var/spool/home/site.test.
 Place place_at(const std::string& path);
+
+// The names in a directory, in byte order. A Failure if it cannot be read.
+std::vector<std::string> names_in(const Place& directory);
 
 }  // namespace Tessaly::tool
 

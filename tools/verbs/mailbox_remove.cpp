@@ -1,24 +1,23 @@
 // mailbox remove - removes a mailbox, and its address from the address lists of its partners.
 //
-// Addresses of one person come in pairs of lists: each mailbox names the other one in the opposite
-// list. Every step runs with the rights of the owner of the files that it changes: the mailbox's
-// owner reads the lists and empties the home, each partner's owner edits that partner's list, and
-// the owner of the domain's directory removes the empty home.
+// Every step runs with the rights of the owner of the files that it changes: the mailbox's owner
+// reads the lists and empties the home, each partner's owner edits that partner's list, and the
+// owner of the domain's directory hides the home, or removes the empty one.
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
-#include <tessaly/maillist.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <functional>
 
-#include "base/store_names.h"
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/spool/directory_job.h"
+#include "tools/spool/hidden_home.h"
+#include "tools/spool/partners.h"
+#include "tools/verbs/mailbox.h"
 #include "tools/verbs/removal.h"
-#include "tools/verbs/verbs.h"
-#include "tools/work/address_list.h"
 
 namespace Tessaly::tool {
 
@@ -29,58 +28,16 @@ using std::string;
 struct Arguments {
     string address;
     bool yes = false;
+    bool now = false;
     bool dry_run = false;
 };
 
-// A list of the user, and the partner's list that should name the user in return.
-struct Relation {
-    std::string_view own, partners;
-};
-constexpr Relation kRelations[] = {
-    {names::kPrimaryAddresses, names::kSecondaryAddresses},
-    {names::kSecondaryAddresses, names::kPrimaryAddresses},
-};
-
-// An entry of one of the user's lists. It is untrusted: users can write anything into their lists.
-struct Entry {
-    string partner;
-    string list;  // the partner's list that may name the user
-};
-
-// ---- as the mailbox's owner
-
-std::vector<string> lines_of(const AddressList& list, Report& report) {
-    try {
-        return list.lines();
-    } catch (const Failure& failure) {
-        if (failure.code() != kExitNoInput) report.warn(failure.what());
-        return {};
-    }
-}
-
-Json entries_of(const TSMailUserId& id, Report& report) {
-    Json entries = Json::array();
-    for (const Relation& relation : kRelations) {
-        const AddressList list(id.address(true), string(relation.own), MAIL_LIST_USER);
-        std::vector<string> lines = lines_of(list, report);
-        if (lines.size() > kListLines) {
-            report.warn(printable(list.path()) + ": only the first lines of this list are used");
-            lines.resize(kListLines);
-        }
-        for (const string& line : lines) {
-            if (!line.empty()) entries.push_back({line, relation.partners});
-        }
-    }
-    return entries;
-}
-
-int look(const TSMailUserId& id, bool dry_run, Report& report) {
-    report_deed(report, kRemove, id.homepath(), amount_below(id.homepath()), dry_run);
+// As the mailbox's owner.
+int look(const TSMailUserId& id, const Deed& deed, bool dry_run, Report& report) {
+    report_deed(report, deed, id.homepath(), amount_below(id.homepath()), dry_run);
     if (!dry_run) report.object({{"entries", entries_of(id, report)}});
     return kExitOk;
 }
-
-// ---- in the parent
 
 class MailboxRemoval {
   public:
@@ -88,12 +45,12 @@ class MailboxRemoval {
         : session_(session), id_(std::move(id)), owner_(owner_of_mailbox(homes_.home(id_))) {}
 
     // Learns what is below the home and whom its lists name. Returns the exit code.
-    int look_at_home(bool dry_run) {
+    int look_at_home(const Deed& deed, bool dry_run) {
         return run_as(
-            owner_, [=, this](Report& report) { return look(id_, dry_run, report); },
+            owner_, [&, dry_run](Report& report) { return look(id_, deed, dry_run, report); },
             [&](const Json& object) {
                 if (object.contains("entries")) {
-                    take_entries(object["entries"]);
+                    entries_ = entries_in(object["entries"]);
                 } else {
                     deed_ = object;
                 }
@@ -101,13 +58,22 @@ class MailboxRemoval {
     }
     const Json& deed() const { return deed_; }
 
-    // Removes the mailbox even if a partner's list cannot be changed.
+    // These two take the mailbox away even if a partner's list cannot be changed.
     int remove() {
-        const int partners = leave_partners();
-        int code = empty_home();
-        if (code == kExitOk) code = take_out_of_domain();
-        removed_ = code == kExitOk;
-        return removed_ ? partners : code;
+        const int partners = leave_partners(entries_);
+        const int code = empty_home();
+        if (code != kExitOk) return code;
+        take_out_of_domain();
+        removed_ = true;
+        return partners;
+    }
+    // What is recorded before the home is hidden is what a restore enters again.
+    int schedule() {
+        PartnerEntries naming;
+        const int asked = find_partners(naming);
+        hide(naming);
+        removed_ = true;
+        return std::max(asked, leave_partners(naming));
     }
     bool removed() const { return removed_; }
 
@@ -121,35 +87,28 @@ class MailboxRemoval {
         return run_job(session_, job).code;
     }
 
-    void take_entries(const Json& entries) {
-        for (const Json& entry : entries) {
-            entries_.push_back({entry.at(0).get<string>(), entry.at(1).get<string>()});
-        }
+    // Finds the partners whose lists name the mailbox.
+    int find_partners(PartnerEntries& naming) {
+        const string address = id_.address(true);
+        return run_on_partners(
+            session_, homes_, entries_, "",
+            [&](const PartnerEntry&, const AddressList& list, Report& report) {
+                if (!list.exists()) return;
+                const std::vector<string> lines = list.lines();
+                if (std::find(lines.begin(), lines.end(), address) != lines.end()) {
+                    report.object(Json::object());
+                }
+            },
+            [&](const PartnerEntry& entry) { naming.push_back(entry); });
     }
 
-    // The owner of the partner that an entry names; nothing if there is no such mailbox.
-    std::optional<Owner> owner_of_partner(const Entry& entry) {
-        try {
-            return homes_.owner(mailbox_of(entry.partner));
-        } catch (const Failure& failure) {
-            if (failure.code() == kExitNoUser) return std::nullopt;
-            session_.warn(string(failure.what()) + "; this entry of " +
-                          printable(id_.address(true)) + " is left alone");
-            return std::nullopt;
-        }
-    }
-
-    // Removes the user's address from each partner's list. A failure does not prevent the others.
-    int leave_partners() {
-        Job job;
-        job.count = entries_.size();
-        job.owner = [&](std::size_t n) { return owner_of_partner(entries_[n]); };
-        job.work = [&](std::size_t n, int, Report&) {
-            const AddressList list(entries_[n].partner, entries_[n].list, MAIL_LIST_USER);
-            if (list.exists()) list.remove(id_.address(true));
-            return kExitOk;
-        };
-        return run_job(session_, job).code;
+    // Removes the user's address from each partner's list.
+    int leave_partners(const PartnerEntries& entries) {
+        const string address = id_.address(true);
+        return run_on_partners(session_, homes_, entries, "",
+                               [&](const PartnerEntry&, const AddressList& list, Report&) {
+                                   if (list.exists()) list.remove(address);
+                               });
     }
 
     int empty_home() {
@@ -159,25 +118,18 @@ class MailboxRemoval {
         });
     }
 
-    int take_out_of_domain() {
-        const string path = id_.fname(MUF_HOME_PARENT);
-        return run_as(owner_of(place_at(path)), [&](Report&) {
-            const Fd domain(::open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-            if (!domain) throw system_failure(printable(path));
-            remove_entry(domain.get());
-            return kExitOk;
-        });
+    // Removes the home, which is empty, or the link to it.
+    void take_out_of_domain() {
+        const HiddenHome home{id_, id_.tilde_name(), false};
+        run_in(session_, place_at(id_.fname(MUF_HOME_PARENT)),
+               [&](int domain, Report&) { remove_home(domain, home); });
     }
 
-    // Removes the home, which is empty, or the link to it.
-    void remove_entry(int domain) const {
-        const string name = id_.tilde_name();
-        struct stat st;
-        if (::fstatat(domain, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
-            const int flags = S_ISDIR(st.st_mode) ? AT_REMOVEDIR : 0;
-            if (::unlinkat(domain, name.c_str(), flags) == 0) return;
-        }
-        if (errno != ENOENT) throw system_failure(printable(id_.homepath()));
+    void hide(const PartnerEntries& naming) {
+        PartnerLists lists;
+        for (const PartnerEntry& entry : naming) lists.emplace_back(entry.partner, entry.list);
+        run_in(session_, place_at(id_.fname(MUF_HOME_PARENT)),
+               [&](int domain, Report&) { hide_home(domain, id_, lists); });
     }
 
     Session& session_;
@@ -185,7 +137,7 @@ class MailboxRemoval {
     Homes homes_;
     Owner owner_;
     Json deed_;
-    std::vector<Entry> entries_;
+    PartnerEntries entries_;
     bool removed_ = false;
 };
 
@@ -210,13 +162,13 @@ bool agreed(const Session& session, const TSMailUserId& id, const Json& deed) {
 int run_mailbox_remove(Session& session, const Arguments& arguments) {
     const TSMailUserId id = mailbox_of(arguments.address);
     MailboxRemoval removal(session, id);
-    int code = removal.look_at_home(arguments.dry_run);
+    int code = removal.look_at_home(arguments.now ? kRemove : kSchedule, arguments.dry_run);
     if (code != kExitOk) return code;
     if (!arguments.dry_run) {
         if (!arguments.yes && !agreed(session, id, removal.deed())) {
             throw Failure(kExitUsage, "nothing was removed");
         }
-        code = removal.remove();
+        code = arguments.now ? removal.remove() : removal.schedule();
         if (!removal.removed()) return code;
     }
     show_deed(session, removal.deed());
@@ -225,16 +177,17 @@ int run_mailbox_remove(Session& session, const Arguments& arguments) {
 }
 
 void declare_mailbox_remove(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address).flag("--yes", arguments.yes, "Do not ask");
+    verb.address(arguments.address)
+        .flag("--yes", arguments.yes, "Do not ask")
+        .flag("--now", arguments.now, "Remove it at once (default: at the next sweep)");
     declare_dry_run(verb, arguments.dry_run);
 }
 
 }  // namespace
 
-void add_mailbox_remove_verb(const VerbGroup& top) {
-    top.group("mailbox", "Whole mailboxes")
-        .verb("remove", "Remove a mailbox with all that belongs to it", declare_mailbox_remove,
-              run_mailbox_remove);
+void add_mailbox_remove(const VerbGroup& group) {
+    group.verb("remove", "Remove a mailbox with all that belongs to it", declare_mailbox_remove,
+               run_mailbox_remove);
 }
 
 }  // namespace Tessaly::tool

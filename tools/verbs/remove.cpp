@@ -1,4 +1,4 @@
-// rm, restore, sweep - remove folders and bring them back.
+// rm, restore - remove folders and bring them back.
 #include <fmt/format.h>
 
 #include "tools/cli/address.h"
@@ -84,49 +84,6 @@ void declare_rm(Verb& verb, FolderArguments& arguments) {
     declare_dry_run(verb, arguments.dry_run);
 }
 
-// ---- sweep
-
-struct SweepArguments {
-    Choice choice;
-    std::optional<string> older;
-    bool dry_run = false;
-    std::optional<string> jobs;
-};
-
-// A failure to remove this path does not prevent the others.
-void sweep_one(const string& path, bool dry_run, Report& report) {
-    const Amount amount = amount_below(path);
-    try {
-        if (!dry_run) sweep_path(path);
-        report_deed(report, kRemove, path, amount, dry_run);
-    } catch (const Failure& failure) {
-        report.error(failure);
-    }
-}
-
-int run_sweep(Session& session, const SweepArguments& arguments) {
-    const bool dry_run = arguments.dry_run;
-    std::optional<std::chrono::seconds> older;
-    if (arguments.older) older = age_of("--older", *arguments.older);
-    MailboxJob job;
-    job.progress = "sweeping mailboxes";
-    job.jobs = jobs_of(arguments.jobs);
-    job.work = [=](const TSMailUserId& id, Report& report) {
-        for (const string& path : scheduled_in(id, older)) sweep_one(path, dry_run, report);
-        return kExitOk;
-    };
-    job.show = [&](const TSMailUserId&, const Json& object) { show_deed(session, object); };
-    return run_on(session, mailboxes_of(arguments.choice), job);
-}
-
-void declare_sweep(Verb& verb, SweepArguments& arguments) {
-    verb.choice(arguments.choice)
-        .text("--older", arguments.older,
-              "Only what was scheduled longer ago, as 7d, 12h or 8w (default: all)")
-        .jobs(arguments.jobs);
-    declare_dry_run(verb, arguments.dry_run);
-}
-
 // ---- restore
 
 struct RestoreArguments {
@@ -171,7 +128,6 @@ void add_removal_verbs(const VerbGroup& top) {
     top.verb("rm", "Remove a folder and those below it", declare_rm, run_rm);
     top.verb("restore", "Bring back a folder that was scheduled for removal", declare_restore,
              run_restore);
-    top.verb("sweep", "Remove what was scheduled for removal", declare_sweep, run_sweep);
 }
 
 }  // namespace Tessaly::tool

@@ -36,6 +36,11 @@ std::optional<HiddenName> hidden_name_in(string_view name) {
 
 string claimed_name(string_view name) { return string(name).append(kClaimed); }
 
+string unclaimed_name(string_view name) {
+    if (name.ends_with(kClaimed)) name.remove_suffix(kClaimed.size());
+    return string(name);
+}
+
 string hidden_prefix(string_view base) {
     return string(names::kDeletedPrefix).append(today()).append(".").append(base).append(".");
 }

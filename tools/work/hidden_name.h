@@ -20,6 +20,8 @@ std::optional<HiddenName> hidden_name_in(std::string_view name);
 
 // The name that a sweep gives to a directory before it removes what is in it.
 std::string claimed_name(std::string_view name);
+// The name that it had before, or the same name.
+std::string unclaimed_name(std::string_view name);
 
 // The first part of a new name, which a number makes complete.
 std::string hidden_prefix(std::string_view base);
