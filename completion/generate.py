@@ -61,7 +61,7 @@ def described(text):
 
 
 # The functions that offer what an argument of this name may be.
-ZSH_ACTIONS = {"FILE": "_files", "--body-file": "_files", "ADDRESS": "_tsmail_any_addresses", "FOLDER": "_tsmail_any_folders",
+ZSH_ACTIONS = {"FILE": "_files", "SOURCE": "_files", "DIR": "_files", "--body-file": "_files", "ADDRESS": "_tsmail_any_addresses", "FOLDER": "_tsmail_any_folders",
                "--folder": "_tsmail_any_folders", "--to": "_tsmail_any_folders", "LIST": "_tsmail_any_lists", "--domain": "_tsmail_any_domains",
                "KEY=VALUE": "_tsmail_any_keys"}
 
@@ -132,7 +132,7 @@ def fish_answer(argument, verb):
         return " ".join(argument["words"])
     if name == "NAME" and verb.startswith("message"):
         return "(__tsmail_messages)"
-    return "" if name in ("FILE", "--body-file") else FISH_ANSWERS.get(name)
+    return "" if name in ("FILE", "SOURCE", "DIR", "--body-file") else FISH_ANSWERS.get(name)
 
 
 def fish_words(argument, verb):

@@ -35,6 +35,7 @@ VERBS = (
     ("list", "match", ANN, "whitelist", "a@b"), ("list", "import", ANN, "blacklist", "/tmp/entries"),
     ("quota", "show", ANN), ("quota", "set", ANN, "warning"), ("quota", "set", ANN, "exceeded", "7"),
     ("quota", "clear", ANN, "exceeded"), ("quota", "reset", ANN),
+    ("import", ANN, "/tmp/mbox"), ("import", ANN, "/tmp/mbox", "--folder", "Work", "--dry-run"),
     ("message", "flag", ANN, "Inbox", "a", "+S"), ("message", "move", ANN, "Inbox", "a", "--to", "Work"),
     ("message", "rm", ANN, "Inbox", "a"), ("rm", ANN, "Work", "--dry-run"), ("rm", ANN, "Work"),
     ("rm", ANN, "Inbox", "--now", "--force"), ("restore", ANN, "Old"),
@@ -120,6 +121,7 @@ class VerbsCase(SpoolCase):
 
     def setUp(self):
         write("/tmp/entries", b"*@spam.test\n")
+        write("/tmp/mbox", b"From ann@site.test Thu Jan  1 00:00:00 2015\nSubject: x\n\nx\n")
         self.restore()
 
     def restore(self):

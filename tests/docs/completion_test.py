@@ -43,6 +43,7 @@ ROWS = [
     (f"tsmail messages {ANN} Old", f"tsmail messages {ANN} Old\\ mail"),
     (f"tsmail messages {ANN} 'Old m", f"tsmail messages {ANN} 'Old mail'"),
     (f"tsmail messages {ANN} \"Old m", f"tsmail messages {ANN} \"Old mail\""),
+    (f"tsmail import {ANN} /tmp/some\\ m", f"tsmail import {ANN} /tmp/some\\ mail.eml"),
     (f"tsmail deliver {ANN} /tmp/some\\ m", f"tsmail deliver {ANN} /tmp/some\\ mail.eml"),
 ]
 # Lines without a completion.

@@ -208,6 +208,8 @@ class ExamplesTest(unittest.TestCase):
         mkdir -p /var/spool/etc/mail; tsmail -q list add - blacklist spam@other.test --scope system
         printf 'dora@site.test\\nemil@site.test\\n' >entries.txt; echo 'It is nearly full.' >notice.txt
         echo 'timezone = 12' >new.toml
+        mkdir -p old-maildir/cur old-maildir/new old-maildir/tmp; cp message.eml old-maildir/cur/1:2,S
+        { echo 'From ann@site.test Thu Jan  1 00:00:00 2015'; cat message.eml; echo; } >archive.mbox
     """
 
     def test_they_run(self):

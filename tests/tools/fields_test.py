@@ -44,6 +44,8 @@ class FieldsTest(SpoolCase):
             file.write("timezone = \n")
         with open("/tmp/entries", "w", encoding="utf-8") as file:
             file.write("x@site.test\n")
+        with open("/tmp/mbox", "w", encoding="utf-8") as file:
+            file.write("From ann@site.test Thu Jan  1 00:00:00 1970\nSubject: x\n\nx\n\n")
         os.makedirs("/tmp/program", exist_ok=True)
         with open("/bin/sendmail", "w", encoding="utf-8") as file:
             file.write("#!/bin/sh\ncat >/dev/null\n")
@@ -56,6 +58,7 @@ class FieldsTest(SpoolCase):
             "create": [["create", ANN]],
             "folders": [["folders", ANN]],
             "deliver": [["deliver", ANN, "/tmp/entries"], ["deliver", ANN, "/tmp/none"]],
+            "import": [["import", ANN, "/tmp/mbox", "--folder", "Imported"]],
             "size": [["size", ANN]],
             "recount": [["recount", ANN]],
             "tag": [["tag", ANN]],

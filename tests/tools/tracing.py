@@ -25,7 +25,7 @@ def read(path):
 def stopped_worker(process, log):
     """Waits until the command's worker has stopped, and takes the first tracer away from it."""
     wait_until(lambda: os.path.exists(log) and "stopped by SIGSTOP" in read(log))
-    [worker] = workers_of(process.pid)
+    worker, *_ = workers_of(process.pid)  # import and export have a companion as well, which comes later
     os.kill(int(status_of(worker, "TracerPid")), signal.SIGKILL)
     wait_until(lambda: status_of(worker, "State") == "T")
     return worker

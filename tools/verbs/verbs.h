@@ -21,6 +21,7 @@ void add_pref_verbs(const VerbGroup& top);
 void add_list_verbs(const VerbGroup& top);
 void add_quota_verbs(const VerbGroup& top);
 void add_removal_verbs(const VerbGroup& top);
+void add_import_verb(const VerbGroup& top);
 void add_message_verbs(const VerbGroup& top);
 void add_sweep_verb(const VerbGroup& top);
 void add_expire_verb(const VerbGroup& top);
@@ -29,12 +30,31 @@ void add_check_name_verb(const VerbGroup& top);
 void add_config_verbs(const VerbGroup& top);
 
 // The families in the order in which help lists them.
+// clang-format off
 constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
-    add_paths_verb,  add_mailbox_verbs, add_deliver_verb,    add_size_verb,    add_recount_verb,
-    add_tag_verb,    add_messages_verb, add_usage_verb,      add_metrics_verb, add_pref_verbs,
-    add_list_verbs,  add_quota_verbs,   add_removal_verbs,   add_sweep_verb,   add_message_verbs,
-    add_expire_verb, add_mailbox_group, add_check_name_verb, add_doctor_verb,  add_config_verbs,
+    add_paths_verb,
+    add_mailbox_verbs,
+    add_deliver_verb,
+    add_size_verb,
+    add_recount_verb,
+    add_tag_verb,
+    add_messages_verb,
+    add_usage_verb,
+    add_metrics_verb,
+    add_pref_verbs,
+    add_list_verbs,
+    add_quota_verbs,
+    add_removal_verbs,
+    add_import_verb,
+    add_sweep_verb,
+    add_message_verbs,
+    add_expire_verb,
+    add_mailbox_group,
+    add_check_name_verb,
+    add_doctor_verb,
+    add_config_verbs,
 };
+// clang-format on
 
 }  // namespace Tessaly::tool
 

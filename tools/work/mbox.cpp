@@ -1,5 +1,6 @@
 #include "tools/work/mbox.h"
 
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -96,7 +97,125 @@ std::optional<std::time_t> date_at(const Words& words, std::size_t at) {
     return read_rest(words, at + 4, when);
 }
 
+// The letters of Status and X-Status, with the flags that they stand for.
+struct StatusLine {
+    string_view name;
+    string_view letters, flags;  // '\0': no flag
+};
+constexpr StatusLine kStatus[] = {{"status:", "RON", string_view("S\0\0", 3)},
+                                  {"x-status:", "AFDT", "RFTD"}};
+
+bool is_empty_line(string_view line) { return line == "\n" || line == "\r\n"; }
+
+// One pass over an mbox file.
+class MboxPass {
+  public:
+    explicit MboxPass(const MboxVisitor& visitor) : visitor_(visitor) {}
+
+    // False if the file does not begin like an mbox.
+    bool take(const FileLines& lines) {
+        const string_view text = lines.text();
+        if (lines.begins() && begins_message(text)) {
+            finish();
+            start(text);
+            return true;
+        }
+        if (!in_message_) return false;
+        if (lines.begins()) {
+            take_line(text);
+        } else {
+            pass(text);
+        }
+        return true;
+    }
+
+    void finish() {
+        if (in_message_) visitor_.end(flags_, old_);
+        in_message_ = false;
+    }
+
+  private:
+    // A line without a date begins a message only where nothing else can be meant.
+    bool begins_message(string_view line) const {
+        return date_of_from_line(line).has_value() ||
+               (line.starts_with(kFrom) && words_of(line).size() == 1 &&
+                (!in_message_ || !held_.empty()));
+    }
+
+    void start(string_view line) {
+        in_message_ = in_header_ = true;
+        flags_.clear();
+        held_.clear();
+        old_ = false;
+        visitor_.begin(date_of_from_line(line));
+    }
+
+    void take_line(string_view line) {
+        if (in_header_ && take_status(line)) return;
+        if (is_empty_line(line)) {
+            pass_held();
+            in_header_ = false;
+            held_ = line;
+            return;
+        }
+        pass(needs_quote(line) && line.front() == '>' ? line.substr(1) : line);
+    }
+
+    bool take_status(string_view line) {
+        const auto flags = flags_of_status(line);
+        if (!flags) return false;
+        flags_ += *flags;
+        old_ = old_ || line.find('O', line.find(':')) != string_view::npos;
+        return true;
+    }
+
+    void pass(string_view text) {
+        pass_held();
+        visitor_.text(text);
+    }
+
+    // An empty line is not passed on before something follows it in the message.
+    void pass_held() {
+        if (!held_.empty()) visitor_.text(held_);
+        held_.clear();
+    }
+
+    const MboxVisitor& visitor_;
+    bool in_message_ = false, in_header_ = false, old_ = false;
+    std::string flags_, held_;
+};
+
 }  // namespace
+
+bool needs_quote(string_view line) {
+    const auto begin = line.find_first_not_of('>');
+    return begin != string_view::npos && line.substr(begin).starts_with(kFrom);
+}
+
+std::optional<std::string> flags_of_status(string_view line) {
+    for (const StatusLine& status : kStatus) {
+        if (line.size() < status.name.size() || line.back() != '\n') continue;
+        if (::strncasecmp(line.data(), status.name.data(), status.name.size()) != 0) continue;
+        std::string flags;
+        for (const char letter : line.substr(status.name.size())) {
+            const auto at = status.letters.find(letter);
+            const bool blank = letter == ' ' || letter == '\r' || letter == '\n';
+            if (at == string_view::npos && !blank) return std::nullopt;
+            if (at != string_view::npos && status.flags[at] != '\0') flags += status.flags[at];
+        }
+        return flags;
+    }
+    return std::nullopt;
+}
+
+bool read_mbox(int fd, const MboxVisitor& visitor) {
+    MboxPass pass(visitor);
+    for (FileLines lines(fd); lines.next();) {
+        if (!pass.take(lines)) return false;
+    }
+    pass.finish();
+    return true;
+}
 
 std::optional<std::time_t> date_of_from_line(string_view line) {
     constexpr std::size_t kLongest = 1000;

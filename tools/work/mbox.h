@@ -5,6 +5,7 @@
 #include <sys/types.h>
 
 #include <ctime>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -41,6 +42,27 @@ class FileLines {
     bool begins_ = false, ended_ = false;
     std::string_view text_;
 };
+
+// What read_mbox() finds, in this order for each message.
+struct MboxVisitor {
+    std::function<void(std::optional<std::time_t> date)> begin;
+    std::function<void(std::string_view piece)> text;
+    // With the flags of Status and X-Status, as letters of a message's name. `old` says that a mail
+    // reader has shown the message in a list.
+    std::function<void(const std::string& flags, bool old)> end;
+};
+
+// Reads an mbox file. The lines "From ..." between the messages, the empty line in front of them,
+// one
+// '>' of a quoted ">From ", and the lines Status and X-Status with the letters of mail readers are
+// left out of the text. False if the file does not begin like an mbox; an empty one is an mbox.
+bool read_mbox(int fd, const MboxVisitor& visitor);
+
+// The flags that a header line Status or X-Status stands for; nothing for any other line.
+std::optional<std::string> flags_of_status(std::string_view line);
+
+// Whether an mbox needs a '>' in front of the line.
+bool needs_quote(std::string_view line);
 
 // Whether the file is an mbox of two messages or more. False for what cannot be read twice, as a
 // pipe.

@@ -81,6 +81,12 @@ string SpoolFile::appear(int fresh, unsigned long long size) {
     throw system_failure("putting the message into new");
 }
 
+bool SpoolFile::appear_as(int directory, const string& name) {
+    if (name_.empty() ? give_name(directory, name) : move_name(directory, name)) return true;
+    if (errno == EEXIST) return false;
+    throw system_failure("putting the message into its folder");
+}
+
 bool SpoolFile::give_name(int fresh, const string& name) {
     const string path = fmt::format("{}/{}", kOwnDescriptors, fd_.get());
     return ::linkat(AT_FDCWD, path.c_str(), fresh, name.c_str(), AT_SYMLINK_FOLLOW) == 0;

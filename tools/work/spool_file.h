@@ -27,6 +27,9 @@ class SpoolFile {
     // returns that name. On a Failure there is nothing in `new`.
     std::string appear(int fresh, unsigned long long size);
 
+    // Moves the file into the open directory under this name. False if the name is taken.
+    bool appear_as(int directory, const std::string& name);
+
   private:
     bool open_unnamed();
     void open_named();
