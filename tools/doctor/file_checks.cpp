@@ -183,7 +183,8 @@ std::vector<Finding> look_at_flags(const Patient& patient) {
             continue;
         }
         const std::vector<string> lines = lines_of(path);
-        if (lines.empty() || (lines.size() == 1 && base::whole_number<int>(lines.front()))) continue;
+        if (lines.empty() || (lines.size() == 1 && base::whole_number<int>(lines.front())))
+            continue;
         findings.push_back({path, "holds no number", "empties it: set, with the number 0",
                             [path] { make_empty(path); }});
     }
