@@ -63,7 +63,7 @@ def described(text):
 # The functions that offer what an argument of this name may be.
 ZSH_ACTIONS = {"FILE": "_files", "SOURCE": "_files", "DIR": "_files", "--body-file": "_files", "ADDRESS": "_tsmail_any_addresses", "FOLDER": "_tsmail_any_folders",
                "--folder": "_tsmail_any_folders", "--to": "_tsmail_any_folders", "LIST": "_tsmail_any_lists", "--domain": "_tsmail_any_domains",
-               "KEY=VALUE": "_tsmail_any_keys"}
+               "SETTING": "_tsmail_any_keys"}
 
 
 def action(argument, verb=""):
@@ -118,7 +118,7 @@ def zsh_tables(grammar):
 
 FISH_ANSWERS = {"ADDRESS": "(__tsmail_addresses)", "FOLDER": "(__tsmail_folders)", "--folder": "(__tsmail_folders)",
                 "--to": "(__tsmail_folders)",
-                "LIST": "(__tsmail_lists)", "--domain": "(__tsmail_domains)", "KEY=VALUE": "(__tsmail_keys)"}
+                "LIST": "(__tsmail_lists)", "--domain": "(__tsmail_domains)", "SETTING": "(__tsmail_keys)"}
 
 
 def fish_quoted(text):

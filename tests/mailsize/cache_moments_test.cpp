@@ -58,12 +58,12 @@ TEST(CacheMoments, WhoWritesLastWins) {
     for (const auto& [first, last] : {std::pair(kShort, kLong), std::pair(kLong, kShort)}) {
         // The first has emptied the file. Then the second comes and finishes before the first goes
         // on.
-        before_write = [first = first] { write_one_line(1, first); };
+        before_write = [size = first] { write_one_line(1, size); };
         write_one_line(1, last);
         EXPECT_EQ(files::read(kCache), one_line(last));
         // The second comes when the first has just written. If the second's text is the longer one,
         // the first cannot tell whether its own text lies over the rest of it, and writes again.
-        behind_write = [last = last] { write_one_line(1, last); };
+        behind_write = [size = last] { write_one_line(1, size); };
         write_one_line(1, first);
         EXPECT_EQ(files::read(kCache), one_line(kShort));
     }

@@ -3,6 +3,7 @@
 #include <tessaly/mailstore.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 
 #include "mailsize/garbage.h"

@@ -297,17 +297,18 @@ TEST(Lock, EndsHoweverTheStreamIsClosed) {
         {"exit", [](FILE*) { return 0; }},
         {"signal", [](FILE*) { return ::kill(::getpid(), SIGKILL); }},
     };
-    for (const auto& [name, way] : ways) {
+    for (const auto& row : ways) {
+        const auto& name = row.first;
+        const auto& way = row.second;
         SCOPED_TRACE(name);
         const TempDir dir;
-        const int result = Child([&, &name = name, &way = way] {  // clang wants them named
+        const int result = Child([&] {
                                FILE* stream = open_and_lock_file((dir / "f").c_str(), "w");
                                if (is_free_for(dir / "f", LOCK_SH)) return 1;
                                if (way(stream) != 0) return 2;
                                // They come after the first three of the same process.
                                return name == "exit" || is_free_for(dir / "f", LOCK_EX) ? 0 : 3;
-                           })
-                               .wait();
+                           }).wait();
         EXPECT_EQ(result, name == "signal" ? 128 + SIGKILL : 0);
         EXPECT_TRUE(is_free_for(dir / "f", LOCK_EX));
     }

@@ -1,6 +1,7 @@
 #include "literal.h"
 
 #include <cctype>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 

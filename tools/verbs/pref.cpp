@@ -149,8 +149,9 @@ void declare_get(Verb& verb, Arguments& arguments) {
 
 void declare_set(Verb& verb, Arguments& arguments) {
     verb.address(arguments.address)
-        .texts("KEY=VALUE", arguments.words,
-               "What to set; none with --json: an object is read from standard input");
+        .texts(
+            "SETTING", arguments.words,
+            "What to set, as KEY=VALUE; none with --json: an object is read from standard input");
 }
 
 void declare_reset(Verb& verb, Arguments& arguments) {
