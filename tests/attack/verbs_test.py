@@ -26,7 +26,7 @@ TEMPLATE = "/tmp/template"
 VERBS = (
     ("create", ANN), ("create", ANN, "Extra/Sub"), ("folders", ANN), ("messages", ANN, "Inbox"), ("size", ANN),
     ("recount", ANN), ("tag", ANN), ("usage",), ("usage", "--verify"),
-    ("usage", "--total"), ("metrics",), ("doctor", ANN), ("doctor", ANN, "--repair"),
+    ("usage", "--total"), ("metrics",), ("doctor", "--spool"), ("doctor", ANN), ("doctor", ANN, "--repair"),
     ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", "ann+Tag@site.test", "--new-folders"),
     ("deliver", ANN, "--defer-exceeded"), ("deliver", ANN, "--folder", "Work", "--create"),
     ("pref", "show", ANN), ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),

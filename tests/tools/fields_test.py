@@ -83,7 +83,7 @@ class FieldsTest(SpoolCase):
             "quota clear": [["quota", "clear", ANN, "warning"]],
             "quota notify": [["quota", "notify", ANN, "--subject", "x"]],
             "quota reset": [["quota", "reset", ANN]],
-            "doctor": [["doctor", ANN]],  # the previous verb marked the mailbox
+            "doctor": [["doctor", "--spool"], ["doctor", ANN]],  # the previous verb marked the mailbox
             "quota archive": [["quota", "archive"]],
             "check-name": [["check-name", "x"]],
             "config check": [["config", "check", "/tmp/broken.toml"]],

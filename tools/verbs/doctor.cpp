@@ -10,6 +10,7 @@
 #include "tools/doctor/checks.h"
 #include "tools/spool/gift.h"
 #include "tools/spool/mailbox_job.h"
+#include "tools/verbs/doctor_spool.h"
 #include "tools/verbs/verbs.h"
 
 namespace Tessaly::tool {
@@ -22,6 +23,7 @@ struct Arguments {
     Choice choice;
     bool repair = false;
     std::optional<string> jobs;
+    SpoolArguments spool;
 };
 
 // The field with which a worker asks its parent for a repair. It is not shown.
@@ -181,7 +183,7 @@ void show_not_addresses(const Mailboxes& mailboxes, Findings& findings) {
     }
 }
 
-int run_doctor(Session& session, const Arguments& arguments) {
+int run_on_mailboxes(Session& session, const Arguments& arguments) {
     const Mailboxes mailboxes = mailboxes_of(arguments.choice);
     const FolderMaker maker(session.callers_umask);
     const bool root = ::geteuid() == 0;
@@ -207,10 +209,22 @@ int run_doctor(Session& session, const Arguments& arguments) {
     return findings.all_repaired() ? kExitOk : kExitNo;
 }
 
+int run_doctor(Session& session, const Arguments& arguments) {
+    if (is_about_spool(arguments.spool)) {
+        const Choice& choice = arguments.choice;
+        if (choice.address || choice.all || choice.domain || arguments.repair) {
+            throw Failure(kExitUsage, "--spool is about no mailbox: give neither one nor --repair");
+        }
+        return run_doctor_spool(session, arguments.spool);
+    }
+    return run_on_mailboxes(session, arguments);
+}
+
 void declare_doctor(Verb& verb, Arguments& arguments) {
     verb.choice(arguments.choice)
         .flag("--repair", arguments.repair, "Repair what can be repaired without losing mail")
         .jobs(arguments.jobs);
+    declare_doctor_spool(verb, arguments.spool);
 }
 
 }  // namespace

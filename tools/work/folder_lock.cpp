@@ -47,13 +47,6 @@ constexpr std::uint32_t kNetworked[] = {
     0x01021997,  // 9P
 };
 
-bool is_networked(int fd) {
-    struct statfs fs;
-    if (::fstatfs(fd, &fs) != 0) return false;
-    const auto type = static_cast<std::uint32_t>(fs.f_type);
-    return std::find(std::begin(kNetworked), std::end(kNetworked), type) != std::end(kNetworked);
-}
-
 // False if another process holds the lock.
 bool try_flock(int fd, int operation) {
     if (retry([&] { return ::flock(fd, operation | LOCK_NB); }) == 0) return true;
@@ -142,6 +135,13 @@ void add_levels(const string& folder, WalkOrder& folders) {
 
 }  // namespace
 
+bool may_be_shared(int fd) {
+    struct statfs fs;
+    if (::fstatfs(fd, &fs) != 0) return false;
+    const auto type = static_cast<std::uint32_t>(fs.f_type);
+    return std::find(std::begin(kNetworked), std::end(kNetworked), type) != std::end(kNetworked);
+}
+
 Identity identity_of(int fd) {
     struct stat st;
     if (::fstat(fd, &st) != 0) return {};
@@ -155,7 +155,7 @@ void sleep_milliseconds(int milliseconds) {
 bool FolderLock::lies_on_network(const Level& level) const {
     // Asks once for all folders of a mailbox on the same device.
     const bool known = !levels_.empty() && levels_.back().identity.device == level.identity.device;
-    return known ? static_cast<bool>(levels_.back().lock) : is_networked(level.fd.get());
+    return known ? static_cast<bool>(levels_.back().lock) : may_be_shared(level.fd.get());
 }
 
 // Locks the level. False if the path leads to another folder by now.

@@ -21,6 +21,9 @@ struct Identity {
 };
 Identity identity_of(int fd);
 
+// Whether other machines may share the file system, by its type.
+bool may_be_shared(int fd);
+
 // Waits some milliseconds before the next attempt to lock; throws to give up.
 using Pause = std::function<void(int milliseconds)>;
 void sleep_milliseconds(int milliseconds);
