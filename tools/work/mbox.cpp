@@ -155,7 +155,7 @@ class MboxPass {
         if (is_empty_line(line)) {
             pass_held();
             in_header_ = false;
-            held_ = line;
+            held_ = line.size() == 1 ? "\n" : "\r\n";
             return;
         }
         pass(needs_quote(line) && line.front() == '>' ? line.substr(1) : line);
