@@ -41,7 +41,7 @@ class PathsTest(SpoolCase):
         [shown] = self.succeed("--json", "paths", "ann@site.test").objects
         table = self.succeed("paths", "ann@site.test").out
         for name, path in shown["kinds"].items():
-            self.assertRegex(table, rf"(?m)^ *\d+  {name} +{path}$")
+            self.assertRegex(table, rf"(?m)^{name} +{path}$")
         for place in ("home", "mail", "pref", "trash", "drop"):
             self.assertRegex(table, rf"(?m)^{place} +{shown[place]}$")
 

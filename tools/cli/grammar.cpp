@@ -303,7 +303,7 @@ const Word& word_of(std::span<const Word> words, string_view what, string_view g
     });
     if (row != words.end()) return *row;
     std::vector<string> allowed;
-    for (const Word& w : words) allowed.push_back(fmt::format("{} ({})", w.word, w.number));
+    for (const Word& w : words) allowed.emplace_back(w.word);
     throw Failure(kExitUsage, fmt::format("there is no {} \"{}\"; allowed: {}", what,
                                           printable(given), fmt::join(allowed, ", ")));
 }

@@ -117,18 +117,18 @@ void show_json(Session& session, const TSMailUserId& id, const Word& type) {
 }
 
 void show_tables(Session& session, const string& given, const TSMailUserId& id, const Word& type) {
-    session.out.line(session.out.strong(
-        printable(fmt::format("{}, mailbox type {} ({})", given, type.word, type.number))));
+    session.out.line(
+        session.out.strong(printable(fmt::format("{}, mailbox type {}", given, type.word))));
     Table places({{"place"}, {"path"}});
     for (const Place& place : kPlaces) {
         places.row({place.name, path_or_none([&] { return place.path(id); }).value_or("-")});
     }
     places.print(session.out);
     session.out.line("");
-    Table kinds({{"kind", Align::right}, {"name"}, {"path"}});
+    Table kinds({{"kind"}, {"path"}});
     for (const Word& kind : kKinds) {
-        kinds.row({std::to_string(kind.number), string(kind.word),
-                   path_or_none([&] { return id.fname(kind.number); }).value_or("-")});
+        kinds.row(
+            {string(kind.word), path_or_none([&] { return id.fname(kind.number); }).value_or("-")});
     }
     kinds.print(session.out);
 }
