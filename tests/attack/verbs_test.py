@@ -3,6 +3,7 @@ changes nothing outside of the owner's home, and shows no data of other users. T
 not hostile: there every verb does its work."""
 
 import errno
+import glob
 import itertools
 import os
 import shutil
@@ -35,7 +36,7 @@ VERBS = (
     ("list", "match", ANN, "whitelist", "a@b"), ("list", "import", ANN, "blacklist", "/tmp/entries"),
     ("quota", "show", ANN), ("quota", "set", ANN, "warning"), ("quota", "set", ANN, "exceeded", "7"),
     ("quota", "clear", ANN, "exceeded"), ("quota", "reset", ANN),
-    ("import", ANN, "/tmp/mbox"), ("import", ANN, "/tmp/mbox", "--folder", "Work", "--dry-run"),
+    ("export", ANN, "/tmp/exported"), ("export", ANN, "/tmp/exported", "--format", "mbox"), ("import", ANN, "/tmp/mbox"), ("import", ANN, "/tmp/mbox", "--folder", "Work", "--dry-run"),
     ("message", "flag", ANN, "Inbox", "a", "+S"), ("message", "move", ANN, "Inbox", "a", "--to", "Work"),
     ("message", "rm", ANN, "Inbox", "a"), ("rm", ANN, "Work", "--dry-run"), ("rm", ANN, "Work"),
     ("rm", ANN, "Inbox", "--now", "--force"), ("restore", ANN, "Old"),
@@ -145,13 +146,16 @@ class VerbsCase(SpoolCase):
         return {path: what for path, what in seen.items() if not path.endswith((".lock", "/."))}
 
     def survive(self, words, seconds=20):
+        shutil.rmtree("/tmp/exported", ignore_errors=True)
         before, begun = self.outside(words), time.monotonic()
         done = tsmail("--timeout", "2", *words, stdin=b"Subject: x\n\nx\n")
         self.assertIn(done.code, CODES, (words, done))
         self.assertLess(time.monotonic() - begun, seconds, words)
         self.assertEqual(self.outside(words), before, (words, done))
+        exported = "".join(content(path).decode("latin-1") for path in glob.glob("/tmp/exported/**", recursive=True)
+                           if os.path.isfile(path))
         for secret in (SECRET, BERTS):
-            self.assertNotIn(secret.decode().strip(), done.out + done.err, words)
+            self.assertNotIn(secret.decode().strip(), done.out + done.err + exported, words)
         self.assertNotRegex(done.err, "internal error|exit code 7[0-2]", words)
         return done
 

@@ -58,6 +58,7 @@ class FieldsTest(SpoolCase):
             "create": [["create", ANN]],
             "folders": [["folders", ANN]],
             "deliver": [["deliver", ANN, "/tmp/entries"], ["deliver", ANN, "/tmp/none"]],
+            "export": [["export", ANN, "/tmp/exported"]],
             "import": [["import", ANN, "/tmp/mbox", "--folder", "Imported"]],
             "size": [["size", ANN]],
             "recount": [["recount", ANN]],

@@ -21,6 +21,7 @@ void add_pref_verbs(const VerbGroup& top);
 void add_list_verbs(const VerbGroup& top);
 void add_quota_verbs(const VerbGroup& top);
 void add_removal_verbs(const VerbGroup& top);
+void add_export_verb(const VerbGroup& top);
 void add_import_verb(const VerbGroup& top);
 void add_message_verbs(const VerbGroup& top);
 void add_sweep_verb(const VerbGroup& top);
@@ -46,6 +47,7 @@ constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
     add_quota_verbs,
     add_removal_verbs,
     add_import_verb,
+    add_export_verb,
     add_sweep_verb,
     add_message_verbs,
     add_expire_verb,
