@@ -170,7 +170,7 @@ class CodesTest(FaultCase):
         for error, code in rows:
             done, _ = self.deliver("-e", f"inject=linkat:error={error}:when=1")
             self.assertEqual(done.code, code, done)
-            self.assertRegex(done.err, "^tsmail: putting the message into new: ")
+            self.assertRegex(done.err, "^tsmail: [^ ]*/Inbox: putting the message into new: ")
         done, _ = self.deliver("-e", "inject=fsync:error=EIO:when=1")
         self.assertEqual(done.code, 74, done)
         self.assertEqual((messages(ANN), left_in_tmp(ANN)), ([], []))
@@ -191,6 +191,24 @@ class FallbackTest(FaultCase):
             self.assertTrue(any("RENAME_NOREPLACE" in line for line in calls))
             self.assert_counted(ANN)
             self.assertEqual(left_in_tmp(ANN), [])
+
+    def test_a_file_that_cannot_get_a_name_is_copied(self):
+        for error in ("EOPNOTSUPP", "ENOENT", "EINVAL", "ENOSYS"):
+            self.setUp()
+            done, calls = self.deliver("-e", f"inject=linkat:error={error}:when=1")
+            self.assertEqual(done.code, 0, done)
+            self.in_order("\n".join(calls), r"O_TMPFILE", r"fsync\(", r"linkat\(.* = -1", r"O_CREAT\|O_EXCL", r"fsync\(",
+                          "RENAME_NOREPLACE", r"fsync\(")
+            self.assert_counted(ANN)
+            self.assertEqual(left_in_tmp(ANN), [])
+
+    def test_the_process_remembers_it(self):
+        files = [f"/tmp/message{n}" for n in range(3)]
+        for path in files:
+            toolkit.write(path, BODY)
+        done, calls = traced_worker(["-e", "inject=linkat:error=EOPNOTSUPP:when=1"], [*DELIVER, *files])
+        self.assertEqual((done.code, len(messages(ANN))), (0, 3), done)
+        self.assertEqual(sum("O_TMPFILE" in line for line in calls), 1)
 
     def test_nor_an_exclusive_rename(self):
         n = self.tmpfile_call()

@@ -13,6 +13,9 @@ namespace Tessaly::tool {
 // that nothing remains however the process ends. Otherwise it has the name of a message of size 0,
 // because tagging skips names that have a size; this object's destructor removes it. appear() makes
 // the file a message.
+//
+// Some file systems make files without a name and cannot name them later. The first such file of a
+// process is copied into one with a name; from then on the process makes only those.
 class SpoolFile {
   public:
     // tmp: the open directory, which must outlive this. A Failure if the file cannot be made.
@@ -34,8 +37,10 @@ class SpoolFile {
     bool open_unnamed();
     void open_named();
     std::string draw_name(unsigned long long size) const;
-    bool give_name(int fresh, const std::string& name);
-    bool move_name(int fresh, const std::string& name);
+    bool appear_at(int directory, const std::string& name);
+    bool give_name(int directory, const std::string& name) const;
+    void copy_to_named();
+    bool move_name(int directory, const std::string& name);
 
     int tmp_;
     std::string queue_id_;
