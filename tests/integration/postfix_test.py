@@ -3,12 +3,17 @@
 import grp
 import json
 import os
+import pathlib
+import re
+import signal
 import smtplib
 import subprocess
+import threading
 import time
 
 import neighbours
-from toolkit import HOME, SpoolCase, content, folder_record, mail, mailbox_record, messages
+from toolkit import (HOME, SOURCE, TSMAIL, SpoolCase, content, environment, folder_record, left_in_tmp, mail,
+                     mailbox_record, messages)
 
 LOG = "/var/spool/log/postfix"
 CONF = "/etc/postfix"
@@ -66,6 +71,11 @@ class PostfixCase(SpoolCase):
         self.assertEqual(done.returncode, 0, done.stdout.decode())
         for user in ("ann", "bob"):
             self.succeed("create", f"{user}@site.test", "Work", **neighbours.as_vmail())
+
+        self.prepare()
+
+    def prepare(self):
+        """What else has to be there before mail comes."""
 
     def tearDown(self):
         postfix("stop")
@@ -205,6 +215,125 @@ class ExitCodeTest(PostfixCase):
         wait_until(everything_delivered, "delivery after the delay")
         self.assertEqual(len(messages("ann@site.test")), 1)
         self.assertEqual(messages("bob@site.test"), [])
+
+
+class LmtpTest(PostfixCase):
+    """Postfix passes the mail to `tsmail lmtp`, which root starts as the page says."""
+
+    def prepare(self):
+        page = pathlib.Path(SOURCE, "docs/neighbours/postfix.md").read_text(encoding="utf-8")
+        command, lines = re.search(r"## Over LMTP.*?\n    tsmail (.*?)\n.*?```\n(.*?)^```$", page, re.S | re.M).groups()
+        self.command = command.split()
+        for line in lines.splitlines():
+            subprocess.run(["postconf", "-e", line], check=True)
+        subprocess.run(["postconf", "-X", "tsmail_destination_recipient_limit"], check=True)
+        subprocess.run(["postconf", "-MX", "tsmail/unix"], check=True)
+        subprocess.run(["postconf", "-e", "minimal_backoff_time=1s", "maximal_backoff_time=2s",
+                        "queue_run_delay=1s"], check=True)
+        self.assertEqual(postfix("reload").returncode, 0)
+        self.service = None
+        self.start()
+        self.addCleanup(self.stop)
+
+    def start(self, *more):
+        self.service = subprocess.Popen([TSMAIL, *self.command, *more], env=environment(), start_new_session=True)
+        path = "/var/spool/postfix/private/tsmail"
+        while not os.path.exists(path) or os.stat(path).st_uid == 0:
+            time.sleep(0.01)
+
+    def stop(self, number=signal.SIGTERM):
+        if number == signal.SIGKILL:
+            os.killpg(self.service.pid, number)
+        self.service.send_signal(number)
+        self.service.wait(15)
+
+    def send(self, count, recipients, first=0, body=b"x\r\n"):
+        with smtplib.SMTP("127.0.0.1") as smtp:
+            for n in range(first, first + count):
+                smtp.sendmail("bob@site.test", recipients, b"Subject: N%d\r\n\r\n" % n + body)
+
+    def subjects(self, address, folder="Inbox"):
+        return sorted(int(re.search(rb"^Subject: N(\d+)$", content(path), re.M).group(1))
+                      for path in messages(address, folder))
+
+    def test_a_message(self):
+        body = b"From here\n.\n..\n" + bytes(range(128, 256)) + b"\n\nlast\n"
+        self.submit("bob@site.test", "ann@site.test", b"Subject: hello\n\n" + body)
+        wait_until(everything_delivered, "delivery")
+        path, = messages("ann@site.test")
+        head = self.assert_body(path, body)
+        self.assertTrue(head.startswith(b"Return-Path: <bob@site.test>\n"))
+        self.assertEqual(folder_record("ann@site.test"), (os.path.getsize(path), 1))
+        self.assertEqual(os.stat(path).st_uid, neighbours.VMAIL)
+
+    def test_several_recipients_and_a_tag(self):
+        self.succeed("create", "ann@site.test", "Work", **neighbours.as_vmail())
+        self.send(1, ["ann@site.test", "ann+Work@site.test", "bob@site.test", "nobody@site.test"])
+        wait_until(everything_delivered, "delivery")
+        self.assertEqual(self.subjects("ann@site.test"), [0])
+        self.assertEqual(self.subjects("ann@site.test", "Work"), [0])
+        path, = messages("ann@site.test")
+        queue_id = content(path).split(b"with ESMTP id ")[1].split()[0].rstrip(b";").decode()
+        self.assertIn(f"#Q#{queue_id},", path)
+        bounces = [path for path in messages("bob@site.test") if b"5.1.1" in content(path)]
+        self.assertEqual((len(bounces), len(messages("bob@site.test"))), (1, 2))
+
+    def test_a_full_mailbox_is_put_off(self):
+        self.stop()
+        self.start("--defer-exceeded")
+        self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        self.send(1, ["ann@site.test", "bob@site.test"])
+        wait_until(deferred, "the delay")
+        self.assertRegex(deferred()[0], r"452 4\.2\.2 .*full")
+        self.assertEqual((messages("ann@site.test"), self.subjects("bob@site.test")), ([], [0]))
+        self.succeed("quota", "clear", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        subprocess.run(["postqueue", "-f"], check=True)
+        wait_until(everything_delivered, "delivery after the delay")
+        self.assertEqual(self.subjects("ann@site.test"), [0])
+
+    def test_a_full_mailbox_is_refused(self):
+        self.stop()
+        self.start("--refuse-exceeded")
+        self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        self.send(1, ["ann@site.test"])
+        wait_until(everything_delivered, "the bounce")
+        self.assertEqual(messages("ann@site.test"), [])
+        self.assertRegex(content(*messages("bob@site.test")), rb"Status: 5\.2\.2")
+
+    def test_thousands(self):
+        senders = [threading.Thread(target=self.send, args=(250, ["ann@site.test", "bob@site.test"], 250 * n))
+                   for n in range(4)]
+        for sender in senders:
+            sender.start()
+        for sender in senders:
+            sender.join()
+        wait_until(everything_delivered, "delivery", 100)
+        for address in ("ann@site.test", "bob@site.test"):
+            self.assertEqual(self.subjects(address), list(range(1000)))
+            size = sum(map(os.path.getsize, messages(address)))
+            self.assertEqual(mailbox_record(address), (size, 1000))
+
+    def test_killed_again_and_again(self):
+        sender = threading.Thread(target=self.send, args=(400, ["ann@site.test"]), kwargs={"body": b"x\r\n" * 3000})
+        sender.start()
+        for _ in range(5):
+            time.sleep(0.7)
+            self.stop(signal.SIGKILL)
+            os.unlink("/var/spool/postfix/private/tsmail")
+            self.start()
+        sender.join()
+        subprocess.run(["postqueue", "-f"], check=True)
+
+        def all_there():
+            subprocess.run(["postqueue", "-f"], check=True)
+            time.sleep(0.3)
+            return not queue()
+        wait_until(all_there, "delivery", 100)
+        found = self.subjects("ann@site.test")
+        self.assertEqual(sorted(set(found)), list(range(400)))
+        # At each kill as many can come twice as were on their way: Postfix had no answer for them.
+        self.assertLessEqual(len(found) - 400, 5 * 20)
+        self.assertEqual(left_in_tmp("ann@site.test"), [])
 
 
 class NoticeTest(PostfixCase):

@@ -17,6 +17,7 @@ UNITS = pathlib.Path(BUILD, "systemd")
 SYSTEMD = pathlib.Path(SOURCE, "systemd")
 SERVICES = sorted(UNITS.glob("*.service"))
 TIMERS = sorted(SYSTEMD.glob("*.timer"))
+SOCKETS = sorted(SYSTEMD.glob("*.socket"))
 EXPOSURE = 3
 TEN_MINUTES = 600
 DAY = 86400
@@ -66,16 +67,16 @@ def output_of(*words):
 
 class UnitsTest(unittest.TestCase):
     def test_each_timer_has_its_service(self):
-        self.assertEqual([s.stem for s in SERVICES], ["tsmail-recount", "tsmail-sweep"])
-        self.assertEqual([t.stem for t in TIMERS], [s.stem for s in SERVICES])
+        self.assertEqual([s.stem for s in SERVICES], ["tsmail-lmtp", "tsmail-recount", "tsmail-sweep"])
+        self.assertEqual([t.stem for t in [*SOCKETS, *TIMERS]], [s.stem for s in SERVICES])
 
     def test_systemd_reads_them_without_a_word(self):
         os.makedirs("/tmp/units")
-        for unit in [*SERVICES, *TIMERS]:
+        for unit in [*SERVICES, *SOCKETS, *TIMERS]:
             text = re.sub(r"(?m)^ExecStart=\S+/tsmail ", f"ExecStart={TSMAIL} ", unit.read_text(encoding="utf-8"))
             pathlib.Path("/tmp/units", unit.name).write_text(text, encoding="utf-8")
         code, shown = output_of("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
-                                *(f"/tmp/units/{u.name}" for u in [*SERVICES, *TIMERS]))
+                                *(f"/tmp/units/{u.name}" for u in [*SERVICES, *SOCKETS, *TIMERS]))
         self.assertEqual((code, [line for line in shown.splitlines() if "tsmail" in line]), (0, []), shown)
 
     def test_they_are_hardened(self):
@@ -96,7 +97,7 @@ class UnitsTest(unittest.TestCase):
             self.assertEqual(stamps[1] - stamps[0], seconds, shown)
 
     def test_the_pages_that_they_name_are_there(self):
-        for unit in [*SERVICES, *TIMERS]:
+        for unit in [*SERVICES, *SOCKETS, *TIMERS]:
             for page in settings(unit)["Documentation"]:
                 name = re.fullmatch(r"man:(\S+)\(1\)", page).group(1)
                 self.assertTrue(os.path.exists(f"{BUILD}/docs/man/man1/{name}.1"), page)
@@ -119,12 +120,25 @@ class CommandsTest(SpoolCase):
             done = run([TSMAIL, *command_of(service)[1:]])
             self.assertEqual((done.code, done.err), (0, ""), done)
 
-    def limited(self, service, *more, before=()):
+    @unittest.skipUnless(os.geteuid() == 0, "only root has capabilities to give up")
+    def test_their_rights_are_enough_for_mail_that_arrives(self):
+        address = self.mailbox_of_nobody()
+        talk = f"LHLO c\r\nMAIL FROM:<>\r\nRCPT TO:<{address}>\r\nDATA\r\n" + "x" * 200000 + "\r\n.\r\n"
+        before = ("strace", "-f", "-qq", "-o", "/tmp/calls") if not SANITIZED else ()
+        done = self.limited(UNITS / "tsmail-lmtp.service", before=before, stdin=talk.encode())
+        self.assertRegex(done.out, r"\n250 2\.0\.0 Saved as \S+\r\n$", done)
+        self.assertEqual(mailbox_record(address)[1], 2)
+        if not SANITIZED:
+            calls = set(re.findall(r"(?m)^\d+ +(\w+)\(", pathlib.Path("/tmp/calls").read_text(encoding="utf-8")))
+            self.assertIn("memfd_create", calls)
+            self.assertEqual(calls - allowed_calls(UNITS / "tsmail-lmtp.service"), set())
+
+    def limited(self, service, *more, before=(), **options):
         """Runs the command with no other capabilities than the service has."""
         [capabilities] = settings(service)["CapabilityBoundingSet"]
         kept = ",".join("+" + name.removeprefix("CAP_").lower() for name in capabilities.split())
         return run([*before, "setpriv", "--bounding-set", f"-all,{kept}", "--inh-caps=-all", "--no-new-privs",
-                    TSMAIL, *command_of(service)[1:], *more])
+                    TSMAIL, *command_of(service)[1:], *more], **options)
 
     def mailbox_of_nobody(self):
         address = "ann@site.test"

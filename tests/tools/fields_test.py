@@ -60,6 +60,7 @@ class FieldsTest(SpoolCase):
             "deliver": [["deliver", ANN, "/tmp/entries"], ["deliver", ANN, "/tmp/none"]],
             "export": [["export", ANN, "/tmp/exported"]],
             "import": [["import", ANN, "/tmp/mbox", "--folder", "Imported"]],
+            "lmtp": [["lmtp", "--listen", "nowhere"]],  # it shows nothing
             "size": [["size", ANN]],
             "recount": [["recount", ANN]],
             "tag": [["tag", ANN]],
@@ -102,7 +103,7 @@ class FieldsTest(SpoolCase):
         }
 
     # The last command lines of these verbs report a fault, with these exit codes.
-    CODES = {"config check": 65, "deliver": 66, "doctor": 1}
+    CODES = {"config check": 65, "deliver": 66, "doctor": 1, "lmtp": 64}
 
     # These show preferences: their fields are the preferences' names.
     PREFERENCES = {"pref show", "pref get"}

@@ -36,7 +36,11 @@ Input open_input(const std::string& file) {
 }
 
 ssize_t read_some(const Input& input, char* buffer, std::size_t room) {
-    const ssize_t n = retry([&] { return ::read(input.fd, buffer, room); });
+    const ssize_t n = retry([&] {
+        return input.position != nullptr ? ::pread(input.fd, buffer, room, *input.position)
+                                         : ::read(input.fd, buffer, room);
+    });
+    if (n > 0 && input.position != nullptr) *input.position += n;
     if (n >= 0 || errno == EAGAIN) return n;
     const bool unreadable = errno == EISDIR || errno == EBADF;
     throw Failure(unreadable ? kExitNoInput : kExitIo, input.name + ": " + error_text(errno));

@@ -2,6 +2,8 @@
 #ifndef TSMAIL_TOOLS_CLI_INPUT_H
 #define TSMAIL_TOOLS_CLI_INPUT_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <string>
 
@@ -14,6 +16,9 @@ struct Input {
     Fd owned;
     int fd;
     std::string name;
+    // Where reading goes on in a file that other processes read through the same descriptor; null:
+    // at the descriptor's own position.
+    off_t* position = nullptr;
 };
 
 // Opens a file to read, with the caller's rights; "" is standard input. A Failure with code

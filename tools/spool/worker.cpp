@@ -10,12 +10,12 @@
 
 #include <algorithm>
 #include <csignal>
-#include <cstring>
 #include <new>
 #include <optional>
 #include <utility>
 
 #include "tools/cli/text.h"
+#include "tools/spool/passing.h"
 
 namespace Tessaly::tool {
 
@@ -35,52 +35,16 @@ constexpr bool kLimitMemory = true;
 
 // ---- handing over a task: its number, and perhaps a descriptor
 
-union Control {
-    char bytes[CMSG_SPACE(sizeof(int))];
-    cmsghdr align;
-};
-
 struct Given {
     std::size_t task;
     Fd input;
 };
 
-bool send_task(int socket, std::size_t task, int input) {
-    iovec part = {&task, sizeof task};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    Control control = {};
-    if (input >= 0) {
-        message.msg_control = control.bytes;
-        message.msg_controllen = sizeof control.bytes;
-        cmsghdr* head = CMSG_FIRSTHDR(&message);
-        head->cmsg_level = SOL_SOCKET;
-        head->cmsg_type = SCM_RIGHTS;
-        head->cmsg_len = CMSG_LEN(sizeof input);
-        std::memcpy(CMSG_DATA(head), &input, sizeof input);
-    }
-    return retry([&] { return ::sendmsg(socket, &message, MSG_NOSIGNAL); }) == sizeof task;
-}
-
 // Nothing if the parent has closed its end.
 std::optional<Given> receive_task() {
     Given given = {0, Fd()};
-    iovec part = {&given.task, sizeof given.task};
-    Control control = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.bytes;
-    message.msg_controllen = sizeof control.bytes;
-    const ssize_t n =
-        retry([&] { return ::recvmsg(kSocket, &message, MSG_CMSG_CLOEXEC | MSG_WAITALL); });
+    const ssize_t n = receive_with(kSocket, &given.task, sizeof given.task, given.input, true);
     if (n != sizeof given.task) return std::nullopt;
-    if (const cmsghdr* head = CMSG_FIRSTHDR(&message)) {
-        int input = -1;
-        std::memcpy(&input, CMSG_DATA(head), sizeof input);
-        given.input.reset(input);
-    }
     return given;
 }
 
@@ -138,9 +102,8 @@ void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept {
     }
 }
 
-[[noreturn]] void work(const Job& job, const Owner& owner, int socket, pid_t parent) {
-    keep_own_descriptors(socket);
-    set_limits();
+// Becomes the owner; a refusal is a failure of each task.
+std::optional<Failure> take_owners_place(const Owner& owner, pid_t parent) {
     std::optional<Failure> refused;
     try {
         become(owner);
@@ -150,11 +113,21 @@ void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept {
     end_with_parent(parent);
     // The owner may have no access to the directory in which the program was started.
     if (::chdir("/") != 0) refused = system_failure("/");
-    do_tasks(job, refused);
-    ::_exit(kExitOk);
+    return refused;
 }
 
 }  // namespace
+
+pid_t start_process(const Owner& owner, int socket, const Serve& serve) {
+    const pid_t parent = ::getpid();
+    const pid_t process = ::fork();
+    if (process < 0) throw system_failure("starting a worker");
+    if (process != 0) return process;
+    keep_own_descriptors(socket);
+    set_limits();
+    serve(kSocket, take_owners_place(owner, parent));
+    ::_exit(kExitOk);
+}
 
 Worker::Worker(const Job& job, const Owner& owner) : owner_(owner) {
     int ends[2];
@@ -163,10 +136,9 @@ Worker::Worker(const Job& job, const Owner& owner) : owner_(owner) {
     }
     socket_.reset(ends[0]);
     const Fd other(ends[1]);
-    const pid_t parent = ::getpid();
-    process_ = ::fork();
-    if (process_ < 0) throw system_failure("starting a worker");
-    if (process_ == 0) work(job, owner, other.get(), parent);
+    process_ = start_process(
+        owner, other.get(),
+        [&](int, const std::optional<Failure>& refused) noexcept { do_tasks(job, refused); });
 }
 
 Worker::~Worker() {
@@ -177,7 +149,7 @@ Worker::~Worker() {
 }
 
 bool Worker::give(std::size_t task, int input) {
-    if (!send_task(socket_.get(), task, input)) return false;
+    if (!send_with(socket_.get(), &task, sizeof task, input)) return false;
     if (tasks_.empty()) began_ = Clock::now();
     tasks_.push_back(task);
     return true;

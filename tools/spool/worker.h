@@ -8,10 +8,19 @@
 #include <cstddef>
 #include <deque>
 #include <functional>
+#include <optional>
 
 #include "tools/spool/job.h"
 
 namespace Tessaly::tool {
+
+// What a worker process does: it gets its end of the socket, and the reason if it could not become
+// the owner. It must not throw.
+using Serve = std::function<void(int socket, const std::optional<Failure>& refused)>;
+
+// Starts a process that keeps only the standard streams and the socket, has a worker's limits,
+// becomes the owner for good, ends with its parent, and serves. A Failure if that is not possible.
+pid_t start_process(const Owner& owner, int socket, const Serve& serve);
 
 // The parent's view of a worker.
 class Worker {

@@ -1,8 +1,5 @@
 // deliver - puts messages into a mailbox.
-#include <sys/random.h>
-
 #include <algorithm>
-#include <cstdlib>
 
 #include "tools/cli/address.h"
 #include "tools/cli/input.h"
@@ -34,36 +31,7 @@ struct Arguments {
     bool defer_exceeded = false;
 };
 
-// Message names contain numbers from the C library's generators, which the program has to seed.
-void seed_random() {
-    unsigned seeds[2] = {};
-    if (::getrandom(seeds, sizeof seeds, 0) != static_cast<ssize_t>(sizeof seeds)) {
-        throw system_failure("getrandom");
-    }
-    std::srand(seeds[0]);
-    ::srandom(seeds[1]);
-}
-
-string own_queue_id() {
-    char id[64];
-    if (tsl_gen_queue_id(nullptr, id, sizeof id) == nullptr) {
-        throw Failure(kExitSoftware, "no queue identifier");
-    }
-    return id;
-}
-
 // ---- as the mailbox's owner
-
-// The settings that are the same for each message.
-struct Plan {
-    TSMailUserId id;
-    std::optional<string> folder;
-    string queue_id;
-    mode_t callers_umask;
-    bool may_make_mailbox;
-    bool may_make_folder;
-    std::optional<ExitCode> over_quota;  // the answer for a mailbox over its quota
-};
 
 void refuse_mbox(const Input& input) {
     if (!holds_several_messages(input.fd)) return;
@@ -72,34 +40,7 @@ void refuse_mbox(const Input& input) {
         "it holds several messages, and deliver stores one; \"tsmail import\" stores each");
 }
 
-void deliver(const Plan& plan, const Input& input, Report& report) {
-    string directory = plan.id.mailpath();
-    try {
-        const SignalHold signals;
-        const FolderMaker maker(plan.callers_umask);
-        if (!mailbox_exists(plan.id)) {
-            if (!plan.may_make_mailbox) demand_mailbox(plan.id);
-            maker.make_mailbox(plan.id);
-        }
-        if (plan.over_quota) demand_room(plan.id, *plan.over_quota);
-        const string folder = choose_folder(plan.id, plan.folder, plan.may_make_folder);
-        directory = plan.id.mailfolder(folder);
-        Delivery delivery(plan.id, folder, maker, plan.may_make_folder);
-        delivery.deliver(input, plan.queue_id, signals, report);
-    } catch (const Failure& failure) {
-        report.error(for_queue(explained(failure, directory)));
-    }
-}
-
 // ---- in the parent
-
-std::optional<ExitCode> answer_over_quota(const Arguments& arguments) {
-    if (arguments.refuse_exceeded && arguments.defer_exceeded) {
-        throw Failure(kExitUsage, "give --refuse-exceeded or --defer-exceeded, not both");
-    }
-    if (arguments.refuse_exceeded) return kExitUnavailable;
-    return arguments.defer_exceeded ? std::optional(kExitTryAgain) : std::nullopt;
-}
 
 // A stranger chooses the tag, the operator the option: so only the latter makes folders by default.
 bool may_make_folder(const Arguments& arguments) {
@@ -109,7 +50,7 @@ bool may_make_folder(const Arguments& arguments) {
     return arguments.folder ? !arguments.no_new_folder : arguments.new_folders;
 }
 
-Plan plan_of(const Session& session, const Arguments& arguments) {
+DeliveryPlan plan_of(const Session& session, const Arguments& arguments) {
     const TSMailUserId id = mailbox_of(arguments.address);
     if (arguments.folder) check_folder_name(*arguments.folder);
     if (arguments.queue_id) check_queue_id(*arguments.queue_id);
@@ -119,10 +60,10 @@ Plan plan_of(const Session& session, const Arguments& arguments) {
             session.callers_umask,
             arguments.create,
             may_make_folder(arguments),
-            answer_over_quota(arguments)};
+            answer_over_quota(arguments.refuse_exceeded, arguments.defer_exceeded)};
 }
 
-Owner owner_for(Session& session, const Plan& plan) {
+Owner owner_for(Session& session, const DeliveryPlan& plan) {
     try {
         return plan.may_make_mailbox ? owner_of_made_mailbox(session, plan.id, {})
                                      : Homes().owner(plan.id);
@@ -174,7 +115,7 @@ class Messages {
 };
 
 int run_deliver(Session& session, const Arguments& arguments) {
-    const Plan plan = plan_of(session, arguments);
+    const DeliveryPlan plan = plan_of(session, arguments);
     const Messages messages(arguments.files);
     const SignalHold signals;
     const Owner owner = owner_for(session, plan);
@@ -188,7 +129,7 @@ int run_deliver(Session& session, const Arguments& arguments) {
     job.work = [&](std::size_t n, int input, Report& report) {
         const Input opened = messages.opened(n, input);
         if (messages.is_file(n)) refuse_mbox(opened);
-        deliver(plan, opened, report);
+        deliver(plan, opened, SignalHold(), report);
         return kExitOk;
     };
     job.failed = [&](std::size_t n, const string& text) { return messages.failed(n, text); };

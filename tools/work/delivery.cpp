@@ -3,9 +3,11 @@
 #include <fcntl.h>
 #include <fmt/format.h>
 #include <strings.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <memory>
 #include <string_view>
 
@@ -157,7 +159,7 @@ Delivery::Place Delivery::open_place() {
         if (find_place(place)) return place;
         if (errno != ENOENT) break;
         demand_mailbox(id_);
-        if (!may_make_) folder_ = system_folders().front();
+        if (!plan_.may_make_folder) folder_ = system_folders().front();
         maker_.make_folder(id_, folder_);  // or finds that another process just did
         errno = ENOENT;
     }
@@ -175,35 +177,49 @@ bool Delivery::lock_place(const Place& place, const SignalHold& signals, FolderL
     throw system_failure(printable(id_.mailfolder(folder_)));
 }
 
-void Delivery::deliver(const Input& input, const string& queue_id, const SignalHold& signals,
-                       Report& report) {
-    auto draft = std::make_unique<Draft>(open_place(), queue_id);
+Delivered Delivery::deliver(const Input& input, const SignalHold& signals, Report& report) {
+    auto draft = std::make_unique<Draft>(open_place(), plan_.queue_id);
     draft->write(input, signals, report);
     FolderLock lock;
     while (!lock_place(draft->place(), signals, lock)) {
         lock.unlock();
-        auto next = std::make_unique<Draft>(open_place(), queue_id);
+        auto next = std::make_unique<Draft>(open_place(), plan_.queue_id);
         next->write(draft->written(), signals, report);
         draft = std::move(next);
     }
     signals.check();
     appear(*draft, lock, report);
+    return {folder_, draft->size()};
 }
 
 void Delivery::appear(Draft& draft, const FolderLock& lock, Report& report) const {
     string path = id_.mailfolder(folder_).append("/new/");
-    path.reserve(path.size() + NAME_MAX);
+    path.reserve(path.size() + NAME_MAX);  // memory must not be short when the message stands
     const Fd fresh(retry([&] { return ::openat(lock.fd(), "new", kDirectory); }));
     if (!fresh) throw system_failure(printable(path));
-    path += draft.file().appear(fresh.get(), draft.size());
+    const string name = draft.file().appear(fresh.get(), draft.size());
+    const bool flushed = flush(fresh.get(), name, report);
+    path += name;
+    settle(path, draft.size(), flushed, report);
+}
+
+// Whether the new entry is on the disk. If the plan demands that, one that is not is taken back.
+bool Delivery::flush(int fresh, const string& name, Report& report) const {
+    if (!plan_.demand_flush) report.passed();
+    const bool flushed = retry([&] { return ::fsync(fresh); }) == 0;
+    const int error = errno;
+    if (!plan_.demand_flush) return flushed;
+    if (!flushed) {
+        ::unlinkat(fresh, name.c_str(), 0);
+        throw system_failure("flushing new", error);
+    }
     report.passed();
-    settle(fresh.get(), path, draft.size(), report);
+    return true;
 }
 
 // Reports the message before it is counted, as a record may stay locked for a very long time.
-void Delivery::settle(int fresh, const string& path, unsigned long long size,
+void Delivery::settle(const string& path, unsigned long long size, bool flushed,
                       Report& report) const {
-    const bool flushed = retry([&] { return ::fsync(fresh); }) == 0;
     report.object({{"path", path}, {"folder", folder_}, {"size", size}});
     if (!flushed) {
         report.warn(printable(path) + ": delivered, but it may not survive a crash yet");
@@ -215,6 +231,58 @@ void Delivery::settle(int fresh, const string& path, unsigned long long size,
     if (!in_folder) report.warn(printable(path) + ": missing in its folder's size record");
     if (!in_mailbox) report.warn(printable(path) + ": missing in the mailbox's size record");
     if (!in_folder || !in_mailbox) mark_for_recount(id_);
+}
+
+namespace {
+
+string folder_of(const DeliveryPlan& plan) {
+    const FolderMaker maker(plan.callers_umask);
+    if (!mailbox_exists(plan.id)) {
+        if (!plan.may_make_mailbox) demand_mailbox(plan.id);
+        maker.make_mailbox(plan.id);
+    }
+    if (plan.over_quota) demand_room(plan.id, *plan.over_quota);
+    return choose_folder(plan.id, plan.folder, plan.may_make_folder);
+}
+
+}  // namespace
+
+std::optional<Delivered> deliver(const DeliveryPlan& plan, const Input& input,
+                                 const SignalHold& signals, Report& report) {
+    string directory = plan.id.mailpath();
+    try {
+        const string folder = folder_of(plan);
+        directory = plan.id.mailfolder(folder);
+        return Delivery(plan, folder).deliver(input, signals, report);
+    } catch (const Failure& failure) {
+        report.error(for_queue(explained(failure, directory)));
+        return std::nullopt;
+    }
+}
+
+void seed_random() {
+    unsigned seeds[2] = {};
+    if (::getrandom(seeds, sizeof seeds, 0) != static_cast<ssize_t>(sizeof seeds)) {
+        throw system_failure("getrandom");
+    }
+    std::srand(seeds[0]);
+    ::srandom(seeds[1]);
+}
+
+string own_queue_id() {
+    char id[64];
+    if (tsl_gen_queue_id(nullptr, id, sizeof id) == nullptr) {
+        throw Failure(kExitSoftware, "no queue identifier");
+    }
+    return id;
+}
+
+std::optional<ExitCode> answer_over_quota(bool refuse, bool defer) {
+    if (refuse && defer) {
+        throw Failure(kExitUsage, "give --refuse-exceeded or --defer-exceeded, not both");
+    }
+    if (refuse) return kExitUnavailable;
+    return defer ? std::optional(kExitTryAgain) : std::nullopt;
 }
 
 }  // namespace Tessaly::tool

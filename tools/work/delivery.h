@@ -34,12 +34,42 @@ void demand_room(const TSMailUserId& id, ExitCode code);
 // happened, and if something was not permitted, who works there and whose the directory is.
 Failure explained(const Failure& failure, const std::string& directory);
 
+// Message names contain numbers from the C library's generators, which a program has to seed.
+void seed_random();
+// A queue identifier for a message that has none.
+std::string own_queue_id();
+// The answer for a mailbox over its quota that two options ask for; nothing without them.
+std::optional<ExitCode> answer_over_quota(bool refuse, bool defer);
+
+// How a message is to be delivered.
+struct DeliveryPlan {
+    TSMailUserId id;
+    std::optional<std::string> folder;
+    std::string queue_id;
+    mode_t callers_umask;
+    bool may_make_mailbox;
+    bool may_make_folder;
+    std::optional<ExitCode> over_quota;  // the answer for a mailbox over its quota
+    // A message that may not survive a crash is taken back and is a Failure, not a warning.
+    bool demand_flush = false;
+};
+
+struct Delivered {
+    std::string folder;
+    unsigned long long size;
+};
+
+// Delivers a message as its mailbox's owner. A failure is reported as the queue needs it, and the
+// answer is nothing then.
+std::optional<Delivered> deliver(const DeliveryPlan& plan, const Input& input,
+                                 const SignalHold& signals, Report& report);
+
 // A folder to deliver into.
 class Delivery {
   public:
     // If no folder may be made, Inbox replaces a missing one.
-    Delivery(const TSMailUserId& id, std::string folder, const FolderMaker& maker, bool may_make)
-        : id_(id), folder_(std::move(folder)), maker_(maker), may_make_(may_make) {}
+    Delivery(const DeliveryPlan& plan, std::string folder)
+        : plan_(plan), id_(plan.id), folder_(std::move(folder)), maker_(plan.callers_umask) {}
 
     // Delivers the input in this order: open the folder, make what is missing, write below tmp,
     // flush to the disk, appear in new under a fresh name, flush the directory, count in the
@@ -52,8 +82,7 @@ class Delivery {
     // new, it is delivered. That is reported at once, and the message as {"path", "folder", "size"}
     // when it is flushed; later errors are only warnings. If a record could not be written, the
     // mailbox is marked for a recount.
-    void deliver(const Input& input, const std::string& queue_id, const SignalHold& signals,
-                 Report& report);
+    Delivered deliver(const Input& input, const SignalHold& signals, Report& report);
 
   private:
     struct Place {
@@ -65,12 +94,14 @@ class Delivery {
     bool find_place(Place& place) const;
     bool lock_place(const Place& place, const SignalHold& signals, FolderLock& lock) const;
     void appear(Draft& draft, const FolderLock& lock, Report& report) const;
-    void settle(int fresh, const std::string& path, unsigned long long size, Report& report) const;
+    bool flush(int fresh, const std::string& name, Report& report) const;
+    void settle(const std::string& path, unsigned long long size, bool flushed,
+                Report& report) const;
 
+    const DeliveryPlan& plan_;
     TSMailUserId id_;
     std::string folder_;
     FolderMaker maker_;
-    bool may_make_;
 };
 
 }  // namespace Tessaly::tool

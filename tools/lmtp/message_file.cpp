@@ -1,0 +1,82 @@
+#include "tools/lmtp/message_file.h"
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/sendfile.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace Tessaly::tool::lmtp {
+
+namespace {
+
+// Larger messages would need too much memory if many came at once.
+constexpr std::uint64_t kMostInMemory = 128 * 1024;
+constexpr std::size_t kHeld = 32 * 1024;
+
+Fd file_in_memory() { return Fd(::memfd_create("message", MFD_CLOEXEC)); }
+
+Fd file_on_disk() {
+    for (const char* directory :
+         {static_cast<const char*>(std::getenv("TMPDIR")), "/var/tmp", "/tmp"}) {
+        if (directory == nullptr) continue;
+        Fd fd(retry([&] { return ::open(directory, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600); }));
+        if (fd) return fd;
+    }
+    return {};
+}
+
+}  // namespace
+
+MessageFile::MessageFile(std::uint64_t announced) : in_memory_(announced <= kMostInMemory) {
+    fd_ = in_memory_ ? file_in_memory() : file_on_disk();
+    if (!fd_) error_ = errno;
+    held_.reserve(kHeld);
+}
+
+void MessageFile::write(std::string_view bytes) {
+    if (held_.size() + bytes.size() > kHeld) flush();
+    if (bytes.size() >= kHeld) return put(bytes);
+    held_.insert(held_.end(), bytes.begin(), bytes.end());
+}
+
+bool MessageFile::finish() {
+    flush();
+    held_ = {};
+    return error_ == 0;
+}
+
+void MessageFile::flush() {
+    put({held_.data(), held_.size()});
+    held_.clear();
+}
+
+void MessageFile::put(std::string_view bytes) {
+    if (in_memory_ && written_ + bytes.size() > kMostInMemory) move_to_disk();
+    while (error_ == 0 && !bytes.empty()) {
+        const ssize_t n = retry([&] { return ::write(fd_.get(), bytes.data(), bytes.size()); });
+        if (n < 0) {
+            error_ = errno;
+            return;
+        }
+        written_ += static_cast<std::uint64_t>(n);
+        bytes.remove_prefix(static_cast<std::size_t>(n));
+    }
+}
+
+void MessageFile::move_to_disk() {
+    if (error_ != 0) return;
+    in_memory_ = false;
+    Fd file = file_on_disk();
+    off_t position = 0;
+    while (file && static_cast<std::uint64_t>(position) < written_) {
+        const auto left = static_cast<std::size_t>(written_) - static_cast<std::size_t>(position);
+        const ssize_t n = retry([&] { return ::sendfile(file.get(), fd_.get(), &position, left); });
+        if (n <= 0) file.reset();
+    }
+    if (!file) error_ = errno != 0 ? errno : EIO;
+    if (file) fd_ = std::move(file);
+}
+
+}  // namespace Tessaly::tool::lmtp

@@ -1,0 +1,440 @@
+#include "tools/lmtp/pool.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <csignal>
+#include <cstring>
+#include <utility>
+
+#include "tools/cli/address.h"
+#include "tools/cli/text.h"
+#include "tools/lmtp/worker.h"
+#include "tools/spool/passing.h"
+
+namespace Tessaly::tool::lmtp {
+
+namespace {
+
+using boost::system::error_code;
+using std::string;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr std::size_t kMostQuestions = 16;  // that wait for an answer: more could fill the socket
+constexpr seconds kOwnerKnown{5};
+constexpr std::size_t kMostKnown = 4000;
+constexpr milliseconds kTick{250};
+constexpr seconds kSlow{2};        // a task that takes longer
+constexpr seconds kPatience{2};    // between TERM and KILL
+constexpr seconds kAfterPass{10};  // for what is left to do once a message is delivered
+
+// A mailbox's name among those that are slow: its home.
+string mailbox_name(const string& address) { return mailbox_of(address).homepath(); }
+
+Failure failure_of(const Json& body) {
+    return {static_cast<ExitCode>(body.value("code", int{kExitTryAgain})),
+            body.value("text", string()), body.value("errno", 0), body.value("status", string())};
+}
+
+Failure failure_of(const Answer& answer) {
+    const auto length = std::min<std::size_t>(answer.length, sizeof answer.text);
+    return {static_cast<ExitCode>(answer.code), string(answer.text, length), answer.error};
+}
+
+Failure ending() { return {kExitTryAgain, "the service ends"}; }
+
+}  // namespace
+
+Pool::Pool(boost::asio::io_context& context, int questions, std::size_t workers, seconds limit,
+           const Log& log)
+    : context_(context),
+      questions_(context, questions),
+      timer_(context),
+      most_(workers),
+      limit_(limit),
+      log_(log) {
+    listen_for_answers();
+    tick();
+}
+
+// ---- questions to the parent
+
+void Pool::ask(Ask what, const string& address, Found found) {
+    Question question;
+    question.ask = what;
+    question.serial = ++serial_;
+    question.length = static_cast<std::uint32_t>(std::min(address.size(), sizeof question.address));
+    std::memcpy(question.address, address.data(), question.length);
+    asked_[question.serial] = std::move(found);
+    unasked_.push_back(question);
+    send_questions();
+}
+
+void Pool::send_questions() {
+    while (!unasked_.empty() && asked_.size() - unasked_.size() < kMostQuestions) {
+        const Question& question = unasked_.front();
+        if (!send_with(questions_.native_handle(), &question, sizeof question, -1))
+            return context_.stop();
+        unasked_.pop_front();
+    }
+}
+
+void Pool::listen_for_answers() {
+    questions_.async_wait(Stream::wait_read, [this](const error_code& error) {
+        if (error) return;
+        take_answer();
+        listen_for_answers();
+    });
+}
+
+// Without the parent there are no workers: the service ends.
+void Pool::take_answer() {
+    Answer answer;
+    Fd socket;
+    const ssize_t n = receive_with(questions_.native_handle(), &answer, sizeof answer, socket);
+    if (n != sizeof answer) return context_.stop();
+    const auto asked = asked_.find(answer.serial);
+    if (asked == asked_.end()) return;
+    const Found found = std::move(asked->second);
+    asked_.erase(asked);
+    send_questions();
+    found(answer, std::move(socket));
+}
+
+// Remembers an owner for some seconds. A worker of a wrong owner finds no mailbox that it may write
+// to, which is a temporary failure.
+void Pool::find_owner(const string& address, std::function<void(const Answer&)> found) {
+    const string mailbox = mailbox_name(address);
+    const auto known = owners_.find(mailbox);
+    if (known != owners_.end() && Clock::now() < known->second.until) {
+        Answer answer;
+        answer.owner = known->second.owner;
+        return found(answer);
+    }
+    ask(Ask::owner, address, [this, mailbox, found = std::move(found)](const Answer& answer, Fd) {
+        if (owners_.size() >= kMostKnown) owners_.clear();
+        owners_.erase(mailbox);
+        if (answer.code == kExitOk) owners_[mailbox] = {answer.owner, Clock::now() + kOwnerKnown};
+        found(answer);
+    });
+}
+
+void Pool::signal(Worker& worker, int number) {
+    Question question;
+    question.ask = Ask::signal;
+    question.process = worker.process;
+    question.signal = number;
+    worker.signal = number;
+    worker.signalled = Clock::now();
+    send_with(questions_.native_handle(), &question, sizeof question, -1);
+}
+
+// ---- tasks
+
+void Pool::find(const string& address, Task::Done done) {
+    try {
+        find_owner(address, [done](const Answer& answer) {
+            done({answer.code == kExitOk ? Reply{250, "2.1.5", "OK"}
+                                         : reply_to(failure_of(answer))});
+        });
+    } catch (const Failure& failure) {
+        done({reply_to(failure)});
+    }
+}
+
+void Pool::submit(Task task) {
+    if (stopped_) return finish(task, {reply_to(ending())});
+    const string address = task.address;
+    const auto kept = std::make_shared<Task>(std::move(task));
+    try {
+        find_owner(address, [this, kept](const Answer& answer) {
+            if (answer.code != kExitOk) return finish(*kept, {reply_to(failure_of(answer))});
+            enqueue(std::move(*kept), answer.owner);
+        });
+    } catch (const Failure& failure) {
+        finish(*kept, {reply_to(failure)});
+    }
+}
+
+void Pool::enqueue(Task task, const Owner& owner) {
+    if (stopped_) return finish(task, {reply_to(ending())});
+    const Key key = {owner.user, owner.group};
+    string mailbox = mailbox_name(task.address);
+    queues_[key].waiting.push_back({std::move(task), std::move(mailbox), Clock::now()});
+    dispatch(key);
+}
+
+// The caller may be in the middle of something, so it is told later.
+void Pool::finish(Task& task, const Outcome& outcome) {
+    if (!task.done) return;
+    boost::asio::post(context_, [done = std::move(task.done), outcome] { done(outcome); });
+    task = {};
+}
+
+void Pool::dispatch(const Key& key) {
+    const auto found = queues_.find(key);
+    if (found == queues_.end()) return;
+    Queue& queue = found->second;
+    while (give_to_idle(key, queue)) {
+    }
+    while (need_worker(key, queue)) {
+    }
+    if (queue.waiting.empty() && queue.workers == 0 && queue.starting == 0) queues_.erase(found);
+}
+
+// The first task whose mailbox is not slow.
+std::deque<Pool::Waiting>::iterator Pool::next_of(Queue& queue) {
+    return std::find_if(queue.waiting.begin(), queue.waiting.end(),
+                        [&](const Waiting& w) { return !slow_.contains(w.mailbox); });
+}
+
+bool Pool::give_to_idle(const Key& key, Queue& queue) {
+    const auto next = next_of(queue);
+    if (next == queue.waiting.end()) return false;
+    const auto idle = std::find_if(workers_.begin(), workers_.end(),
+                                   [&](const Worker& w) { return !w.busy && w.key == key; });
+    if (idle == workers_.end()) return false;
+    Waiting waiting = std::move(*next);
+    queue.waiting.erase(next);
+    give(*idle, std::move(waiting));
+    return true;
+}
+
+void Pool::give(Worker& worker, Waiting waiting) {
+    worker.busy = true;
+    worker.task = std::move(waiting.task);
+    worker.mailbox = std::move(waiting.mailbox);
+    worker.began = Clock::now();
+    worker.passed = worker.answered = false;
+    worker.failure.reset();
+    const Task& task = worker.task;
+    string packet;
+    Json::to_msgpack({{"do", task.what}, {"address", task.address}, {"ident", task.ident}}, packet);
+    // A worker that is gone shows by the end of its socket.
+    send_with(worker.stream.native_handle(), packet.data(), packet.size(),
+              task.message ? task.message->fd() : -1);
+}
+
+// Asks for one more worker for the queue. False if none is needed or allowed.
+bool Pool::need_worker(const Key& key, Queue& queue) {
+    const auto next = next_of(queue);
+    if (next == queue.waiting.end() || queue.starting >= queue.waiting.size()) return false;
+    if (workers_.size() - slow_workers_ + starting_ >= most_ && !retire_idle()) return false;
+    ++starting_;
+    ++queue.starting;
+    ask(Ask::worker, next->task.address, [this, key](const Answer& answer, Fd socket) {
+        add_worker(key, answer, std::move(socket));
+    });
+    return true;
+}
+
+// An idle worker whose owner has no task waiting.
+bool Pool::retire_idle() {
+    const auto idle = std::find_if(workers_.begin(), workers_.end(), [&](const Worker& w) {
+        return !w.busy && queues_[w.key].waiting.empty();
+    });
+    if (idle == workers_.end()) return false;
+    const auto queue = queues_.find(idle->key);
+    workers_.erase(idle);
+    if (--queue->second.workers == 0 && queue->second.starting == 0) queues_.erase(queue);
+    return true;
+}
+
+void Pool::add_worker(const Key& key, const Answer& answer, Fd socket) {
+    --starting_;
+    Queue& queue = queues_[key];
+    --queue.starting;
+    if (answer.code != kExitOk || !socket) {
+        fail_waiting(queue, answer.code != kExitOk ? failure_of(answer)
+                                                   : Failure(kExitTryAgain, "no worker"));
+        return dispatch(key);
+    }
+    // The home may have another owner by now: the worker is that one's.
+    const Key owner = {answer.owner.user, answer.owner.group};
+    Queue& its = queues_[owner];
+    ++its.workers;
+    workers_.emplace_back(Stream(context_, socket.get()), answer.process, owner);
+    socket.release();
+    listen_to(std::prev(workers_.end()));
+    if (owner != key) owners_.clear();
+    if (owner != key)
+        fail_waiting(queue, Failure(kExitTryAgain, "the mailbox has another owner now"));
+    dispatch(owner);
+    if (owner != key) dispatch(key);
+}
+
+void Pool::fail_waiting(Queue& queue, const Failure& failure) {
+    for (Waiting& waiting : queue.waiting) finish(waiting.task, {reply_to(failure)});
+    queue.waiting.clear();
+}
+
+// Owners without a worker get one before others get one more.
+void Pool::serve_others() {
+    std::vector<Key> keys;
+    for (const auto& [key, queue] : queues_) {
+        if (!queue.waiting.empty()) keys.push_back(key);
+    }
+    std::stable_partition(keys.begin(), keys.end(),
+                          [&](const Key& key) { return queues_[key].workers == 0; });
+    for (const Key& key : keys) dispatch(key);
+}
+
+bool Pool::others_starve(const Key& key) const {
+    if (workers_.size() - slow_workers_ + starting_ < most_) return false;
+    return std::any_of(queues_.begin(), queues_.end(), [&](const auto& other) {
+        const Queue& queue = other.second;
+        return other.first != key && !queue.waiting.empty() && queue.workers + queue.starting == 0;
+    });
+}
+
+// ---- workers' messages
+
+void Pool::listen_to(Workers::iterator worker) {
+    const std::weak_ptr<char> alive = worker->alive;
+    worker->stream.async_wait(Stream::wait_read, [this, worker, alive](const error_code& error) {
+        if (!error && !alive.expired()) hear(worker);
+    });
+}
+
+void Pool::hear(Workers::iterator worker) {
+    try {
+        if (!worker->incoming.fill(worker->stream.native_handle())) return lose(worker);
+        while (const auto message = worker->incoming.next()) take(*worker, *message);
+    } catch (const std::exception& e) {  // its user may have tampered with it
+        worker->failure = Failure(kExitTryAgain, e.what());
+        signal(*worker, SIGKILL);
+        return lose(worker);
+    }
+    if (!worker->busy && (worker->signal != 0 || others_starve(worker->key))) return lose(worker);
+    listen_to(worker);
+    if (worker->busy) return;
+    dispatch(worker->key);
+    serve_others();
+}
+
+void Pool::take(Worker& worker, const Message& message) {
+    const Json& body = message.body;
+    switch (message.event) {
+        case Event::object: {
+            const string folder = body.value("folder", string());
+            return answer(worker, {{250, "2.0.0", "Saved as " + worker.task.ident},
+                                   folder,
+                                   body.value("size", std::uint64_t{0})});
+        }
+        case Event::warning:
+            return log_.line(Level::warning,
+                             worker.task.ident + ": " + body.value("text", string()));
+        case Event::error:
+            if (!worker.failure) worker.failure = failure_of(body);
+            return;
+        case Event::fed:
+            worker.began = Clock::now();
+            return;
+        case Event::passed:
+            worker.passed = true;
+            worker.began = Clock::now();
+            return;
+        case Event::end:
+            return end_task(worker);
+        case Event::detail:
+        case Event::progress:
+            return;
+    }
+}
+
+void Pool::answer(Worker& worker, const Outcome& outcome) {
+    if (!std::exchange(worker.answered, true) && worker.task.done) {
+        auto done = std::move(worker.task.done);
+        worker.task.done = {};
+        boost::asio::post(context_, [done = std::move(done), outcome] { done(outcome); });
+    }
+}
+
+void Pool::end_task(Worker& worker) {
+    if (!worker.busy) throw Failure(kExitSoftware, "a worker has an answer too many");
+    if (!worker.failure && worker.task.what == "deliver" && !worker.answered) {
+        worker.failure = Failure(kExitSoftware, "a worker has no answer");
+    }
+    answer(worker, {worker.failure ? reply_to(*worker.failure) : Reply{250, "2.1.5", "OK"}});
+    if (worker.failure) owners_.erase(worker.mailbox);
+    forget_slow(worker);
+    worker.busy = false;
+    worker.task = {};
+}
+
+void Pool::forget_slow(Worker& worker) {
+    if (!std::exchange(worker.slow, false)) return;
+    --slow_workers_;
+    slow_.erase(slow_.find(worker.mailbox));
+}
+
+// A message may be in new without being counted: the mailbox is marked.
+void Pool::lose(Workers::iterator worker) {
+    const Key key = worker->key;
+    if (worker->busy) {
+        if (!worker->failure) worker->failure = Failure(kExitTryAgain, "its worker was ended");
+        const Task mark = {"mark", worker->task.address, "", {}, {}};
+        const bool begun = worker->task.what == "deliver";
+        answer(*worker, {reply_to(*worker->failure)});
+        forget_slow(*worker);
+        if (begun && !stopped_) submit(mark);
+    }
+    workers_.erase(worker);
+    --queues_[key].workers;
+    serve_others();
+    dispatch(key);
+}
+
+void Pool::tick() {
+    timer_.expires_after(kTick);
+    timer_.async_wait([this](const error_code& error) {
+        if (error) return;
+        const auto now = Clock::now();
+        for (Worker& worker : workers_) {
+            if (worker.busy) look_at(worker, now);
+        }
+        for (auto& [key, queue] : queues_) {
+            while (!queue.waiting.empty() && now - queue.waiting.front().since > limit_) {
+                finish(queue.waiting.front().task,
+                       {reply_to(Failure(kExitTryAgain, "the mailbox is busy"))});
+                queue.waiting.pop_front();
+            }
+        }
+        serve_others();
+        tick();
+    });
+}
+
+void Pool::look_at(Worker& worker, Clock::time_point now) {
+    const auto took = now - worker.began;
+    if (!worker.slow && took > kSlow) {
+        worker.slow = true;
+        ++slow_workers_;
+        slow_.insert(worker.mailbox);
+    }
+    const seconds limit = worker.passed ? std::min(limit_, seconds(kAfterPass)) : limit_;
+    const bool too_many = worker.slow && slow_workers_ > 2 * most_;
+    if (worker.signal == 0 && (took > limit || too_many)) {
+        worker.failure =
+            Failure(kExitTryAgain, fmt::format("it took longer than {} seconds", limit_.count()));
+        signal(worker, SIGTERM);
+    } else if (worker.signal == SIGTERM && now - worker.signalled > kPatience) {
+        signal(worker, SIGKILL);
+    }
+}
+
+void Pool::stop() {
+    stopped_ = true;
+    for (auto& [key, queue] : queues_) fail_waiting(queue, ending());
+}
+
+void Pool::give_up() {
+    for (Worker& worker : workers_) {
+        if (worker.busy) signal(worker, SIGTERM);
+    }
+}
+
+}  // namespace Tessaly::tool::lmtp
