@@ -36,6 +36,14 @@ void take_errors_instead_of_signals() {
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
+// Ends as other programs do whose reader has gone, as "| head" goes: by the signal, without a word.
+int end_without_reader(int code) {
+    if (code != kExitOk) return code;
+    std::signal(SIGPIPE, SIG_DFL);
+    std::raise(SIGPIPE);
+    return kExitIo;  // the signal is blocked
+}
+
 int run_verb(int argc, const char* const* argv, Session& session) {
     int code = kExitOk;
     if (read_command_line(argc, argv, session)) {
@@ -43,6 +51,7 @@ int run_verb(int argc, const char* const* argv, Session& session) {
         code = session.verb();
     }
     if (session.out.finish()) return code;
+    if (errno == EPIPE) return end_without_reader(code);
     session.error("standard output: " + error_text(errno));
     return code == kExitOk ? kExitIo : code;
 }

@@ -169,6 +169,13 @@ class LostTest(ExportCase):
         self.assertTrue(os.path.exists(os.fsencode(OUT) + b"/bad\xff.mbox"))
         shutil.rmtree(OUT)
 
+    def test_a_file_of_holes(self):
+        path = self.put("Inbox", "1.x", b"x\n")
+        os.truncate(path, 1 << 40)
+        self.own()
+        self.fail_with(65, "export", ANN, OUT, saying="/1.x: left out .a file of holes")
+        self.assertEqual(os.listdir(f"{OUT}/cur"), [])
+
     def test_what_is_not_a_message(self):
         self.put("Inbox", "1.x", b"x\n")
         self.own()

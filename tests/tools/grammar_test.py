@@ -3,6 +3,7 @@
 import os
 import pty
 import re
+import signal
 import subprocess
 import unittest
 
@@ -128,8 +129,17 @@ class StreamsTest(SpoolCase):
         reader, writer = os.pipe()
         os.close(reader)
         done = tsmail("paths", "a@site.test", stdout=writer)
+        self.assertEqual((done.code, done.err), (-signal.SIGPIPE, ""))
         os.close(writer)
-        self.assertEqual(done.code, 74, done)
+
+    def test_a_reader_that_goes_early(self):
+        """The work is done nevertheless."""
+        self.succeed("create", "a@site.test")
+        done = run(["bash", "-c", f'"{TSMAIL}" list add a@site.test whitelist x{{1..900}} | head -1; echo "${{PIPESTATUS[0]}}"'])
+        self.assertEqual((done.lines[0], done.err), ("added x1", ""))
+        self.assertIn(done.lines[1], ("0", str(128 + signal.SIGPIPE)))
+        with open("/var/spool/home/site.test/a~site.test/pref/a~site.test.whitelist", "rb") as file:
+            self.assertEqual(file.read().count(b"\n"), 900)
 
     def test_closed_streams_do_no_harm(self):
         self.succeed("create", "a@site.test")

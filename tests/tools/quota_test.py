@@ -1,5 +1,7 @@
 """quota: flags, kept totals, notices, the archive share."""
 
+import email
+import email.policy
 import os
 import time
 import unittest
@@ -148,13 +150,40 @@ class NotifyTest(QuotaCase):
 
     def test_the_mail(self):
         done = self.notify("--from", "Post <pm@site.test>", "--body-file", "-",
-                           stdin=b"Dear Ann,\n\n..\nit is \xc3\xbcber.\n")
+                           stdin=b"Dear Ann,\n\n..\nit is over.\n")
         self.assertEqual((done.code, done.objects), (0, [{"address": ANN, "sent": True}]), done)
         self.assertEqual(content("/tmp/sent.args"), b"-Am -bm -t\n")
         self.assertEqual(self.sent(),
                          b"From:Post <pm@site.test>\nTo:ann@site.test\nSubject:Full\n"
                          b"X-Tessaly-Quota: 1\nPrecedence: bulk\n\n"
-                         b"Dear Ann,\n\n..\nit is \xc3\xbcber.\n.\n")
+                         b"Dear Ann,\n\n..\nit is over.\n.\n")
+
+    def test_texts_beyond_ascii(self):
+        """As an independent reader of mail sees them."""
+        rows = [("Postfach fast voll", "x\n"), ("Postfach f\u00fcr Ann", "x\n"), ("Full", "it is \u00fcber.\n"),
+                ("\u65e5\u672c\u8a9e \U0001f600 " * 30, "\u00e9\n"), ("\u00fc" * 39 + "x", ""), ("=?UTF-8?B?eA==?=\u00e9", "")]
+        for subject, body in rows:
+            with self.subTest(subject=subject):
+                self.install(0)
+                done = tsmail("--json", "quota", "notify", ANN, "--subject", subject, "--from", "P\u00f6st Amt <pm@site.test>",
+                              "--body-file", "-", "--force", stdin=body.encode())
+                self.assertEqual(done.code, 0, done)
+                sent = self.sent()
+                head = sent.split(b"\n\n")[0]
+                self.assertTrue(head.isascii())
+                self.assertLessEqual(max(map(len, head.split(b"\n"))), 78)
+                message = email.message_from_bytes(sent, policy=email.policy.default)
+                self.assertEqual(message["Subject"], subject)
+                self.assertEqual(message["From"], "P\u00f6st Amt <pm@site.test>")
+                self.assertEqual((message["MIME-Version"], message["X-Tessaly-Quota"]), ("1.0", "1"))
+                self.assertEqual(message.get_content(), body.rstrip("\n") + "\n.\n")
+                self.assertEqual(message["Content-Transfer-Encoding"], "7bit" if body.isascii() else "8bit")
+
+    def test_texts_that_are_not_utf8(self):
+        for words in (["--subject", b"\xff"], ["--subject", "x", "--from", b"\xff <a@b.test>"]):
+            self.fail_with(65, "quota", "notify", ANN, *words, saying="not UTF-8")
+        self.assertEqual(self.notify("--body-file", "-", stdin=b"\xff\n").code, 0)
+        self.assertIn(b"charset=unknown-8bit", self.sent())
 
     def test_defaults(self):
         write(CONFIG, 'postmaster = "pm@site.test"\n')

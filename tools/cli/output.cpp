@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 #include <unistd.h>
-#include <utf8proc.h>
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
@@ -26,19 +25,6 @@ bool wants_colour(int fd) {
     const char* term = std::getenv("TERM");
     return (no_color == nullptr || *no_color == '\0') && term != nullptr &&
            std::strcmp(term, "dumb") != 0 && ::isatty(fd) == 1;
-}
-
-bool is_utf8(const std::string& text) {
-    const auto* rest = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
-    auto left = static_cast<utf8proc_ssize_t>(text.size());
-    while (left > 0) {
-        utf8proc_int32_t character = 0;
-        const utf8proc_ssize_t n = utf8proc_iterate(rest, left, &character);
-        if (n <= 0) return false;
-        rest += n;
-        left -= n;
-    }
-    return true;
 }
 
 std::string hex_of(const std::string& bytes) {

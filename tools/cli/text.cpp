@@ -104,6 +104,15 @@ std::string messages_text(std::uint64_t number) {
     return fmt::format("{} message{}", number, number == 1 ? "" : "s");
 }
 
+bool is_utf8(std::string_view text) {
+    while (!text.empty()) {
+        const Character c = first_of(text);
+        if (!c.valid) return false;
+        text.remove_prefix(c.length);
+    }
+    return true;
+}
+
 bool has_control_character(std::string_view text) {
     return std::any_of(text.begin(), text.end(), [](char c) {
         const auto byte = static_cast<unsigned char>(c);

@@ -23,6 +23,9 @@ std::string size_text(std::uint64_t bytes);
 // "1 message", "2 messages".
 std::string messages_text(std::uint64_t number);
 
+// Whether the text is UTF-8.
+bool is_utf8(std::string_view text);
+
 // Whether the text holds an ASCII control character, NUL included.
 bool has_control_character(std::string_view text);
 

@@ -14,6 +14,7 @@
 #include "tools/cli/text.h"
 #include "tools/work/folder.h"
 #include "tools/work/folder_list.h"
+#include "tools/work/holes.h"
 #include "tools/work/message_name.h"
 #include "tools/work/transfer_names.h"
 
@@ -151,6 +152,10 @@ class Export {
             return true;
         }
         if (!S_ISREG(st.st_mode)) return true;  // not a message
+        if (is_mostly_holes(st)) {
+            report_.error(Failure(kExitData, printable(shown) + ": left out (a file of holes)"));
+            return true;
+        }
         put({{"kind", item::kMessage},
              {"folder", folder},
              {"name", message.name},

@@ -16,6 +16,7 @@
 #include "tools/cli/text.h"
 #include "tools/work/folder.h"
 #include "tools/work/folder_list.h"
+#include "tools/work/holes.h"
 #include "tools/work/import_group.h"
 #include "tools/work/import_name.h"
 #include "tools/work/mbox.h"
@@ -196,6 +197,7 @@ class Import {
     void take_message(const Item& item) {
         struct stat st;
         if (::fstat(item.file.get(), &st) != 0) return leave_out(item, error_text(errno));
+        if (is_mostly_holes(st)) return leave_out(item, "a file of holes");
         Reading reading = begin();
         buffer_.resize(kBuffer);
         for (;;) {

@@ -15,6 +15,7 @@
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
+#include "tools/work/encoded_word.h"
 
 namespace Tessaly::tool {
 
@@ -69,7 +70,22 @@ Failure not_written(const string& path) {
     return {kExitIo, printable(path) + " could not be written"};
 }
 
+// The library writes what it is given into the header, so the further lines go with the subject.
+string subject_lines(const Notice& notice) {
+    const bool plain_body = is_ascii(notice.body);
+    const bool plain = plain_body && is_ascii(notice.subject + notice.from.value_or(""));
+    if (plain) return notice.subject;
+    return encoded_words(notice.subject) +
+           "\nMIME-Version: 1.0\nContent-Type: text/plain; charset=" +
+           (is_utf8(notice.body) ? "UTF-8" : "unknown-8bit") +
+           "\nContent-Transfer-Encoding: " + (plain_body ? "7bit" : "8bit");
+}
+
 void check_header(std::string_view name, std::string_view text) {
+    if (!is_utf8(text)) {
+        throw Failure(kExitData,
+                      string(name) + " \"" + printable(text) + "\" is refused: it is not UTF-8");
+    }
     if (!has_control_character(text)) return;
     throw Failure(kExitData, string(name) + " \"" + printable(text) +
                                  "\" is refused: a line break or other control character in it");
@@ -202,9 +218,10 @@ void send_notice(const Notice& notice) {
     // The submission program must not inherit ignored signals. An ignored SIGCHLD would also hide
     // its exit code from this process.
     for (const int signal : {SIGCHLD, SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_DFL);
-    const int status =
-        tsl_send_quota_msg(notice.from ? notice.from->c_str() : nullptr, notice.to.c_str(),
-                           notice.subject.c_str(), notice.body.c_str());
+    const string from = encoded_address(notice.from.value_or(""));
+    const string subject = subject_lines(notice);
+    const int status = tsl_send_quota_msg(notice.from ? from.c_str() : nullptr, notice.to.c_str(),
+                                          subject.c_str(), notice.body.c_str());
     if (status != 0) throw submission_failure(status);
 }
 
