@@ -30,7 +30,7 @@ VERBS = (
     ("usage", "--total"), ("metrics",), ("doctor", "--spool"), ("doctor", ANN), ("doctor", ANN, "--repair"),
     ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", "ann+Tag@site.test", "--new-folders"),
     ("deliver", ANN, "--defer-exceeded"), ("deliver", ANN, "--folder", "Work", "--create"),
-    ("lmtp",),
+    ("lmtp",), ("policy",),
     ("pref", "show", ANN), ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),
     ("list", "names", ANN), ("list", "show", ANN, "whitelist"), ("list", "export", ANN, "whitelist"), ("list", "add", ANN, "whitelist", "x@y"),
     ("list", "remove", ANN, "whitelist", "a@b"), ("list", "replace", ANN, "whitelist", "1", "c@d"),
@@ -49,9 +49,10 @@ VERBS = (
 )
 if SANITIZED:  # the sanitizer makes each run ten times as long
     VERBS = VERBS[::3]
-# What comes over the connection of the resident service.
-LMTP = (b"LHLO c\r\nMAIL FROM:<s@x>\r\nRCPT TO:<ann@site.test>\r\nRCPT TO:<ann+Work@site.test>\r\n"
-        b"DATA\r\nSubject: x\r\n\r\nx\r\n.\r\nQUIT\r\n")
+# What comes over the connection of a resident service.
+SERVED = {"policy": b"recipient=ann@site.test\n\n", "lmtp": (
+    b"LHLO c\r\nMAIL FROM:<s@x>\r\nRCPT TO:<ann@site.test>\r\nRCPT TO:<ann+Work@site.test>\r\n"
+    b"DATA\r\nSubject: x\r\n\r\nx\r\n.\r\nQUIT\r\n")}
 CODES = (0, 1, 65, 66, 67, 73, 74, 75)
 OLD = f".deleted.{time.strftime('%Y%m%d', time.gmtime())}.Old.1"
 # The names that the store knows, below the home.
@@ -152,7 +153,7 @@ class VerbsCase(SpoolCase):
     def survive(self, words, seconds=20):
         shutil.rmtree("/tmp/exported", ignore_errors=True)
         before, begun = self.outside(words), time.monotonic()
-        done = tsmail("--timeout", "2", *words, stdin=LMTP if words[0] == "lmtp" else b"Subject: x\n\nx\n")
+        done = tsmail("--timeout", "2", *words, stdin=SERVED.get(words[0], b"Subject: x\n\nx\n"))
         self.assertIn(done.code, CODES, (words, done))
         self.assertLess(time.monotonic() - begun, seconds, words)
         self.assertEqual(self.outside(words), before, (words, done))

@@ -61,6 +61,7 @@ class FieldsTest(SpoolCase):
             "export": [["export", ANN, "/tmp/exported"]],
             "import": [["import", ANN, "/tmp/mbox", "--folder", "Imported"]],
             "lmtp": [["lmtp", "--listen", "nowhere"]],  # it shows nothing
+            "policy": [["policy", "--listen", "nowhere"]],
             "size": [["size", ANN]],
             "recount": [["recount", ANN]],
             "tag": [["tag", ANN]],
@@ -103,7 +104,7 @@ class FieldsTest(SpoolCase):
         }
 
     # The last command lines of these verbs report a fault, with these exit codes.
-    CODES = {"config check": 65, "deliver": 66, "doctor": 1, "lmtp": 64}
+    CODES = {"config check": 65, "deliver": 66, "doctor": 1, "lmtp": 64, "policy": 64}
 
     # These show preferences: their fields are the preferences' names.
     PREFERENCES = {"pref show", "pref get"}

@@ -11,6 +11,7 @@ void add_paths_verb(const VerbGroup& top);
 void add_mailbox_verbs(const VerbGroup& top);
 void add_deliver_verb(const VerbGroup& top);
 void add_lmtp_verb(const VerbGroup& top);
+void add_policy_verb(const VerbGroup& top);
 void add_size_verb(const VerbGroup& top);
 void add_recount_verb(const VerbGroup& top);
 void add_tag_verb(const VerbGroup& top);
@@ -38,6 +39,7 @@ constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
     add_mailbox_verbs,
     add_deliver_verb,
     add_lmtp_verb,
+    add_policy_verb,
     add_size_verb,
     add_recount_verb,
     add_tag_verb,
