@@ -68,7 +68,7 @@ show_mailboxes() {
     step "Two people get mailboxes"
     tsmail_shown create ann@site.test
     expect "Ann has the system folders" test -d "$spool/ann~site.test/mail/Inbox/cur"
-    tsmail_shown create bert@site.test Projects/Shelves
+    tsmail_shown create bert@site.test --folder Projects/Shelves
     expect "a folder within a folder is one, too" test -d "$spool/bert~site.test/mail/Projects/cur"
     tsmail_shown paths ann+Work@site.test --kind maildrop
     expect "ann+Work has the folder Work, once there is one" says '/ann~site.test/mail/Work$'

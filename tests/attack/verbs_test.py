@@ -25,7 +25,7 @@ TEMPLATE = "/tmp/template"
 
 # Each verb ends with an exit code of sysexits, or with 1 for the answer no.
 VERBS = (
-    ("create", ANN), ("create", ANN, "Extra/Sub"), ("folders", ANN), ("messages", ANN, "Inbox"), ("size", ANN),
+    ("create", ANN), ("create", ANN, "--folder", "Extra/Sub"), ("folders", ANN), ("messages", ANN, "Inbox"), ("size", ANN),
     ("recount", ANN), ("tag", ANN), ("usage",), ("usage", "--verify"),
     ("usage", "--total"), ("metrics",), ("doctor", "--spool"), ("doctor", ANN), ("doctor", ANN, "--repair"),
     ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", "ann+Tag@site.test", "--new-folders"),
@@ -45,7 +45,8 @@ VERBS = (
     ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"),
     ("expire", "--all", "--folder", "Inbox", "--folder", "Work", "--older", "30d", "--dry-run"),
     ("mailbox", "remove", ANN, "--dry-run"), ("mailbox", "remove", ANN, "--yes"),
-    ("mailbox", "remove", ANN, "--yes", "--now"),
+    ("mailbox", "remove", ANN, "--yes", "--now"), ("mailbox", "rename", ANN, "away@site.test"),
+    ("mailbox", "rename", ANN, "away@site.test", "--dry-run"), ("create", ANN, "--dry-run"),
 )
 if SANITIZED:  # the sanitizer makes each run ten times as long
     VERBS = VERBS[::3]
@@ -108,10 +109,10 @@ class VerbsCase(SpoolCase):
 
     def make(self):
         for user, owner in USERS.items():
-            self.succeed("create", user, "Work", "--owner", f"{owner}:{owner}")
+            self.succeed("create", user, "--folder", "Work", "--owner", f"{owner}:{owner}")
             write(mail(user) + "/Inbox/new/a", b"x" * 10)
             for folder in ("Old/Sub", "Old"):
-                self.succeed("create", user, "--owner", f"{owner}:{owner}", *([folder] if folder == "Old/Sub" else []))
+                self.succeed("create", user, "--owner", f"{owner}:{owner}", "--folder", "Old/Sub")
                 self.succeed("rm", user, folder)
             write(f"{home(user)}/pref/{os.path.basename(home(user))}.whitelist", b"a@b\nc@d\n")
         write(home(BERT) + "/pref/bert~site.test.secondaryaddr", b"ann@site.test\n" + BERTS)
@@ -144,7 +145,8 @@ class VerbsCase(SpoolCase):
         hidden = [f"{domain}/{name}" for name in os.listdir(domain) if name.startswith(".deleted.")]
         seen = everything("/var/spool", without=(home(), *hidden))
         seen = {path: what for path, what in seen.items() if path not in hidden}
-        if words[:2] == ("mailbox", "remove"):
+        seen = {path: what for path, what in seen.items() if not path.startswith(f"{domain}/away~")}
+        if words[0] == "mailbox":
             del seen[home(BERT) + "/pref/bert~site.test.secondaryaddr"]
         seen = {path: what for path, what in seen.items()
                 if not (words[0] in ("usage", "metrics") or "--all" in words) or home(BERT) not in path}
@@ -504,11 +506,12 @@ libc = ctypes.CDLL(None)
 while True:
     libc.renameat2(-100, sys.argv[1].encode(), -100, sys.argv[2].encode(), 2)
 """
-    CHANGING = (("recount", ANN), ("deliver", ANN), ("create", ANN, "Extra"), ("doctor", ANN, "--repair"),
+    CHANGING = (("recount", ANN), ("deliver", ANN), ("create", ANN, "--folder", "Extra"), ("doctor", ANN, "--repair"),
                 ("rm", ANN, "Work", "--now"), ("message", "rm", ANN, "Inbox", "a"), ("tag", ANN),
                 ("pref", "set", ANN, "npage=30"), ("list", "add", ANN, "whitelist", "x@y"),
                 ("quota", "set", ANN, "warning"), ("restore", ANN, "Old"), ("sweep", ANN),
-                ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"), ("mailbox", "remove", ANN, "--yes"))
+                ("expire", ANN, "--folder", "Inbox", "--older", "0s", "--by", "received"),
+                ("mailbox", "rename", ANN, "away@site.test"), ("mailbox", "remove", ANN, "--yes"))
 
     def exchanged(self, name, target, words):
         self.restore()
@@ -712,7 +715,7 @@ class DomainTest(VerbsCase):
         for owner in (0, MAILMAN):
             self.restore()
             self.linked("/var/spool/elsewhere", owner)
-            for words in (("recount", ANN), ("deliver", ANN), ("create", ANN, "Extra"), ("size", ANN)):
+            for words in (("recount", ANN), ("deliver", ANN), ("create", ANN, "--folder", "Extra"), ("size", ANN)):
                 self.assertEqual(tsmail(*words, stdin=b"x").code, 0, words)
 
     def test_a_link_to_roots_directory(self):

@@ -53,7 +53,7 @@ NOTHING = [f"tsmail folders {ANN} x", f"tsmail messages {ANN} Nowhe", "tsmail ch
 
 def prepare():
     """A spool with everything that can be completed."""
-    for words in (["create", ANN, "Old mail", "Work"], ["create", "bert@other.test"],
+    for words in (["create", ANN, "--folder", "Old mail", "--folder", "Work"], ["create", "bert@other.test"],
                   ["list", "add", ANN, "whitelist", "x@site.test"], ["list", "add", ANN, "mylist", "x@site.test", "--any-name"]):
         subprocess.run([TSMAIL, "-q", *words], check=True)
     home = "/var/spool/home/site.test/ann~site.test"

@@ -201,7 +201,7 @@ class ExamplesTest(unittest.TestCase):
     """The examples on the page of every verb run as they are."""
 
     PREPARED = """
-        tsmail -q create ann@site.test Work; tsmail -q create bert@site.test
+        tsmail -q create ann@site.test --folder Work; tsmail -q create bert@site.test
         printf 'Subject: x\\n\\nx\\n' >message.eml
         tsmail -q deliver ann@site.test message.eml message.eml; tsmail -q deliver ann+Work@site.test message.eml
         tsmail -q list add ann@site.test whitelist bert@site.test cleo@site.test

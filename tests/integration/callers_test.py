@@ -39,7 +39,7 @@ class CallersTest(SpoolCase):
         for name, (words, text) in callers.items():
             with self.subTest(name):
                 address = f"{name}@site.test"
-                self.succeed("create", address, "Work")
+                self.succeed("create", address, "--folder", "Work")
                 done = subprocess.run(words, input=text, stdout=subprocess.DEVNULL,
                                       env=environment(LD_LIBRARY_PATH=libraries))
                 self.assertEqual(done.returncode, 0)

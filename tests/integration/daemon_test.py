@@ -80,7 +80,7 @@ def remove_and_refile(seed):
 class StormTest(SpoolCase):
     def test_its_totals_are_those_of_a_recount(self):
         for address in ADDRESSES:
-            self.succeed("create", address, *FOLDERS)
+            self.succeed("create", address, *[f"--folder={name}" for name in FOLDERS])
         seed = random.randrange(1 << 30)
         with Daemon() as daemon, self.subTest(seed=seed):
             workers = [Process(target=work, args=(seed + n,))

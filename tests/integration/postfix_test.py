@@ -70,7 +70,7 @@ class PostfixCase(SpoolCase):
         done = postfix("start")
         self.assertEqual(done.returncode, 0, done.stdout.decode())
         for user in ("ann", "bob"):
-            self.succeed("create", f"{user}@site.test", "Work", **neighbours.as_vmail())
+            self.succeed("create", f"{user}@site.test", "--folder", "Work", **neighbours.as_vmail())
 
         self.prepare()
 

@@ -142,7 +142,7 @@ class CommandsTest(SpoolCase):
 
     def mailbox_of_nobody(self):
         address = "ann@site.test"
-        self.succeed("create", address, "Work")
+        self.succeed("create", address, "--folder", "Work")
         self.succeed("deliver", address, stdin=b"x" * 100)
         own_by_nobody("/var/spool/home/site.test/ann~site.test")
         os.chmod("/var/spool/home/site.test/ann~site.test", 0o700)

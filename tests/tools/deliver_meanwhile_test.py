@@ -23,7 +23,7 @@ BODY = b"Subject: x\n\nbody\n"
 class FolderCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
         # Makes the tool believe that it cannot name an unnamed file.
         _, calls = traced([], [TSMAIL, "deliver", ANN], stdin=BODY)
         [probe] = [n for name, n, line in numbered(calls)
@@ -31,7 +31,7 @@ class FolderCase(SpoolCase):
         shutil.rmtree(mail(ANN))
         self.named = ["strace", "-f", "-qq", "-o", "/dev/null",
                       "-e", f"inject=access:error=ENOENT:when={probe}", "--"]
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
 
     def begin_delivery(self, folder, *words, prefix=()):
         process = subprocess.Popen([*prefix, TSMAIL, "deliver", ANN, "--folder", folder, *words],
@@ -228,7 +228,7 @@ class NotifyTest(SpoolCase):
         self.assert_counted(ANN)
 
     def test_removals_hold_no_lock_either(self):
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         self.succeed("deliver", ANN, "--folder", "Work", stdin=b"x")
         path = self.succeed("deliver", ANN, stdin=b"x").lines[0]
         with open(mail(ANN) + "/Sent/new/by-hand", "wb") as file:

@@ -34,7 +34,7 @@ class TagTest(RulesCase):
         self.assertEqual(self.folders(), sorted(SYSTEM_FOLDERS))
 
     def test_a_folder_that_exists_is_used(self):
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         self.assert_in("Work", "ann+Work@site.test")
         self.assert_in("Inbox", "ann+work@site.test")  # another name
 

@@ -19,7 +19,7 @@ ANN = "ann@site.test"
 
 class CreateTest(SpoolCase):
     def test_roots_and_system_folders(self):
-        done = self.succeed("create", "Ann+Tag@Site.Test")
+        done = self.succeed("create", "Ann@Site.Test")
         top = mail(ANN)
         self.assertEqual(sorted(os.listdir(top)), sorted(SYSTEM_FOLDERS))
         for folder in SYSTEM_FOLDERS:
@@ -31,26 +31,27 @@ class CreateTest(SpoolCase):
         for umask, folder in ((0o022, 0o755), (0o077, 0o700), (0o000, 0o777)):
             with self.subTest(umask=oct(umask)):
                 address = f"u{umask}@site.test"
-                self.succeed("create", address, "Work", preexec_fn=lambda m=umask: os.umask(m))
+                self.succeed("create", address, "--folder", "Work", preexec_fn=lambda m=umask: os.umask(m))
                 top = mail(address)
                 self.assertEqual((mode(top), mode(top + "/../pref")), (0o700, 0o700))
                 self.assertEqual((mode(top + "/Work"), mode(top + "/Work/tmp")), (folder, folder))
 
     def test_named_folders_with_every_level(self):
-        self.succeed("create", ANN, "Work/2024/May", "A b")
+        self.succeed("create", ANN, "--folder", "Work/2024/May", "--folder", "A b")
         for folder in ("Work", "Work/2024", "Work/2024/May", "A b"):
             for part in ("cur", "new", "tmp"):
                 self.assertTrue(os.path.isdir(f"{mail(ANN)}/{folder}/{part}"), folder)
 
     def test_what_exists_stays(self):
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         before = snapshot("/var/spool")
-        done = self.succeed("create", ANN, "Work")
+        done = self.succeed("create", ANN, "--folder", "Work")
         self.assertEqual(snapshot("/var/spool"), before)
         self.assertTrue(all(line.startswith("existed ") for line in done.lines))
         os.rmdir(mail(ANN) + "/Work/tmp")
-        shown = self.succeed("--json", "create", ANN, "Work").objects
-        self.assertEqual(shown[-1], {"name": "Work", "path": mail(ANN) + "/Work", "created": True})
+        shown = self.succeed("--json", "create", ANN, "--folder", "Work").objects
+        self.assertEqual(shown[-1], {"address": ANN, "name": "Work", "path": mail(ANN) + "/Work", "created": True,
+                                     "done": True})
         self.assertEqual(snapshot("/var/spool"), before)
 
     def test_refused_names(self):
@@ -59,7 +60,7 @@ class CreateTest(SpoolCase):
                  "a\x1bb", "x" * 256, "/".join(["y" * 200] * 12)]
         for name in names:
             with self.subTest(name=name):
-                self.fail_with(65, "create", ANN, "Good", name, saying="folder name")
+                self.fail_with(65, "create", ANN, "--folder", "Good", "--folder", name, saying="folder name")
                 self.assertEqual(os.listdir("/var/spool"), [])
                 self.fail_with(65, "deliver", ANN, "--create", "--folder", name,
                                saying="folder name")
@@ -156,7 +157,7 @@ class DeliverTest(SpoolCase):
         for words in (["ann+Work@site.test"], [ANN, "--folder", "Work"]):
             [path] = self.succeed("deliver", "--no-new-folder", *words, stdin=b"x").lines
             self.assertTrue(path.startswith(mail(ANN) + "/Inbox/new/"), path)
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         [path] = self.succeed("deliver", "--no-new-folder", ANN, "--folder", "Work", stdin=b"x").lines
         self.assertTrue(path.startswith(mail(ANN) + "/Work/new/"), path)
 
@@ -423,7 +424,7 @@ class OwnerTest(SpoolCase):
         for path in (done.out.strip(), mail(ANN) + "/Work", mail(ANN) + "/Work/tmp",
                      mail(ANN) + "/.maildirsize", mail(ANN) + "/Work/.ts_folder_size"):
             self.assertEqual(self.owners(path), (self.USER, self.USER), path)
-        self.succeed("create", ANN, "More")
+        self.succeed("create", ANN, "--folder", "More")
         self.assertEqual(self.owners(mail(ANN) + "/More/new"), (self.USER, self.USER))
 
     def test_a_link_leads_nowhere_that_the_owner_may_not_go(self):

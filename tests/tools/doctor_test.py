@@ -48,7 +48,7 @@ def inodes_in(folder):
 class DoctorCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
         self.succeed("create", BERT)
         self.succeed("deliver", ANN, stdin=b"x" * 100)
         self.succeed("deliver", "ann+Work@site.test", stdin=b"y" * 20)

@@ -16,7 +16,7 @@ DAY = 86400
 class ExpireCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Trash/Sub")
+        self.succeed("create", ANN, "--folder", "Trash/Sub")
 
     def put(self, age, flags=None, folder="Trash", size=10, address=ANN, number=[0]):
         """A message whose name says that it came `age` seconds ago, or any name as it stands."""
@@ -116,7 +116,7 @@ class ChoiceTest(ExpireCase):
 
     def test_all_mailboxes(self):
         self.succeed("create", BERT)
-        self.succeed("create", CARL, "Extra")
+        self.succeed("create", CARL, "--folder", "Extra")
         for address in (ANN, BERT, CARL):
             self.put(40 * DAY, address=address)
         self.put(40 * DAY, folder="Extra", address=CARL)

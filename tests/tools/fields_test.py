@@ -38,7 +38,7 @@ class FieldsTest(SpoolCase):
     """The command lines for each verb: together they show every field."""
 
     def prepared(self):
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         self.succeed("deliver", ANN, stdin=b"Subject: x\n\nx\n")
         with open("/tmp/broken.toml", "w", encoding="utf-8") as file:
             file.write("timezone = \n")
@@ -100,6 +100,8 @@ class FieldsTest(SpoolCase):
             "sweep": [["rm", ANN, "Work"], ["sweep", ANN]],
             "mailbox remove": [["mailbox", "remove", ANN, "--yes"]],
             "mailbox restore": [["mailbox", "restore", ANN]],
+            "mailbox rename": [["mailbox", "rename", ANN, "eve@site.test"]],
+            "domain rename": [["domain", "rename", "site.test", "new.test"]],
             "help": [["help", "deliver"]],
         }
 

@@ -12,7 +12,7 @@ ANN = "ann@site.test"
 class FoldersTest(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
 
     def put(self, place, size=0):
         with open(f"{mail(ANN)}/{place}", "wb") as file:
@@ -23,7 +23,7 @@ class FoldersTest(SpoolCase):
                 for row in self.succeed("--json", "folders", ANN).objects}
 
     def test_tree_in_order(self):
-        rows = self.succeed("--json", "folders", "ann+tag@site.test").objects
+        rows = self.succeed("--json", "folders", "ann@site.test").objects
         self.assertEqual([row["folder"] for row in rows],
                          sorted(SYSTEM_FOLDERS) + ["Work", "Work/2024"])
         self.assertEqual(rows[-1]["path"], mail(ANN) + "/Work/2024")

@@ -59,12 +59,12 @@ class GrammarTest(SpoolCase):
         self.assertEqual(self.succeed("-q", "paths", "a@site.test").out, "")
 
     def test_words_in_brackets_are_one_word(self):
-        self.succeed("create", "a@site.test", "[b,c]", "[d]")
+        self.succeed("create", "a@site.test", "--folder", "[b,c]", "--folder", "[d]")
         self.assertEqual({"[b,c]", "[d]"} - set(os.listdir("/var/spool/home/site.test/a~site.test/mail")),
                          set())
 
     def test_verb_names_are_plain_words_behind_a_verb(self):
-        self.succeed("create", "a@site.test", "paths", "create", "folders")
+        self.succeed("create", "a@site.test", "--folder", "paths", "--folder", "create")
 
     def test_no_arguments_at_all(self):
         done = run(["bash", "-c", 'exec -a "" "$0"', TSMAIL])

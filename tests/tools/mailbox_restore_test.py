@@ -78,7 +78,7 @@ class RestoreTest(HiddenCase):
         self.succeed("-q", "create", ANN)
         before = snapshot("/var/spool")
         for words in ((), ("--dry-run",)):
-            self.fail_with(73, "mailbox", "restore", ANN, *words, saying="this home is there")
+            self.fail_with(73, "mailbox", "restore", ANN, *words, saying="this name is taken")
         self.assertEqual(snapshot("/var/spool"), before)
         self.succeed("-q", "deliver", ANN, stdin=b"young")
         time.sleep(0.05)

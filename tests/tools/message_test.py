@@ -17,7 +17,7 @@ ANN = "ann@site.test"
 class MessageCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work", "Work/2024", "Old")
+        self.succeed("create", ANN, "--folder", "Work", "--folder", "Work/2024", "--folder", "Old")
 
     def deliver(self, *sizes, folder="Inbox"):
         """The names of new messages."""
@@ -231,7 +231,7 @@ class KilledCase(MessageCase):
 
     def prepare(self):
         SpoolCase.setUp(self)
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         self.files = {name: b"x" * size for size, name in
                       zip((10, 20, 30), self.deliver(10, 20, 30))}
 

@@ -24,7 +24,7 @@ class NetworkTest(SpoolCase):
     def setUp(self):
         super().setUp()
         self.assertTrue(os.path.exists(PRELOADED))
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
 
     def lock_files(self, folder):
         return sorted(set(os.listdir(f"{mail(ANN)}/{folder}")) & set(FILES))

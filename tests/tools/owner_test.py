@@ -18,7 +18,7 @@ class OwnerTest(SpoolCase):
         os.makedirs(f"{HOME}/site.test")
         for path in (HOME, f"{HOME}/site.test"):
             os.chown(path, NOBODY, NOBODY)
-        self.succeed("create", ANN, "Work", **as_nobody())
+        self.succeed("create", ANN, "--folder", "Work", **as_nobody())
         os.umask(0)
         self.addCleanup(os.umask, 0o022)
 
@@ -45,7 +45,7 @@ class OwnerTest(SpoolCase):
         with open("/tmp/entries", "wb") as file:
             file.write(b"*@spam.test\n*@more.test\n")
         for words in (
-                ("deliver", ANN), ("deliver", "ann+Tag@site.test", "--new-folders"), ("create", ANN, "Another"),
+                ("deliver", ANN), ("deliver", "ann+Tag@site.test", "--new-folders"), ("create", ANN, "--folder", "Another"),
                 ("tag", ANN), ("recount", ANN), ("recount", "--all"),
                 ("pref", "set", ANN, "npage=30"), ("pref", "reset", ANN),
                 ("list", "add", ANN, "whitelist", "bob@site.test"),

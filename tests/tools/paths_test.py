@@ -88,14 +88,16 @@ class AddressTest(SpoolCase):
         ("..", "no domain"), ("", "before the domain"), ("@site.test", "before the domain"),
         ("+tag@site.test", "before the domain"), ("~site.test", "before the domain"),
         ("ann", "no domain"), ("ann@", "no domain"), ("site.test", "no domain"),
+        ("a@x,b@x", "comma"), ("a,b@site.test", "comma"), ("ann lee@site.test", "blank"), ("ann@site.test ", "blank"),
+        ("<ann@site.test>", "bracket"), ("ann(x)@site.test", "bracket"), ("ann@[127.0.0.1]", "bracket"),
+        ("a@b@site.test", "more than one"), ("@@", "more than one"), (".deleted.x@site.test", "removed mailboxes"),
         ("ann\n@site.test", "control"), ("ann@site.test\r", "control"),
         ("ann\x1b[31m@site.test", "control"), ("ann\x7f@site.test", "control"),
         ("a" * 300 + "@site.test", "too long"), ("ann@" + "d" * 300, "too long"),
         ("a" * 220 + "@site.test", "too long"),
     ]
     TAKEN = ["a" * 213 + "@site.test", "Ann@SITE.TEST", "ann~site.test", "a~b@site.test",
-             "ann+tag@site.test", "ann@site.test+x", "ünï@bücher.example", "...@site.test",
-             "a@b@site.test", "ann lee@site.test", "-@site.test"]
+             "ann@site.test+x", "ünï@bücher.example", "...@site.test", "-@site.test", "a&b'c=d{e}@site.test"]
 
     def test_refused_before_anything_is_touched(self):
         for address, reason in self.REFUSED:
@@ -110,6 +112,15 @@ class AddressTest(SpoolCase):
             with self.subTest(address):
                 self.succeed("paths", "--", address)
                 self.succeed("create", "--", address)
+
+    def test_tags_are_for_deliveries(self):
+        for address in ("ann+tag@site.test", "ann+@site.test", "ann+a+b~site.test"):
+            for verb in (["create"], ["folders"], ["recount"], ["sweep"], ["pref", "show"], ["mailbox", "remove"],
+                         ["mailbox", "restore"], ["expire", "--folder", "Trash", "--older", "1d"]):
+                with self.subTest(address=address, verb=verb):
+                    self.fail_with(65, *verb, "--", address, saying="give ann@site.test")
+            self.succeed("paths", "--", address)
+        self.assertEqual(os.listdir("/var/spool"), [])
 
     def test_bytes_that_are_no_text(self):
         done = self.succeed("paths", b"\xff\xfe@site.test", "--kind", "homepath")

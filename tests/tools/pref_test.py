@@ -49,7 +49,7 @@ class PrefTest(SpoolCase):
         self.assertEqual(self.shown()["timezone"], 33)
 
     def test_set_several_and_get(self):
-        self.succeed("pref", "set", "ann+tag@site.test", "npage=50", "uname=Ann = Lee", "lang=",
+        self.succeed("pref", "set", "ann@site.test", "npage=50", "uname=Ann = Lee", "lang=",
                      "autoreply=1", "dspam=0", "web_idle_timeout=65535", "theme=-2147483648")
         self.assertEqual(self.shown(), {
             **DEFAULTS, "npage": 50, "uname": "Ann = Lee", "lang": "", "autoreply": True,

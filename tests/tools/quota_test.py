@@ -250,7 +250,7 @@ class NotifyTest(QuotaCase):
     def test_addresses_that_would_be_several(self):
         for address in ("ann,eve@site.test", "ann eve@site.test", "ann<eve@site.test"):
             with self.subTest(address=address):
-                self.succeed("create", address)
+                self.fail_with(65, "create", address)
                 self.fail_with(65, "quota", "notify", address, "--subject", "s")
         self.assertIsNone(self.sent())
 

@@ -22,7 +22,7 @@ MARK = TOTAL + ".dirty"
 class RecountCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
         self.deliver(100)
         self.deliver(20, "Work/2024")
         self.deliver(3, "Work/2024")
@@ -208,7 +208,7 @@ class RecountTest(RecountCase):
         self.assert_true()
 
     def test_a_mailbox_with_more_folders_than_open_files(self):
-        self.succeed("create", ANN, *[f"F{n}" for n in range(60)])
+        self.succeed("create", ANN, *[f"--folder=F{n}" for n in range(60)])
         write(TOTAL, "7 7\n")
         limit = "ulimit -Sn 30 && ulimit -Hn 200 && exec \"$0\" recount " + ANN
         done = toolkit.run(["bash", "-c", limit, TSMAIL])
@@ -224,7 +224,7 @@ class RecountTest(RecountCase):
     def test_a_mailbox_that_takes_all_open_files_takes_them_from_nobody(self):
         """One recount waits for its last folder, with all others locked; that does not affect the next one."""
         for user in (ANN, BERT):
-            self.succeed("create", user, *[f"F{n}" for n in range(60)])
+            self.succeed("create", user, *[f"--folder=F{n}" for n in range(60)])
             write(f"{mail(user)}/.maildirsize", "7 7\n")
         self.succeed("create", "carl@site.test")
         write(mail("carl@site.test") + "/.maildirsize", "7 7\n")
@@ -296,7 +296,7 @@ class MeanwhileTest(RecountCase):
     def test_a_folder_in_whose_place_another_comes(self):
         def swap():
             os.rename(mail(ANN) + "/Work", mail(ANN) + "/../.deleted.x.Work.1")
-            self.succeed("create", ANN, "Work")
+            self.succeed("create", ANN, "--folder", "Work")
             self.deliver(5, "Work")
         self.while_it_waits("Work", swap)
         self.assert_true()

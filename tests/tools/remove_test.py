@@ -21,7 +21,7 @@ def scheduled(home=HOME):
 class RemovalCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
 
     def deliver(self, size, folder="Inbox", address=ANN):
         done = self.succeed("deliver", address, "--folder", folder, stdin=b"x" * size)
@@ -57,7 +57,7 @@ class FolderTest(RemovalCase):
         self.assertEqual(self.told(daemon), [f"S-1023,F({mail(ANN)}/Work)"])
         names = [r["folder"] for r in self.succeed("--json", "folders", ANN).objects]
         self.assertEqual(names, sorted(SYSTEM_FOLDERS))
-        self.succeed("create", ANN, "Work")
+        self.succeed("create", ANN, "--folder", "Work")
         self.succeed("rm", ANN, "Work")
         self.assertEqual(len(scheduled()), 2)
 
@@ -184,7 +184,7 @@ class SweepTest(RemovalCase):
 
     def test_all_mailboxes(self):
         for address in (ANN, BERT, "carl@other.test"):
-            self.succeed("create", address, "Gone")
+            self.succeed("create", address, "--folder", "Gone")
             self.succeed("rm", address, "Gone")
         os.makedirs("/var/spool/home/site.test/.deleted.no.home.1")
         os.makedirs("/var/spool/home/sys_arch/dora~site.test/.deleted.x")

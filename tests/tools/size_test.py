@@ -15,7 +15,7 @@ ANN = "ann@site.test"
 class SizeCase(SpoolCase):
     def setUp(self):
         super().setUp()
-        self.succeed("create", ANN, "Work/2024")
+        self.succeed("create", ANN, "--folder", "Work/2024")
 
     def put(self, place, size=0):
         write(f"{mail(ANN)}/{place}", b"x" * size)

@@ -61,12 +61,24 @@ const char* against_component(string_view text) {
 
 const char* against_address(const TSMailUserId& id, string_view text, bool domain_needed) {
     if (text.find('/') != string_view::npos) return "it holds a '/'";
+    if ((id.local(true) + id.domain()).find_first_of(" ,()<>[]") != string::npos) {
+        return "it holds a blank, a comma or a bracket";
+    }
+    if (std::count(text.begin(), text.end(), '@') > 1) return "it holds more than one '@'";
+    if (text.starts_with(names::kDeletedPrefix)) return "such names are for removed mailboxes";
     if (id.local(true).empty()) return "nothing stands before the domain";
     if (domain_needed && id.domain().empty()) return "it has no domain";
     for (const string& part : {id.tilde_name(), id.domain()}) {
         if (const char* reason = against_component(part)) return reason;
     }
     return is_dots(id.tag()) ? kDots : nullptr;
+}
+
+// Whether a '+' stands before the domain, even without a tag behind it.
+bool has_tag_mark(string_view address) {
+    const auto at = address.find('@');
+    const auto end = at != string_view::npos ? at : address.rfind('~');
+    return address.substr(0, end).find('+') != string_view::npos;
 }
 
 const char* against(const TSMailUserId& id, string_view text, Takes takes) {
@@ -129,6 +141,13 @@ TSMailUserId mailbox_of(string_view address, MailBoxType type) {
     TSMailUserId id(type, string(address));
     if (const char* reason = against(id, address, kTakes[type])) refuse("address", address, reason);
     return id;
+}
+
+TSMailUserId exact_mailbox_of(string_view address) {
+    TSMailUserId id = mailbox_of(address);
+    if (id.address(true) == id.address() && !has_tag_mark(address)) return id;
+    refuse("address", address,
+           "a tag is not part of a mailbox's address; give " + printable(id.address(true)));
 }
 
 bool is_folder_name(const string& name) { return against_folder_name(name) == nullptr; }

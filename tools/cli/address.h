@@ -15,9 +15,15 @@ namespace Tessaly::tool {
 // The mailbox of an address. Refused: '/', control characters, an empty local part, "." or ".." as
 // domain or tag, a part longer than a file name may be, and, where the domain is a directory of its
 // own, an address without a domain (its home would be a domain's directory, with all its mailboxes
-// in it). The types that hold a path or another text are checked for control characters only,
-// except that the text of MAILBOX_DEFERRED must be a valid name.
+// in it). An address is one local part and one domain, so commas, blanks and brackets outside of
+// the tag, which senders choose, and a second '@' are refused as well. The types that hold a path
+// or another text are checked for control characters only, except that the text of MAILBOX_DEFERRED
+// must be a valid name.
 TSMailUserId mailbox_of(std::string_view address, MailBoxType type = MAILBOX_USER);
+
+// The same for a verb that works on the mailbox itself: refuses an address with a tag, which would
+// make a mistake look like another mailbox.
+TSMailUserId exact_mailbox_of(std::string_view address);
 
 // Whether a folder may have this name: valid for the library, no control characters, no component
 // longer than a file name may be.

@@ -1,6 +1,7 @@
 #include "tools/spool/directory_job.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -29,14 +30,16 @@ void run_in(Session& session, const Place& directory, const std::function<void(i
         try {
             work(input, report);
         } catch (const Failure& failure) {
-            report.object({{kFailed, failure.what()}, {"errno", failure.error()}});
+            report.object({{kFailed, failure.what()},
+                           {"code", int{failure.code()}},
+                           {"errno", failure.error()}});
         }
         return kExitOk;
     };
     job.show = [&](std::size_t, const Json& object) {
         if (!object.contains(kFailed)) return show(object);
-        const int error = object.at("errno").get<int>();
-        failed = Failure(exit_code_of(error), object.at(kFailed).get<string>(), error);
+        failed = Failure(static_cast<ExitCode>(object.at("code").get<int>()),
+                         object.at(kFailed).get<string>(), object.at("errno").get<int>());
     };
     const int code = run_job(session, job).code;
     if (failed) throw *failed;
@@ -50,13 +53,30 @@ void flush_directory(int directory, const string& path) {
     if (fd && ::fsync(fd.get()) != 0 && errno != EINVAL) throw system_failure(printable(path));
 }
 
-bool move_within(int directory, const string& from, const string& to) {
-    if (rename_new(directory, from.c_str(), directory, to.c_str())) return true;
+bool move_between(int from_directory, const string& from, int to_directory, const string& to) {
+    if (rename_new(from_directory, from.c_str(), to_directory, to.c_str())) return true;
     if (errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP) {
-        return ::renameat(directory, from.c_str(), directory, to.c_str()) == 0;
+        return ::renameat(from_directory, from.c_str(), to_directory, to.c_str()) == 0;
     }
     if (errno == ENOTEMPTY) errno = EEXIST;
     return false;
+}
+
+bool move_within(int directory, const string& from, const string& to) {
+    return move_between(directory, from, directory, to);
+}
+
+void demand_free(const Place& directory, const string& name) {
+    struct stat st;
+    const string path = directory.path + '/' + name;
+    if (::fstatat(directory.fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        throw name_taken(path);
+    }
+    if (errno != ENOENT) throw system_failure(printable(path));
+}
+
+Failure name_taken(const string& path) {
+    return {kExitCannotCreate, printable(path) + ": this name is taken", EEXIST};
 }
 
 }  // namespace Tessaly::tool

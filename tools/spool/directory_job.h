@@ -21,9 +21,15 @@ void run_in(Session& session, const Place& directory,
 // not read.
 void flush_directory(int directory, const std::string& path);
 
-// Renames within the directory. False with errno; EEXIST if the new name is taken. (Where the file
+// Renames. False with errno; EEXIST if the new name is taken. (Where the file
 // system cannot promise to replace nothing, an empty directory may be replaced.)
+bool move_between(int from_directory, const std::string& from, int to_directory,
+                  const std::string& to);
 bool move_within(int directory, const std::string& from, const std::string& to);
+
+// A Failure if something has the name, and that Failure.
+void demand_free(const Place& directory, const std::string& name);
+Failure name_taken(const std::string& path);
 
 }  // namespace Tessaly::tool
 

@@ -23,6 +23,7 @@ using std::string_view;
 
 constexpr int kToRead = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 constexpr int kToMake = O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY;
+constexpr char kRecordEnd[] = ".partners";
 constexpr std::size_t kLongestRecord = 1 << 20;
 
 std::optional<HiddenHome> hidden_home_named(const Place& domain, const string& name) {
@@ -68,7 +69,12 @@ bool make_record(int domain, const string& record, const string& text, const str
 
 }  // namespace
 
-string HiddenHome::record() const { return unclaimed_name(name) + ".partners"; }
+string HiddenHome::record() const { return unclaimed_name(name) + kRecordEnd; }
+
+string name_of_home(const string& record) {
+    const string_view end = kRecordEnd;
+    return record.ends_with(end) ? record.substr(0, record.size() - end.size()) : record;
+}
 
 std::vector<HiddenHome> hidden_homes_in(const Place& domain) {
     std::vector<HiddenHome> homes;

@@ -35,6 +35,9 @@ std::vector<HiddenHome> hidden_homes_in(const Place& domain);
 // out, as mailboxes_of() reports them.
 std::vector<HiddenHome> hidden_homes_of(const Choice& choice);
 
+// The name of the hidden home to which a record belongs, or the same name.
+std::string name_of_home(const std::string& record);
+
 // The home as it is called once a sweep has begun to remove it.
 HiddenHome claimed(const HiddenHome& home);
 

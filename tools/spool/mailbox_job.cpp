@@ -133,7 +133,7 @@ Owner Homes::owner(const TSMailUserId& id) {
 
 Mailboxes one_mailbox(const string& address) {
     Mailboxes mailboxes;
-    mailboxes.ids.push_back(mailbox_of(address));
+    mailboxes.ids.push_back(exact_mailbox_of(address));
     return mailboxes;
 }
 

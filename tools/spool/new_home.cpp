@@ -85,7 +85,7 @@ class HomeMaker {
         : session_(session), id_(id), wanted_(wanted) {}
 
     void make() {
-        const Place domain = shared_directory(id_.fname(MUF_HOME_PARENT));
+        const Place domain = this->domain();
         const Owner maker = owner_of(domain);
         const Owner owner = owner_for(domain);
         if (maker == owner) {
@@ -94,6 +94,8 @@ class HomeMaker {
             make_and_give(domain, maker, owner);
         }
     }
+
+    Place domain() { return shared_directory(id_.fname(MUF_HOME_PARENT)); }
 
   private:
     Owner owner_for(const Place& domain) const {
@@ -220,6 +222,10 @@ Owner owner_of_made_mailbox(Session& session, const TSMailUserId& id,
     if (!found) throw system_failure(printable(id.homepath()), ENOENT);
     demand_owner(*found, asked, id.homepath());
     return *found;
+}
+
+Place domain_of_new_home(Session& session, const TSMailUserId& id) {
+    return HomeMaker(session, id, std::nullopt).domain();
 }
 
 }  // namespace Tessaly::tool

@@ -27,6 +27,10 @@ Owner owner_named(const std::string& text);
 Owner owner_of_made_mailbox(Session& session, const TSMailUserId& id,
                             const std::optional<Owner>& wanted);
 
+// The directory of a domain. Makes it and those above it where missing, each as the owner of the
+// directory that it is made in.
+Place domain_of_new_home(Session& session, const TSMailUserId& id);
+
 }  // namespace Tessaly::tool
 
 #endif

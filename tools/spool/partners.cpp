@@ -66,7 +66,7 @@ Json entries_of(const TSMailUserId& id, Report& report) {
 PartnerEntries entries_in(const Json& entries) {
     PartnerEntries all;
     for (const Json& entry : entries) {
-        all.push_back({entry.at(0).get<string>(), entry.at(1).get<string>()});
+        all.push_back({entry.at(0).get<string>(), entry.at(1).get<string>(), 0});
     }
     return all;
 }

@@ -20,7 +20,8 @@ namespace Tessaly::tool {
 // An entry of one of a mailbox's lists. It is untrusted: users can write anything into their lists.
 struct PartnerEntry {
     std::string partner;
-    std::string list;  // the partner's list that may name the mailbox
+    std::string list;    // the partner's list that may name the mailbox
+    std::size_t of = 0;  // the mailbox's number, for work on several
 };
 using PartnerEntries = std::vector<PartnerEntry>;
 

@@ -29,7 +29,7 @@ NamedList named_list(const ListArguments& arguments) {
     if (scope == MAIL_LIST_HOME) check_home_name(arguments.address);
     NamedList named{AddressList(arguments.address, arguments.list, scope), std::nullopt};
     if (scope == MAIL_LIST_USER) {
-        named.user = mailbox_of(arguments.address);
+        named.user = exact_mailbox_of(arguments.address);
         if (named.list.path() == named.user->fname(MUF_PREF_FILE)) {
             throw Failure(kExitData,
                           "\"pref\" is not a list: the user's preferences have that name");

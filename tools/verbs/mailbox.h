@@ -8,6 +8,7 @@ namespace Tessaly::tool {
 
 void add_mailbox_remove(const VerbGroup& group);
 void add_mailbox_restore(const VerbGroup& group);
+void add_mailbox_rename(const VerbGroup& group);
 
 }  // namespace Tessaly::tool
 

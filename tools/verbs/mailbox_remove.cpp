@@ -160,7 +160,7 @@ bool agreed(const Session& session, const TSMailUserId& id, const Json& deed) {
 }
 
 int run_mailbox_remove(Session& session, const Arguments& arguments) {
-    const TSMailUserId id = mailbox_of(arguments.address);
+    const TSMailUserId id = exact_mailbox_of(arguments.address);
     MailboxRemoval removal(session, id);
     int code = removal.look_at_home(arguments.now ? kRemove : kSchedule, arguments.dry_run);
     if (code != kExitOk) return code;

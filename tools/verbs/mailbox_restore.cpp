@@ -1,7 +1,5 @@
 // mailbox restore - brings back a mailbox that mailbox remove put aside; the verbs below "mailbox".
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <tuple>
@@ -44,20 +42,11 @@ HiddenHome youngest(const Place& domain, const TSMailUserId& id) {
         });
 }
 
-void demand_free(const Place& domain, const TSMailUserId& id) {
-    struct stat st;
-    if (::fstatat(domain.fd.get(), id.tilde_name().c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        if (errno == ENOENT) return;
-        throw system_failure(printable(id.homepath()));
-    }
-    throw Failure(kExitCannotCreate, printable(id.homepath()) + ": this home is there");
-}
-
 class MailboxRestoration {
   public:
     MailboxRestoration(Session& session, const TSMailUserId& id)
         : session_(session), id_(id), domain_(domain_of(id)), home_(youngest(domain_, id)) {
-        demand_free(domain_, id);
+        demand_free(domain_, id.tilde_name());
     }
 
     // Learns what is in the hidden home. Returns the exit code.
@@ -102,7 +91,7 @@ class MailboxRestoration {
             },
             [&](const Json& entry) {
                 entries.push_back(
-                    {entry.at("partner").get<string>(), entry.at("list").get<string>()});
+                    {entry.at("partner").get<string>(), entry.at("list").get<string>(), 0});
             });
         std::erase_if(entries, [](const PartnerEntry& entry) {
             return entry.list != names::kPrimaryAddresses &&
@@ -132,7 +121,7 @@ class MailboxRestoration {
 };
 
 int run_mailbox_restore(Session& session, const Arguments& arguments) {
-    const TSMailUserId id = mailbox_of(arguments.address);
+    const TSMailUserId id = exact_mailbox_of(arguments.address);
     MailboxRestoration restoration(session, id);
     int code = restoration.look(arguments.dry_run);
     if (code != kExitOk) return code;
@@ -158,6 +147,7 @@ void add_mailbox_group(const VerbGroup& top) {
     const VerbGroup group = top.group("mailbox", "Whole mailboxes");
     add_mailbox_remove(group);
     add_mailbox_restore(group);
+    add_mailbox_rename(group);
 }
 
 }  // namespace Tessaly::tool

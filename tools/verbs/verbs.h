@@ -8,7 +8,8 @@
 namespace Tessaly::tool {
 
 void add_paths_verb(const VerbGroup& top);
-void add_mailbox_verbs(const VerbGroup& top);
+void add_create_verb(const VerbGroup& top);
+void add_folders_verb(const VerbGroup& top);
 void add_deliver_verb(const VerbGroup& top);
 void add_lmtp_verb(const VerbGroup& top);
 void add_policy_verb(const VerbGroup& top);
@@ -29,6 +30,7 @@ void add_message_verbs(const VerbGroup& top);
 void add_sweep_verb(const VerbGroup& top);
 void add_expire_verb(const VerbGroup& top);
 void add_mailbox_group(const VerbGroup& top);
+void add_domain_group(const VerbGroup& top);
 void add_check_name_verb(const VerbGroup& top);
 void add_config_verbs(const VerbGroup& top);
 
@@ -36,7 +38,8 @@ void add_config_verbs(const VerbGroup& top);
 // clang-format off
 constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
     add_paths_verb,
-    add_mailbox_verbs,
+    add_create_verb,
+    add_folders_verb,
     add_deliver_verb,
     add_lmtp_verb,
     add_policy_verb,
@@ -56,6 +59,7 @@ constexpr void (*kVerbFamilies[])(const VerbGroup& top) = {
     add_message_verbs,
     add_expire_verb,
     add_mailbox_group,
+    add_domain_group,
     add_check_name_verb,
     add_doctor_verb,
     add_config_verbs,

@@ -1,15 +1,12 @@
-// create, folders - mailboxes and their folders.
+// folders - shows the folders of a mailbox.
 #include <fcntl.h>
 #include <fmt/format.h>
 
 #include <algorithm>
 
-#include "tools/cli/address.h"
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
-#include "tools/spool/new_home.h"
 #include "tools/verbs/verbs.h"
-#include "tools/work/folder.h"
 #include "tools/work/folder_list.h"
 #include "tools/work/scan.h"
 
@@ -18,55 +15,6 @@ namespace Tessaly::tool {
 namespace {
 
 using std::string;
-
-struct CreateArguments {
-    string address;
-    std::vector<string> folders;
-    std::optional<string> owner;
-};
-
-// As the mailbox's owner.
-int create(const TSMailUserId& id, const std::vector<string>& folders, mode_t umask,
-           Report& report) {
-    const auto made = [&](const string& name, const string& path, bool created) {
-        report.object({{"name", name}, {"path", path}, {"created", created}});
-    };
-    const FolderMaker maker(umask);
-    made("", id.mailpath(), maker.make_roots(id));
-    for (const string& name : folders) made(name, id.mailfolder(name), maker.make_folder(id, name));
-    return kExitOk;
-}
-
-void show_made(Session& session, const Json& made) {
-    if (session.json) return session.out.object(made);
-    session.out.line(fmt::format("{} {}", made.at("created").get<bool>() ? "created" : "existed",
-                                 printable(made.at("path").get<string>())));
-}
-
-int run_create(Session& session, const CreateArguments& arguments) {
-    const TSMailUserId id = mailbox_of(arguments.address);
-    for (const string& name : arguments.folders) check_folder_name(name);
-    std::vector<string> folders = system_folders();
-    folders.insert(folders.end(), arguments.folders.begin(), arguments.folders.end());
-    std::optional<Owner> wanted;
-    if (arguments.owner) wanted = owner_named(*arguments.owner);
-    const Owner owner = owner_of_made_mailbox(session, id, wanted);
-    Job job;
-    job.owner = [&](std::size_t) { return owner; };
-    job.work = [&](std::size_t, int, Report& report) {
-        return create(id, folders, session.callers_umask, report);
-    };
-    job.show = [&](std::size_t, const Json& made) { show_made(session, made); };
-    return run_job(session, job).code;
-}
-
-void declare_create(Verb& verb, CreateArguments& arguments) {
-    verb.address(arguments.address)
-        .texts("FOLDER", arguments.folders, "Folders besides the system's own, as Work/2024")
-        .text("--owner", arguments.owner,
-              "Whose a home that is made will be, as USER or USER:GROUP (default: the owner of the "
-              "domain's directory; where that is root the configured mail user)");
-}
 
 struct FoldersArguments {
     string address;
@@ -142,9 +90,7 @@ void declare_folders(Verb& verb, FoldersArguments& arguments) { verb.address(arg
 
 }  // namespace
 
-void add_mailbox_verbs(const VerbGroup& top) {
-    top.verb("create", "Create a mailbox and folders in it, as far as they are missing",
-             declare_create, run_create);
+void add_folders_verb(const VerbGroup& top) {
     top.verb("folders", "Show a mailbox's folders with their messages and sizes", declare_folders,
              run_folders);
 }
