@@ -151,7 +151,7 @@ class NotifyTest(QuotaCase):
     def test_the_mail(self):
         done = self.notify("--from", "Post <pm@site.test>", "--body-file", "-",
                            stdin=b"Dear Ann,\n\n..\nit is over.\n")
-        self.assertEqual((done.code, done.objects), (0, [{"address": ANN, "sent": True}]), done)
+        self.assertEqual((done.code, done.objects), (0, [{"address": ANN, "sent": True, "done": True}]), done)
         self.assertEqual(content("/tmp/sent.args"), b"-Am -bm -t\n")
         self.assertEqual(self.sent(),
                          b"From:Post <pm@site.test>\nTo:ann@site.test\nSubject:Full\n"

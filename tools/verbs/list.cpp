@@ -115,28 +115,49 @@ void check_known(const Arguments& arguments, const AddressList& list) {
                                  : fmt::format("; did you mean \"{}\"?", near)));
 }
 
+// What adding the entry would do.
+Added would_add(const AddressList& list, const string& entry) {
+    if (!list.exists()) return Added::added;
+    const std::vector<string> lines = list.lines();
+    if (std::find(lines.begin(), lines.end(), entry) != lines.end()) return Added::present;
+    return lines.size() > kListLines ? Added::full : Added::added;
+}
+
+Added add(const AddressList& list, const string& entry, bool dry_run) {
+    return dry_run ? would_add(list, entry) : list.add(entry);
+}
+
 int run_add(Session& session, const Arguments& arguments) {
     std::for_each(arguments.words.begin(), arguments.words.end(), check_entry);
     const auto work = [&](const AddressList& list, Report& report) {
         check_known(arguments, list);
         for (const string& entry : arguments.words) {
-            const Added added = list.add(entry);
+            const Added added = add(list, entry, arguments.dry_run);
             if (added == Added::full) throw full(list);
             report.object({{"entry", entry}, {"added", added == Added::added}});
         }
         return kExitOk;
     };
-    return run_on_words(session, arguments, {"added", "added", "was there:"}, work);
+    const char* done = arguments.dry_run ? "would add" : "added";
+    return run_on_words(session, arguments, {"added", done, "was there:"}, work);
+}
+
+// A Failure if there is no such list.
+bool is_in(const AddressList& list, const string& entry) {
+    const std::vector<string> lines = list.lines();
+    return std::find(lines.begin(), lines.end(), entry) != lines.end();
 }
 
 int run_remove(Session& session, const Arguments& arguments) {
     const auto work = [&](const AddressList& list, Report& report) {
         for (const string& entry : arguments.words) {
-            report.object({{"entry", entry}, {"removed", list.remove(entry)}});
+            const bool there = arguments.dry_run ? is_in(list, entry) : list.remove(entry);
+            report.object({{"entry", entry}, {"removed", there}});
         }
         return kExitOk;
     };
-    return run_on_words(session, arguments, {"removed", "removed", "was not there:"}, work);
+    const char* done = arguments.dry_run ? "would remove" : "removed";
+    return run_on_words(session, arguments, {"removed", done, "was not there:"}, work);
 }
 
 // Asks a question about each word: exit code 0 if the answer is yes for all of them.
@@ -165,9 +186,17 @@ int run_match(Session& session, const Arguments& arguments) {
 int run_replace(Session& session, const Arguments& arguments) {
     check_entry(arguments.entry);
     const auto line = static_cast<unsigned>(whole_number("line", arguments.line, 1, UINT_MAX));
-    return run_on_list(session, arguments, [&](const AddressList& list, Report&) {
-        list.replace(line, arguments.entry);
+    const auto work = [&](const AddressList& list, Report& report) {
+        if (arguments.dry_run) {
+            report.object({{"entry", list.line(line)}});
+        } else {
+            list.replace(line, arguments.entry);
+        }
         return kExitOk;
+    };
+    return run_on_list(session, arguments, work, [&](const Json& object) {
+        session.out.line(fmt::format("would replace {} by {}", printable(entry_of(object)),
+                                     printable(arguments.entry)));
     });
 }
 
@@ -176,7 +205,7 @@ struct Tally {
 };
 
 void import_line(Report& report, const AddressList& list, const Input& input,
-                 const LineReader& reader, Tally& tally) {
+                 const LineReader& reader, bool dry_run, Tally& tally) {
     const string& entry = reader.line();
     if (entry.empty() && !reader.cut()) return;
     if (const char* reason = reader.cut() ? "it is too long" : against_entry(entry)) {
@@ -185,7 +214,7 @@ void import_line(Report& report, const AddressList& list, const Input& input,
                                                     reader.number(), reason)));
         return;
     }
-    const Added added = list.add(entry);
+    const Added added = add(list, entry, dry_run);
     if (added == Added::full) {
         const Failure failure = full(list);
         throw Failure(failure.code(), fmt::format("{}:{}: {} ({} were added)", input.name,
@@ -194,11 +223,11 @@ void import_line(Report& report, const AddressList& list, const Input& input,
     ++(added == Added::added ? tally.added : tally.present);
 }
 
-int import_all(const AddressList& list, const Input& input, Report& report) {
+int import_all(const AddressList& list, const Input& input, bool dry_run, Report& report) {
     LineReader reader(input);
     Tally tally;
     for (const std::uint64_t size = size_of(input); reader.next();) {
-        import_line(report, list, input, reader, tally);
+        import_line(report, list, input, reader, dry_run, tally);
         report.progress(reader.bytes(), size);
     }
     report.object({{"added", tally.added}, {"present", tally.present}, {"refused", tally.refused}});
@@ -214,13 +243,14 @@ int run_import(Session& session, const Arguments& arguments) {
     job.input = [&](std::size_t) { return Fd(::fcntl(input.fd, F_DUPFD_CLOEXEC, 0)); };
     job.work = [&](std::size_t, int fd, Report& report) {
         check_known(arguments, named.list);
-        return import_all(named.list, {Fd(), fd, input.name}, report);
+        return import_all(named.list, {Fd(), fd, input.name}, arguments.dry_run, report);
     };
     job.show = [&](std::size_t, const Json& tally) {
         if (session.json) return session.out.object(tally);
         const auto number = [&](const char* field) { return tally.at(field).get<std::uint64_t>(); };
-        session.out.line(fmt::format("{} added, {} were there, {} refused", number("added"),
-                                     number("present"), number("refused")));
+        session.out.line(fmt::format("{} {}added, {} were there, {} refused", number("added"),
+                                     arguments.dry_run ? "would be " : "", number("present"),
+                                     number("refused")));
     };
     return run_job(session, job).code;
 }
@@ -283,8 +313,17 @@ void declare_entries(Verb& verb, Arguments& arguments) {
     declare_list(verb, arguments).texts("ENTRY", arguments.words, "Entries").required();
 }
 
-void declare_add(Verb& verb, Arguments& arguments) {
+void declare_dry_run(Verb& verb, Arguments& arguments) {
+    verb.flag("--dry-run", arguments.dry_run, "Only say what would be done");
+}
+
+void declare_remove(Verb& verb, Arguments& arguments) {
     declare_entries(verb, arguments);
+    declare_dry_run(verb, arguments);
+}
+
+void declare_add(Verb& verb, Arguments& arguments) {
+    declare_remove(verb, arguments);
     declare_any_name(verb, arguments);
 }
 
@@ -300,12 +339,14 @@ void declare_replace(Verb& verb, Arguments& arguments) {
         .required()
         .text("ENTRY", arguments.entry, "The new entry")
         .required();
+    declare_dry_run(verb, arguments);
 }
 
 void declare_import(Verb& verb, Arguments& arguments) {
     declare_list(verb, arguments)
         .text("FILE", arguments.file, "One entry a line (default: standard input)");
     declare_any_name(verb, arguments);
+    declare_dry_run(verb, arguments);
 }
 
 }  // namespace
@@ -315,7 +356,7 @@ void add_list_verbs(const VerbGroup& top) {
     list.verb("names", "Show which lists there are", declare_names, run_names);
     list.verb("show", "Show the lines with their numbers", declare_show, run_show);
     list.verb("add", "Add entries", declare_add, run_add);
-    list.verb("remove", "Remove entries", declare_entries, run_remove);
+    list.verb("remove", "Remove entries", declare_remove, run_remove);
     list.verb("find", "Say whether entries are in the list (exit code 1: not all)", declare_entries,
               run_find);
     list.verb("match", "Say whether addresses match a pattern of the list (exit code 1: not all)",

@@ -25,6 +25,7 @@ struct ListArguments {
     std::string file;
     bool sorted = false;
     bool any_name = false;
+    bool dry_run = false;
 };
 
 inline constexpr Word kListScopes[] = {

@@ -19,6 +19,7 @@ using Keys = std::vector<const pref_property*>;
 struct Arguments {
     string address;
     std::vector<string> words;
+    bool dry_run = false;
 };
 
 Keys keys_of(const std::vector<string>& names) {
@@ -85,15 +86,32 @@ int run_get(Session& session, const Arguments& arguments) {
     });
 }
 
+int report_changes(const Preferences& before, const Preferences& after, Report& report) {
+    after.check();
+    for (const pref_property& property : all_preferences()) {
+        const string text = after.text(property);
+        if (text != before.text(property)) report.object({{"key", property.name}, {"to", text}});
+    }
+    return kExitOk;
+}
+
+void show_change(Session& session, const Json& change) {
+    if (session.json) return;
+    session.out.line(fmt::format("would set {}={}", change.at("key").get<string>(),
+                                 printable(change.at("to").get<string>())));
+}
+
 // Changes the user's preferences in a worker, under their lock.
 int run_changing(Session& session, const Arguments& arguments,
                  const std::function<Preferences(const TSMailUserId&)>& changed) {
     MailboxJob job;
-    job.work = [&](const TSMailUserId& id, Report&) {
+    job.work = [&](const TSMailUserId& id, Report& report) {
+        if (arguments.dry_run) return report_changes(Preferences::of(id), changed(id), report);
         const PreferencesLock lock(id);
         changed(id).store(id);
-        return kExitOk;
+        return int{kExitOk};
     };
+    job.show = [&](const TSMailUserId&, const Json& change) { show_change(session, change); };
     return run_on(session, one_mailbox(arguments.address), job);
 }
 
@@ -151,13 +169,15 @@ void declare_set(Verb& verb, Arguments& arguments) {
     verb.address(arguments.address)
         .texts(
             "SETTING", arguments.words,
-            "What to set, as KEY=VALUE; none with --json: an object is read from standard input");
+            "What to set, as KEY=VALUE; none with --json: an object is read from standard input")
+        .flag("--dry-run", arguments.dry_run, "Only say what would change");
 }
 
 void declare_reset(Verb& verb, Arguments& arguments) {
     verb.address(arguments.address)
         .texts("KEY", arguments.words, "Preferences to reset (default: all)")
-        .one_of(all_names());
+        .one_of(all_names())
+        .flag("--dry-run", arguments.dry_run, "Only say what would change");
 }
 
 }  // namespace

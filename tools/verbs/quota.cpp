@@ -36,9 +36,15 @@ string time_text(std::time_t time) {
 
 struct AddressArguments {
     string address;
+    bool dry_run = false;
 };
 
 void declare_address(Verb& verb, AddressArguments& arguments) { verb.address(arguments.address); }
+
+void declare_reset(Verb& verb, AddressArguments& arguments) {
+    verb.address(arguments.address)
+        .flag("--dry-run", arguments.dry_run, "Only say what would be done");
+}
 
 // ---- show
 
@@ -104,6 +110,7 @@ struct FlagArguments {
     string address;
     string flag;
     string value = "1";
+    bool dry_run = false;
 };
 
 int value_of(const string& text) {
@@ -111,27 +118,30 @@ int value_of(const string& text) {
     throw Failure(kExitUsage, "\"" + printable(text) + "\" is not a 32-bit number");
 }
 
-// Runs work that shows nothing.
-int run_silently(Session& session, const string& address,
+// Runs work that shows nothing. A dry run says to people what the work would do.
+int run_silently(Session& session, const string& address, bool dry_run, const string& what,
                  const std::function<void(const TSMailUserId&)>& work) {
     MailboxJob job;
     job.work = [&](const TSMailUserId& id, Report&) {
-        work(id);
+        if (!dry_run) work(id);
         return kExitOk;
     };
-    return run_on(session, one_mailbox(address), job);
+    const int code = run_on(session, one_mailbox(address), job);
+    if (dry_run && code == kExitOk && !session.json) session.out.line("would " + what);
+    return code;
 }
 
 int run_set(Session& session, const FlagArguments& arguments) {
     const QuotaFlag flag = flag_of(arguments.flag);
     const int value = value_of(arguments.value);
-    return run_silently(session, arguments.address,
+    return run_silently(session, arguments.address, arguments.dry_run,
+                        fmt::format("set the flag to {}", value),
                         [=](const TSMailUserId& id) { set_quota_flag(id, flag, value); });
 }
 
 int run_clear(Session& session, const FlagArguments& arguments) {
     const QuotaFlag flag = flag_of(arguments.flag);
-    return run_silently(session, arguments.address,
+    return run_silently(session, arguments.address, arguments.dry_run, "remove the flag",
                         [=](const TSMailUserId& id) { clear_quota_flag(id, flag); });
 }
 
@@ -139,7 +149,8 @@ void declare_clear(Verb& verb, FlagArguments& arguments) {
     verb.address(arguments.address)
         .text("FLAG", arguments.flag, "warning or exceeded")
         .one_of(kFlagWords)
-        .required();
+        .required()
+        .flag("--dry-run", arguments.dry_run, "Only say what would be done");
 }
 
 void declare_set(Verb& verb, FlagArguments& arguments) {
@@ -148,7 +159,8 @@ void declare_set(Verb& verb, FlagArguments& arguments) {
 }
 
 int run_reset(Session& session, const AddressArguments& arguments) {
-    return run_silently(session, arguments.address, mark_totals_untrusted);
+    return run_silently(session, arguments.address, arguments.dry_run,
+                        "mark the mailbox for a recount", mark_totals_untrusted);
 }
 
 // ---- notify
@@ -159,14 +171,18 @@ struct NotifyArguments {
     std::optional<string> body_file;
     std::optional<string> from;
     bool force = false;
+    bool dry_run = false;
 };
 
-void show_sent(Session& session, const TSMailUserId& id, bool sent) {
+void show_sent(Session& session, const TSMailUserId& id, bool sent, bool dry_run) {
     if (session.json) {
-        session.out.object(Json{{"address", id.address(true)}, {"sent", sent}});
-    } else {
-        session.out.line(sent ? "sent" : "not sent: the last notice is less than a day old");
+        return session.out.object(
+            Json{{"address", id.address(true)}, {"sent", sent}, {"done", !dry_run}});
     }
+    constexpr char kRecent[] = ": the last notice is less than a day old";
+    if (dry_run)
+        return session.out.line(sent ? "would be sent" : string("would not be sent") + kRecent);
+    session.out.line(sent ? "sent" : string("not sent") + kRecent);
 }
 
 Notice notice_of(const TSMailUserId& id, const NotifyArguments& arguments) {
@@ -187,6 +203,11 @@ int pass_guard(const TSMailUserId& id, Report& report) {
     return kExitOk;
 }
 
+int look_at_guard(const TSMailUserId& id, Report& report) {
+    report.object({{"due", quota_state(id).notice_due}});
+    return kExitOk;
+}
+
 // A forced notice's time is stored only if a notice was due anyway. This process starts the
 // submission program with the caller's rights, as the program may need to gain rights.
 int run_notify(Session& session, const NotifyArguments& arguments) {
@@ -198,18 +219,18 @@ int run_notify(Session& session, const NotifyArguments& arguments) {
     demand_submission_program();
     bool send = arguments.force;
     MailboxJob job;
-    job.work = pass_guard;
+    job.work = arguments.dry_run ? look_at_guard : pass_guard;
     job.show = [&](const TSMailUserId&, const Json& guard) {
         send = send || guard.at("due").get<bool>();
     };
     const int code = run_on(session, mailbox, job);
     if (code != kExitOk) return code;
-    if (send) {
+    if (send && !arguments.dry_run) {
         // The program makes its own files and chooses their modes.
         ::umask(session.callers_umask);
         send_notice(notice);
     }
-    show_sent(session, id, send);
+    show_sent(session, id, send, arguments.dry_run);
     return kExitOk;
 }
 
@@ -218,7 +239,8 @@ void declare_notify(Verb& verb, NotifyArguments& arguments) {
     verb.text("--subject", arguments.subject, "The notice's subject").required();
     verb.text("--body-file", arguments.body_file, "Its text (-: standard input; default: none)")
         .text("--from", arguments.from, "Its sender (default: the local postmaster)")
-        .flag("--force", arguments.force, "Send even if the last notice is less than a day old");
+        .flag("--force", arguments.force, "Send even if the last notice is less than a day old")
+        .flag("--dry-run", arguments.dry_run, "Only say whether it would be sent");
 }
 
 // ---- archive
@@ -274,7 +296,7 @@ void add_quota_verbs(const VerbGroup& top) {
     quota.verb("clear", "Remove a flag", declare_clear, run_clear);
     quota.verb("notify", "Mail a notice to the mailbox's user, at most once a day", declare_notify,
                run_notify);
-    quota.verb("reset", "Mark a mailbox's kept total as untrusted until a recount", declare_address,
+    quota.verb("reset", "Mark a mailbox's kept total as untrusted until a recount", declare_reset,
                run_reset);
     quota.verb("archive", "Show what archive accounts have been given and may still get",
                declare_archive, run_archive);

@@ -5,6 +5,7 @@
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
 #include "tools/verbs/verbs.h"
+#include "tools/work/folder.h"
 #include "tools/work/folder_list.h"
 #include "tools/work/tag.h"
 
@@ -17,11 +18,17 @@ using std::string;
 struct Arguments {
     string address;
     std::optional<string> folder;
+    bool dry_run = false;
 };
 
-void tag_one(const TSMailUserId& id, const string& name, Report& report) {
+Tagged taggable_in(const TSMailUserId& id, const string& name) {
+    const Untagged untagged = untagged_in(existing_folder(id, name));
+    return {untagged.taggable, untagged.stuck.size()};
+}
+
+void tag_one(const TSMailUserId& id, const string& name, bool dry_run, Report& report) {
     try {
-        const Tagged tagged = tag_folder(id, name);
+        const Tagged tagged = dry_run ? taggable_in(id, name) : tag_folder(id, name);
         report.object({{"folder", name}, {"tagged", tagged.tagged}, {"left", tagged.left}});
         if (tagged.left == 0) return;
         report.warn(
@@ -38,25 +45,25 @@ FolderList folders_to_tag(const TSMailUserId& id, const std::optional<string>& f
     return one;
 }
 
-int tag_all(const TSMailUserId& id, const std::optional<string>& folder, Report& report) {
-    const FolderList folders = folders_to_tag(id, folder);
+int tag_all(const TSMailUserId& id, const Arguments& arguments, Report& report) {
+    const FolderList folders = folders_to_tag(id, arguments.folder);
     for (const auto& [path, error] : folders.unread) {
         report.error(system_failure(printable(path), error));
     }
     std::size_t done = 0;
     for (const string& name : folders.names) {
-        tag_one(id, name, report);
+        tag_one(id, name, arguments.dry_run, report);
         report.progress(++done, folders.names.size());
     }
     return kExitOk;
 }
 
-void show(Session& session, const Json& object) {
+void show(Session& session, const Json& object, bool dry_run) {
     if (session.json) return session.out.object(object);
     const auto tagged = object.at("tagged").get<std::uint64_t>();
     if (tagged == 0 && session.verbosity == 0) return;
-    session.out.line(fmt::format("{}: {} tagged", printable(object.at("folder").get<string>()),
-                                 messages_text(tagged)));
+    session.out.line(fmt::format("{}: {} {}tagged", printable(object.at("folder").get<string>()),
+                                 messages_text(tagged), dry_run ? "would be " : ""));
 }
 
 int run_tag(Session& session, const Arguments& arguments) {
@@ -64,15 +71,18 @@ int run_tag(Session& session, const Arguments& arguments) {
     MailboxJob job;
     job.progress = "tagging folders";
     job.work = [&](const TSMailUserId& id, Report& report) {
-        return tag_all(id, arguments.folder, report);
+        return tag_all(id, arguments, report);
     };
-    job.show = [&](const TSMailUserId&, const Json& object) { show(session, object); };
+    job.show = [&](const TSMailUserId&, const Json& object) {
+        show(session, object, arguments.dry_run);
+    };
     return run_on(session, one_mailbox(arguments.address), job);
 }
 
 void declare_tag(Verb& verb, Arguments& arguments) {
     verb.address(arguments.address)
-        .text("FOLDER", arguments.folder, "The folder, as Work/2024 (default: all)");
+        .text("FOLDER", arguments.folder, "The folder, as Work/2024 (default: all)")
+        .flag("--dry-run", arguments.dry_run, "Only say how many would be tagged");
 }
 
 }  // namespace

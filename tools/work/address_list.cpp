@@ -151,12 +151,15 @@ bool AddressList::remove(const string& entry) const {
     return was_there;
 }
 
+string AddressList::line(unsigned number) const {
+    const std::vector<string> all = lines();
+    if (number != 0 && number <= all.size()) return all[number - 1];
+    throw Failure(kExitData, printable(path_) + " has " + std::to_string(all.size()) +
+                                 " lines, no line " + std::to_string(number));
+}
+
 void AddressList::replace(unsigned line, string entry) const {
-    const std::size_t count = lines().size();
-    if (line == 0 || line > count) {
-        throw Failure(kExitData, printable(path_) + " has " + std::to_string(count) +
-                                     " lines, no line " + std::to_string(line));
-    }
+    this->line(line);
     errno = 0;
     keeping_mode([&] {
         rewritten(mail_list_modify_from(user_.c_str(), list_.c_str(), entry.data(), line, scope_));

@@ -47,6 +47,8 @@ class AddressList {
     // Removes every line that equals the entry. Returns whether there was one. The file keeps its
     // mode.
     bool remove(const std::string& entry) const;
+    // An existing line, counted from 1; a Failure with code kExitData if there is no such line.
+    std::string line(unsigned number) const;
     // Replaces an existing line. The file keeps its mode.
     void replace(unsigned line, std::string entry) const;
 

@@ -236,10 +236,14 @@ bool Preferences::survives(const pref_property& property) const {
 }
 
 // Checks every value: the file may already have had one that the library can read but not write.
-void Preferences::store(const TSMailUserId& id) const {
+void Preferences::check() const {
     for (const pref_property& property : all_preferences()) {
         if (!survives(property)) refuse(property, text(property));
     }
+}
+
+void Preferences::store(const TSMailUserId& id) const {
+    check();
     errno = 0;
     if (store_user_pref(id.address().c_str(), &record_) == 0) return;
     throw system_failure("storing " + printable(id.fname(MUF_PREF_FILE)));

@@ -40,7 +40,9 @@ class Preferences {
     void set(const pref_property& property, const Json& value);
     void reset(const pref_property& property);
 
-    // Writes the user's file. A Failure if that fails.
+    // A Failure as that of set() if a value could not be read back from the file.
+    void check() const;
+    // The same, and writes the user's file. A Failure if that fails.
     void store(const TSMailUserId& id) const;
 
   private:
