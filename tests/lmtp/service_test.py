@@ -26,7 +26,7 @@ class LmtpCase(SpoolCase):
     def setUp(self):
         super().setUp()
         for address, owner in OWNERS.items():
-            self.succeed("create", address, "Work", *(["--owner", f"{owner}:{owner}"] if ROOT else []))
+            self.succeed("create", address, "--folder", "Work", *(["--owner", f"{owner}:{owner}"] if ROOT else []))
 
     def assert_true_records(self, address):
         paths = messages(address)

@@ -48,7 +48,7 @@ void show(Session& session, const Json& object) {
 int run_export(Session& session, const Arguments& arguments) {
     if (arguments.folder) check_folder_name(*arguments.folder);
     const Word& format = word_of(kFormats, "format", arguments.format);
-    const ExportPlan plan = {mailbox_of(arguments.address), arguments.folder,
+    const ExportPlan plan = {exact_mailbox_of(arguments.address), arguments.folder,
                              static_cast<ExportFormat>(format.number)};
     const Owner owner = Homes().owner(plan.id);
     std::optional<Target> target;
