@@ -51,8 +51,8 @@ void show(Session& session, const Json& object) {
 
 int run_import(Session& session, const Arguments& arguments) {
     if (arguments.folder) check_folder_name(*arguments.folder);
-    const ImportPlan plan = {exact_mailbox_of(arguments.address), arguments.folder, session.callers_umask,
-                             arguments.dry_run};
+    const ImportPlan plan = {exact_mailbox_of(arguments.address), arguments.folder,
+                             session.callers_umask, arguments.dry_run};
     const Owner owner = Homes().owner(plan.id);
     std::vector<std::unique_ptr<Companion>> readers;
     QuotaDaemon daemon;
