@@ -267,7 +267,7 @@ class LmtpTest(PostfixCase):
         self.assertEqual(os.stat(path).st_uid, neighbours.VMAIL)
 
     def test_several_recipients_and_a_tag(self):
-        self.succeed("create", "ann@site.test", "Work", **neighbours.as_vmail())
+        self.succeed("create", "ann@site.test", "--folder", "Work", **neighbours.as_vmail())
         self.send(1, ["ann@site.test", "ann+Work@site.test", "bob@site.test", "nobody@site.test"])
         wait_until(everything_delivered, "delivery")
         self.assertEqual(self.subjects("ann@site.test"), [0])
