@@ -3,6 +3,7 @@
 # bench.sh --scale
 # bench.sh --python [--quick]
 # bench.sh --expire [--quick]
+# bench.sh --lmtp
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
 # sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
@@ -12,29 +13,30 @@
 # judged, and files are written only below build/bench/. --scale measures how a spool of generated mailboxes
 # grows to 100,000 of them. It takes ten minutes, 13 GiB and six million inodes, which are freed at the end.
 # --python measures the Python package beside C++ and the standard library. --expire measures the removal of 100,000 old
-# messages beside find.
+# messages beside find. --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
 
-quick='' scale='' python='' expire='' only='' words=() choice=() peers=$top/build/neighbours
+quick='' scale='' python='' expire='' lmtp='' only='' words=() choice=() peers=$top/build/neighbours
 while [ $# -gt 0 ]; do
     case $1 in
     --quick) quick=1 choice+=(--quick) ;;
     --scale) scale=1 ;;
     --python) python=1 ;;
     --expire) expire=1 ;;
+    --lmtp) lmtp=1 ;;
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
     --peers) peers=$(realpath -m "$2") && shift ;;
-    *) die "usage: bench.sh [--scale | --python | --expire] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
+    *) die "usage: bench.sh [--scale | --python | --expire | --lmtp] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
     esac
     shift
 done
 
 ensure_packages build python test bench
-build_preset dev tsmail_bench tsmail_bench_calls tsmail_tool tsmail_python
+build_preset dev tsmail_bench tsmail_bench_calls tsmail_bench_lmtp tsmail_tool tsmail_python
 cd "$top"
 mkdir -p build/bench
 spool=$(mktemp -d build/bench/spool.XXXXXX)
@@ -69,6 +71,13 @@ if [ -n "$scale" ]; then
     inside scale python3 -B bench/scale.py build/dev/tools/tsmail build/bench/new/scale.md \
         100 1000 10000 100000
     cat build/bench/new/scale.md
+    exit
+fi
+if [ -n "$lmtp" ]; then
+    say "Measuring deliveries over LMTP"
+    inside lmtp python3 -B bench/lmtp.py build/dev/tools/tsmail build/dev/bench/lmtp \
+        build/bench/new/lmtp.md 5 1 1000
+    cat build/bench/new/lmtp.md
     exit
 fi
 if [ -n "$python$quick" ] && [ -z "$only" ]; then
