@@ -603,6 +603,7 @@ class LogTest(LmtpCase):
         log = self.log("/dev/log")
         with Service(), Client() as client:
             os.chmod(f"{mail(ANN)}/Inbox", 0)
+            self.addCleanup(os.chmod, f"{mail(ANN)}/Inbox", 0o700)
             client.deliver(ANN)
             line = log.recv(4096).decode()
         if ROOT:

@@ -225,9 +225,10 @@ bool Pool::need_worker(const Key& key, Queue& queue) {
     if (workers_.size() - slow_workers_ + starting_ >= most_ && !retire_idle()) return false;
     ++starting_;
     ++queue.starting;
-    ask(Ask::worker, next->task.address, [this, key](const Answer& answer, Fd socket) {
-        add_worker(key, answer, std::move(socket));
-    });
+    ask(Ask::worker, next->task.address,
+        [this, key, mailbox = next->mailbox](const Answer& answer, Fd socket) {
+            add_worker(key, mailbox, answer, std::move(socket));
+        });
     return true;
 }
 
@@ -243,13 +244,13 @@ bool Pool::retire_idle() {
     return true;
 }
 
-void Pool::add_worker(const Key& key, const Answer& answer, Fd socket) {
+void Pool::add_worker(const Key& key, const string& mailbox, const Answer& answer, Fd socket) {
     --starting_;
     Queue& queue = queues_[key];
     --queue.starting;
     if (answer.code != kExitOk || !socket) {
-        fail_waiting(queue, answer.code != kExitOk ? failure_of(answer)
-                                                   : Failure(kExitTryAgain, "no worker"));
+        const Failure none(kExitTryAgain, "no worker");
+        fail_mailbox(queue, mailbox, answer.code != kExitOk ? failure_of(answer) : none);
         return dispatch(key);
     }
     // The home may have another owner by now: the worker is that one's.
@@ -264,6 +265,15 @@ void Pool::add_worker(const Key& key, const Answer& answer, Fd socket) {
         fail_waiting(queue, Failure(kExitTryAgain, "the mailbox has another owner now"));
     dispatch(owner);
     if (owner != key) dispatch(key);
+}
+
+// The failure is about this mailbox; the owner's other mailboxes may be well.
+void Pool::fail_mailbox(Queue& queue, const string& mailbox, const Failure& failure) {
+    std::erase_if(queue.waiting, [&](Waiting& waiting) {
+        if (waiting.mailbox != mailbox) return false;
+        finish(waiting.task, {reply_to(failure)});
+        return true;
+    });
 }
 
 void Pool::fail_waiting(Queue& queue, const Failure& failure) {

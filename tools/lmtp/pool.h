@@ -105,7 +105,8 @@ class Pool {
     void give(Worker& worker, Waiting waiting);
     bool need_worker(const Key& key, Queue& queue);
     bool retire_idle();
-    void add_worker(const Key& key, const Answer& answer, Fd socket);
+    void add_worker(const Key& key, const std::string& mailbox, const Answer& answer, Fd socket);
+    void fail_mailbox(Queue& queue, const std::string& mailbox, const Failure& failure);
     void serve_others();
     bool others_starve(const Key& key) const;
     void finish(Task& task, const Outcome& outcome);
