@@ -77,7 +77,12 @@ std::optional<Item> Channel::receive() const {
     message.msg_control = control.bytes;
     message.msg_controllen = sizeof control.bytes;
     wait(POLLIN);
-    const ssize_t n = retry([&] { return ::recvmsg(socket_, &message, MSG_CMSG_CLOEXEC); });
+    ssize_t n = retry([&] { return ::recvmsg(socket_, &message, MSG_CMSG_CLOEXEC); });
+    // A process that ends with items unread resets the connection. The reset is told once and in
+    // front of what the process sent before.
+    if (n < 0 && errno == ECONNRESET) {
+        n = retry([&] { return ::recvmsg(socket_, &message, MSG_CMSG_CLOEXEC); });
+    }
     if (n == 0 || (n < 0 && is_gone(errno))) return std::nullopt;
     if (n < 0) throw system_failure("receiving a message from another process");
     Item item = {Json(), file_of(message)};
