@@ -1,4 +1,5 @@
-// The configuration values and the table of archive accounts. The file is read again when it has changed.
+// The configuration values and the table of archive accounts. The file is read again when it has
+// changed.
 //
 // Everything that is kept belongs to one thread. So no lock is needed, and a child of fork does not
 // find anything half done.
@@ -117,7 +118,8 @@ class Cache {
     bool trusted_ = false;
 };
 
-// The handle of the table of archive accounts: its rows as they were at the walk's beginning, and the place in them.
+// The handle of the table of archive accounts: its rows as they were at the walk's beginning, and
+// the place in them.
 class AccountTable : public kqf_table {
   public:
     AccountTable() : kqf_table{&AccountTable::head, &AccountTable::next} {}
