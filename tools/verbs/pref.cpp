@@ -167,9 +167,8 @@ void declare_get(Verb& verb, Arguments& arguments) {
 
 void declare_set(Verb& verb, Arguments& arguments) {
     verb.address(arguments.address)
-        .texts(
-            "SETTING", arguments.words,
-            "What to set, as KEY=VALUE; none with --json: an object is read from standard input")
+        .texts("SETTING", arguments.words,
+               "What to set, as KEY=VALUE; none with --json: an object is read from standard input")
         .flag("--dry-run", arguments.dry_run, "Only say what would change");
 }
 
