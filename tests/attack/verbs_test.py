@@ -421,7 +421,10 @@ class NamesTest(VerbsCase):
                 self.restore()
                 attack()
                 done = self.survive(words)
-                self.assertNotRegex(done.out + done.err, "[\x00-\x09\x0b-\x1f\x7f\u202e]", words)
+                shown = done.out + done.err
+                if words[0] in SERVED:  # their lines end as the protocols say
+                    shown = shown.replace("\r\n", "\n")
+                self.assertNotRegex(shown, "[\x00-\x09\x0b-\x1f\x7f\u202e]", words)
 
     def test_a_tag_that_leads_elsewhere(self):
         for tag in ("..", ".", "../../bert~site.test/mail/Inbox", "cur", "a//b", "\x1b[2J", "x" * 300, "~"):

@@ -126,7 +126,7 @@ class BashTest(Shell, unittest.TestCase):
     def shell(self):
         shell = Terminal(self, ["bash", "--norc", "--noprofile", "-i"])
         shell.type(f"PS1='> '; bind 'set enable-bracketed-paste off'; . /usr/share/bash-completion/bash_completion; "
-                   f". {SCRIPTS}/tsmail.bash; bind -x '\"\\C-o\": printf \"<%s>\" \"$READLINE_LINE\" >/tmp/line'; "
+                   f". '{SCRIPTS}/tsmail.bash'; bind -x '\"\\C-o\": printf \"<%s>\" \"$READLINE_LINE\" >/tmp/line'; "
                    "echo rea''dy\n")
         shell.read_until("ready")
         return shell
@@ -140,7 +140,7 @@ class BashTest(Shell, unittest.TestCase):
     def test_every_verb_is_offered(self):
         usage = subprocess.run([TSMAIL, "--help"], check=True, stdout=subprocess.PIPE, text=True).stdout
         verbs = [line.split()[0] for line in usage.split("Subcommands:\n")[1].splitlines() if line.startswith("  ")]
-        script = (f". /usr/share/bash-completion/bash_completion; . {SCRIPTS}/tsmail.bash; COMP_LINE='tsmail '; "
+        script = (f". /usr/share/bash-completion/bash_completion; . '{SCRIPTS}/tsmail.bash'; COMP_LINE='tsmail '; "
                   "COMP_POINT=7 COMP_CWORD=1 COMP_WORDS=(tsmail '') COMPREPLY=(); _tsmail; echo \"${COMPREPLY[@]}\"")
         done = subprocess.run(["bash", "--norc", "-c", script], check=True, stdout=subprocess.PIPE, text=True)
         self.assertEqual(done.stdout.split(), verbs)
@@ -150,7 +150,7 @@ class BashTest(Shell, unittest.TestCase):
 class ZshTest(Shell, unittest.TestCase):
     def shell(self):
         shell = Terminal(self, ["zsh", "-f", "-i"])
-        shell.type(f"PS1='> '; unsetopt zle_bracketed_paste; setopt no_beep list_ambiguous; fpath=({SCRIPTS} $fpath)\n")
+        shell.type(f"PS1='> '; unsetopt zle_bracketed_paste; setopt no_beep list_ambiguous; fpath=('{SCRIPTS}' $fpath)\n")
         shell.type("autoload -U compinit && compinit -u -D && echo rea''dy\n")
         shell.read_until("ready")
         shell.type("show-line() { print -r -- \"<$BUFFER>\" >/tmp/line }; zle -N show-line; "
@@ -162,7 +162,7 @@ class ZshTest(Shell, unittest.TestCase):
 class FishTest(unittest.TestCase):
     def offered(self, line):
         """The words that fish offers in the place of the last word of a line."""
-        script = f"source {SCRIPTS}/tsmail.fish; complete -C $argv[1]"
+        script = f"source '{SCRIPTS}/tsmail.fish'; complete -C $argv[1]"
         done = subprocess.run(["fish", "--no-config", "-c", script, line], check=True, stdout=subprocess.PIPE,
                               stderr=subprocess.PIPE, text=True, env={**os.environ, "PATH": PATH}, cwd="/tmp")
         self.assertEqual(done.stderr, "")

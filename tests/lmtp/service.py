@@ -71,7 +71,10 @@ class Client:
         family = socket.AF_UNIX if isinstance(where, str) else socket.AF_INET
         self.socket = socket.socket(family, socket.SOCK_STREAM)
         self.socket.settimeout(30)
-        self.socket.connect(where)
+        if family == socket.AF_INET:  # Service waits for the unix socket alone
+            wait_until(lambda: self.socket.connect_ex(where) == 0, 10)
+        else:
+            self.socket.connect(where)
         self.file = self.socket.makefile("rb")
         if greet:
             self.reply()

@@ -16,7 +16,8 @@ def watched(*words):
     """Runs Python under the watch: its exit code, the calls that held the lock, how many were seen."""
     if os.path.exists(LOG):
         os.unlink(LOG)
-    env = {**os.environ, "LD_PRELOAD": f"{BUILD}/tests/python/libheld_lock.so", "HELD_LOCK_LOG": LOG}
+    env = {**os.environ, "LD_PRELOAD": "libheld_lock.so", "LD_LIBRARY_PATH": f"{BUILD}/tests/python",
+           "HELD_LOCK_LOG": LOG}
     code = subprocess.run([sys.executable, "-B", *words], env=env, check=False, stdout=subprocess.DEVNULL,
                           stderr=subprocess.DEVNULL).returncode
     with open(LOG, encoding="utf-8") as file:

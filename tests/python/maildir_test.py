@@ -367,7 +367,8 @@ class NetworkTest(Case):
         code = ("import tsmail; from tsmail.mailbox import Maildir\n"
                 "box = tsmail.Mailbox('ann@site.test')\n" + action)
         process = subprocess.Popen([sys.executable, "-B", "-c", code],
-                                   env={**os.environ, "PYTHONPATH": PLACE, "LD_PRELOAD": self.PRELOADED})
+                                   env={**os.environ, "PYTHONPATH": PLACE, "LD_PRELOAD": "network_like.so",
+                                        "LD_LIBRARY_PATH": f"{BUILD}/tests/tools"})
         self.addCleanup(process.wait)
         self.addCleanup(process.kill)
         return process

@@ -56,7 +56,7 @@ def allowed_calls(service):
 
 def later(seconds):
     """What is put before a command whose clock goes that many seconds fast."""
-    return ("env", f"LD_PRELOAD={BUILD}/tests/systemd/later.so", f"LATER_SECONDS={seconds}",
+    return ("env", "LD_PRELOAD=later.so", f"LD_LIBRARY_PATH={BUILD}/tests/systemd", f"LATER_SECONDS={seconds}",
             "ASAN_OPTIONS=verify_asan_link_order=0:detect_leaks=0")
 
 
@@ -73,7 +73,7 @@ class UnitsTest(unittest.TestCase):
     def test_systemd_reads_them_without_a_word(self):
         os.makedirs("/tmp/units")
         for unit in [*SERVICES, *SOCKETS, *TIMERS]:
-            text = re.sub(r"(?m)^ExecStart=\S+/tsmail ", f"ExecStart={TSMAIL} ", unit.read_text(encoding="utf-8"))
+            text = re.sub(r"(?m)^ExecStart=\S+/tsmail ", f'ExecStart="{TSMAIL}" ', unit.read_text(encoding="utf-8"))
             pathlib.Path("/tmp/units", unit.name).write_text(text, encoding="utf-8")
         code, shown = output_of("systemd-analyze", "verify", "--man=no", "--recursive-errors=no",
                                 *(f"/tmp/units/{u.name}" for u in [*SERVICES, *SOCKETS, *TIMERS]))

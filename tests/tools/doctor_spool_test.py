@@ -7,7 +7,8 @@ import subprocess
 import time
 import unittest
 
-from tools.toolkit import BUILD, NOBODY, TSMAIL, SpoolCase, as_nobody, mail, run, traced, tsmail, wait_until
+from tools.toolkit import (BUILD, NOBODY, TSMAIL, SpoolCase, as_nobody, environment, preloading, traced, tsmail,
+                           wait_until)
 
 ANN = "ann@site.test"
 HOMES = "/var/spool/home"
@@ -86,9 +87,8 @@ class SpoolTraitsTest(SpoolCase):
 
     def test_a_file_system_that_others_may_share(self):
         library = os.path.join(BUILD, "tests/tools/network_like.so")
-        if not os.path.exists(library):
-            self.skipTest("not built")
-        _, rows = self.traits(env={"LD_PRELOAD": library})
+        self.assertTrue(os.path.exists(library))
+        _, rows = self.traits(env=environment(**preloading(library), ASAN_OPTIONS="verify_asan_link_order=0:detect_leaks=0"))
         self.assertEqual(rows["directory-locks"]["standing"], "adapts")
 
     def test_wrong_usage(self):
@@ -150,7 +150,7 @@ class TwoMachinesTest(SpoolCase):
         return {"env": {"PATH": "/tmp/programs:" + os.environ["PATH"]}}
 
     def test_a_peer(self):
-        options = self.with_ssh(f'[ "$1 $2 $3" = "-- other.test tsmail" ] || exit 9\nshift 3\nexec {TSMAIL} "$@"\n')
+        options = self.with_ssh(f'[ "$1 $2 $3" = "-- other.test tsmail" ] || exit 9\nshift 3\nexec "{TSMAIL}" "$@"\n')
         done = tsmail("--json", "doctor", "--spool", "--peer", "other.test", **options)
         self.assertEqual(done.code, 0, done)
         self.assertEqual([row["trait"] for row in done.objects], BETWEEN)

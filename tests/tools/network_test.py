@@ -17,7 +17,7 @@ FILES = [".ts_folder_gate", ".ts_folder_lock"]
 
 def far(**changes):
     return environment(ASAN_OPTIONS="verify_asan_link_order=0:detect_leaks=0",
-                       LD_PRELOAD=PRELOADED, **changes)
+                       **toolkit.preloading(PRELOADED), **changes)
 
 
 class NetworkTest(SpoolCase):

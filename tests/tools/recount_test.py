@@ -11,8 +11,8 @@ import unittest
 from tools import toolkit
 from tools.toolkit import (BUILD, SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content,
                            environment, folder_record, held_by_folders, is_marked, mail,
-                           mailbox_record, messages, numbered, own_by_nobody, processes_of,
-                           snapshot, traced, tsmail, wait_until, write)
+                           mailbox_record, messages, numbered, own_by_nobody, preloading,
+                           processes_of, snapshot, traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOTAL = mail(ANN) + "/.maildirsize"
@@ -248,7 +248,7 @@ class AppendingTest(RecountCase):
     def test_records_are_written_anew_from_their_beginning(self):
         library = f"{BUILD}/tests/mailsize/sticky_append.so"
         self.assertTrue(os.path.exists(library))
-        preloaded = environment(ASAN_OPTIONS="verify_asan_link_order=0", LD_PRELOAD=library)
+        preloaded = environment(ASAN_OPTIONS="verify_asan_link_order=0", **preloading(library))
         for text in ("7 7\n", "100 1\n" * 900):
             for path in (TOTAL, self.size_file("Inbox")):
                 write(path, text)

@@ -52,6 +52,12 @@ def environment(**changes):
     return env
 
 
+def preloading(library):
+    """The variables with which programs load a library before all others. Its path would be cut at a blank, so it is
+    found by its name."""
+    return {"LD_PRELOAD": os.path.basename(library), "LD_LIBRARY_PATH": os.path.dirname(library)}
+
+
 def run(words, stdin=b"", env=None, **options):
     if isinstance(stdin, bytes):
         options["input"] = stdin
