@@ -67,7 +67,9 @@ void bind_anew(int fd, const sockaddr_un& address) {
 
 int environment_number(const char* name) {
     const char* text = std::getenv(name);
-    return text != nullptr ? std::atoi(text) : 0;
+    int number = 0;
+    if (text != nullptr) std::from_chars(text, text + std::strlen(text), number);
+    return number;
 }
 
 bool is_loopback(const sockaddr_storage& address) {

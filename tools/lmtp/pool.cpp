@@ -381,13 +381,15 @@ void Pool::forget_slow(Worker& worker) {
     slow_.erase(slow_.find(worker.mailbox));
 }
 
-// A message may be in new without being counted: the mailbox is marked.
+// A message may be in new without being counted: the mailbox is marked, by another worker if this
+// one is lost, too.
 void Pool::lose(Workers::iterator worker) {
+    constexpr int kMostLost = 3;
     const Key key = worker->key;
     if (worker->busy) {
         if (!worker->failure) worker->failure = Failure(kExitTryAgain, "its worker was ended");
-        const Task mark = {"mark", worker->task.address, "", {}, {}};
-        const bool begun = worker->task.what == "deliver";
+        const Task mark = {"mark", worker->task.address, "", {}, {}, worker->task.lost + 1};
+        const bool begun = worker->task.what != "check" && mark.lost <= kMostLost;
         answer(*worker, {reply_to(*worker->failure)});
         forget_slow(*worker);
         if (begun && !stopped_) submit(mark);

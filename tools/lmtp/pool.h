@@ -32,6 +32,7 @@ struct Task {
     std::string ident = {};
     std::shared_ptr<MessageFile> message = {};
     Done done = {};
+    int lost = 0;  // the workers that were lost on it and on what it is for
 };
 
 // Starts workers when they are needed, keeps them for the next tasks of the same owner, and ends

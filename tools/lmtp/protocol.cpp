@@ -171,7 +171,7 @@ std::optional<Path> Protocol::path_of(string_view& arguments, string_view keywor
         refuse(kBadArguments);
         return std::nullopt;
     }
-    const auto path = read_path(arguments);
+    auto path = read_path(arguments);
     if (path && (arguments.empty() || arguments.front() == ' ')) return path;
     refuse({553, status, "This is not an address"});
     return std::nullopt;
