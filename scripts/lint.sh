@@ -22,5 +22,5 @@ mkdir -p build
     cmake --build build/lint --target tsmail_python_comments; } >build/lint.log ||
     { cat build/lint.log >&2; die "cmake failed"; }
 git ls-files '*.cpp' | grep -vE '^(tests|bench|examples)/' |
-    xargs -P "$(nproc)" -n 4 clang-tidy -p build/lint --quiet 2>&1 |
+    xargs -P "$(nproc)" -n 4 clang-tidy -p build/lint --quiet --extra-arg=-Wno-unknown-warning-option 2>&1 |
     grep -vE '^[0-9]+ warnings? (generated|treated)' || [ "${PIPESTATUS[2]}" = 0 ] || die "clang-tidy found something"

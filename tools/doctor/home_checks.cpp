@@ -189,9 +189,11 @@ void move_all(const TSMailUserId& id, const string& from, const string& to) {
         names.push_back(std::move(row.name));
     }
     if (error != 0) throw system_failure(printable(id.mailfolder(from)), error);
-    move_messages(id, from, to, names, false, SignalHold(), [](const MessageChanges& changes) {
-        if (!changes.failed.empty()) throw Failure(changes.failed.front());
-    });
+    const SignalHold signals;
+    move_messages(id, from, to, names, {false, signals, [](const MessageChanges& changes) {
+                                            if (changes.failed.empty()) return;
+                                            throw Failure(changes.failed.front());
+                                        }});
 }
 
 // Moves the messages of the twin and of each folder below it. The emptied twin is scheduled for

@@ -12,8 +12,8 @@ namespace Tessaly::tool::lmtp {
 namespace {
 
 // Larger messages would need too much memory if many came at once.
-constexpr std::uint64_t kMostInMemory = 128 * 1024;
-constexpr std::size_t kHeld = 32 * 1024;
+constexpr std::uint64_t kMostInMemory = std::uint64_t{128} << 10;
+constexpr std::size_t kHeld = std::size_t{32} << 10;
 
 Fd file_in_memory() { return Fd(::memfd_create("message", MFD_CLOEXEC)); }
 

@@ -134,7 +134,7 @@ void Pool::signal(Worker& worker, int number) {
 
 // ---- tasks
 
-void Pool::find(const string& address, Task::Done done) {
+void Pool::find(const string& address, const Task::Done& done) {
     try {
         find_owner(address, [done](const Answer& answer) {
             done({answer.code == kExitOk ? Reply{250, "2.1.5", "OK"}

@@ -45,7 +45,7 @@ class Pool {
          std::chrono::seconds limit, const Log& log);
 
     // Whether there is a mailbox for the address: a reply of 250, or one that refuses it.
-    void find(const std::string& address, Task::Done done);
+    void find(const std::string& address, const Task::Done& done);
     // Calls done(), later, with what came of the task.
     void submit(Task task);
     // Fails the tasks that no worker has begun, and all that come from now on.

@@ -40,7 +40,8 @@ std::optional<HiddenHome> hidden_home_named(const Place& domain, const string& n
 
 string text_of(const PartnerLists& lists) {
     string text;
-    for (const auto& [partner, list] : lists) text += list + ' ' + partner + '\n';
+    for (const auto& [partner, list] : lists)
+        text.append(list).append(" ").append(partner).append("\n");
     return text;
 }
 

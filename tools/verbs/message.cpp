@@ -174,8 +174,11 @@ int run_move(Session& session, const Arguments& arguments) {
     const Names names = names_of(arguments.names);
     Sum moved;
     const auto work = [&](const TSMailUserId& id, Report& report) {
-        move_messages(id, arguments.folder, arguments.to, names, arguments.dry_run, SignalHold(),
-                      [&](const MessageChanges& c) { report_moved(c, arguments.dry_run, report); });
+        const SignalHold signals;
+        move_messages(id, arguments.folder, arguments.to, names,
+                      {arguments.dry_run, signals, [&](const MessageChanges& c) {
+                           report_moved(c, arguments.dry_run, report);
+                       }});
     };
     const int code = run_on_messages(session, arguments, true, work, [&](const Json& object) {
         show_moved(session, object);
@@ -243,9 +246,11 @@ int run_flag(Session& session, const Arguments& arguments) {
     const FlagChange change = take_flags(words);
     const Names names = names_of(words);
     const auto work = [&](const TSMailUserId& id, Report& report) {
-        flag_messages(
-            id, arguments.folder, change, names, arguments.dry_run, SignalHold(),
-            [&](const MessageChanges& c) { report_flagged(c, arguments.dry_run, report); });
+        const SignalHold signals;
+        flag_messages(id, arguments.folder, change, names,
+                      {arguments.dry_run, signals, [&](const MessageChanges& c) {
+                           report_flagged(c, arguments.dry_run, report);
+                       }});
     };
     return run_on_messages(session, arguments, false, work,
                            [&](const Json& object) { show_flagged(session, object); });

@@ -141,8 +141,8 @@ MessageChanges move_group(const TSMailUserId& id, const string& from, const stri
     MessageChanges changes = change_each(names, [&](const string& name) {
         const auto found = find(source, name);
         if (!found) throw missing(source, name);
-        const MessageChange change = {source.path(found->place, name),
-                                      target.path(found->place, name), found->bytes};
+        MessageChange change = {source.path(found->place, name), target.path(found->place, name),
+                                found->bytes};
         if (!dry_run) {
             rename_message(source.fd(found->place), name, target.fd(found->place), name, change.to);
         }
@@ -176,25 +176,26 @@ MessageChange flag_one(const Places& places, const string& name, const FlagChang
 }  // namespace
 
 void move_messages(const TSMailUserId& id, const string& from, const string& to, const Names& names,
-                   bool dry_run, const SignalHold& signals, const TakeChanges& take) {
+                   const ChangeOptions& options) {
     present_folder(id, from);
     present_folder(id, to);
-    in_groups(names, signals,
-              [&](const Names& group) { take(move_group(id, from, to, group, dry_run)); });
+    in_groups(names, options.signals, [&](const Names& group) {
+        options.take(move_group(id, from, to, group, options.dry_run));
+    });
 }
 
 // The lock is shared: a count would miss a message, or count it twice, that goes from new to cur.
 void flag_messages(const TSMailUserId& id, const string& folder, const FlagChange& change,
-                   const Names& names, bool dry_run, const SignalHold& signals,
-                   const TakeChanges& take) {
+                   const Names& names, const ChangeOptions& options) {
+    const bool dry_run = options.dry_run;
     present_folder(id, folder);
-    in_groups(names, signals, [&](const Names& group) {
+    in_groups(names, options.signals, [&](const Names& group) {
         const FolderLock lock = locked_folder(id, folder, LockKind::shared);
         const Places places(lock.fd(), id.mailfolder(folder));
         const MessageChanges changes = change_each(
             group, [&](const string& name) { return flag_one(places, name, change, dry_run); });
         if (!dry_run) places.flush();
-        take(changes);
+        options.take(changes);
     });
 }
 

@@ -27,7 +27,12 @@ struct MessageChanges {
     std::vector<Failure> failed;
     bool counted = true;
 };
-using TakeChanges = std::function<void(const MessageChanges&)>;
+
+struct ChangeOptions {
+    bool dry_run;
+    const SignalHold& signals;
+    std::function<void(const MessageChanges&)> take;  // gets the result of each group
+};
 
 // Moves the messages with these names from one folder to the other, where they keep their names and
 // their place in cur or new, and corrects the records of both folders. The mailbox's own total does
@@ -37,8 +42,7 @@ using TakeChanges = std::function<void(const MessageChanges&)>;
 //
 // A Failure if a folder does not exist. A message that cannot be moved does not prevent the others.
 void move_messages(const TSMailUserId& id, const std::string& from, const std::string& to,
-                   const std::vector<std::string>& names, bool dry_run, const SignalHold& signals,
-                   const TakeChanges& take);
+                   const std::vector<std::string>& names, const ChangeOptions& options);
 
 // Adds flags to the messages and takes flags away. A message whose flags change goes to cur, as
 // only there a name carries flags. The rest is as above.
@@ -46,8 +50,7 @@ struct FlagChange {
     std::string added, removed;
 };
 void flag_messages(const TSMailUserId& id, const std::string& folder, const FlagChange& change,
-                   const std::vector<std::string>& names, bool dry_run, const SignalHold& signals,
-                   const TakeChanges& take);
+                   const std::vector<std::string>& names, const ChangeOptions& options);
 
 }  // namespace Tessaly::tool
 
