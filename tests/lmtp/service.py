@@ -18,6 +18,14 @@ def is_listening():
         return any(line.split()[3] == "00010000" and line.endswith(f" {SOCKET}\n") for line in file)
 
 
+def open_files(pid):
+    directory = f"/proc/{pid}/fd"
+    with contextlib.suppress(FileNotFoundError):  # what is closed meanwhile
+        for name in os.listdir(directory):
+            with contextlib.suppress(FileNotFoundError):
+                yield os.readlink(f"{directory}/{name}")
+
+
 class Service:
     """A service on a unix socket, in its own process group."""
 
@@ -27,7 +35,14 @@ class Service:
                                         stdin=popen.pop("stdin", subprocess.DEVNULL), stderr=subprocess.PIPE,
                                         start_new_session=True, **popen)
         if listen:
-            wait_until(lambda: is_listening() or self.process.poll() is not None, 10)
+            self.wait_for_socket()
+
+    def wait_for_socket(self):
+        try:
+            wait_until(lambda: is_listening() or self.process.poll() is not None)
+        except AssertionError:
+            self.kill()
+            raise
 
     @property
     def pid(self):
@@ -42,6 +57,14 @@ class Service:
 
     def workers(self):
         return self.children()[1:]
+
+    def descriptors_of_network(self):
+        return len(os.listdir(f"/proc/{self.network()}/fd"))
+
+    def writes_below(self, directory):
+        """Whether a worker has a message open below the directory."""
+        drafts = re.compile(re.escape(directory) + r"/[^/]+/tmp/.")
+        return any(drafts.match(path) for worker in self.workers() for path in open_files(worker))
 
     def end(self):
         self.process.terminate()
@@ -72,7 +95,7 @@ class Client:
         self.socket = socket.socket(family, socket.SOCK_STREAM)
         self.socket.settimeout(30)
         if family == socket.AF_INET:  # Service waits for the unix socket alone
-            wait_until(lambda: self.socket.connect_ex(where) == 0, 10)
+            wait_until(lambda: self.socket.connect_ex(where) == 0)
         else:
             self.socket.connect(where)
         self.file = self.socket.makefile("rb")

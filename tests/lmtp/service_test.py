@@ -1,5 +1,6 @@
 """tsmail lmtp as a service: real processes, sockets and users."""
 
+import contextlib
 import grp
 import os
 import pwd
@@ -250,9 +251,9 @@ class PrivilegesTest(LmtpCase):
             before = service.workers()
             for _ in range(20):
                 client.deliver(ANN)
-            # A second one is started if a message comes while the first one still counts the last one.
+            # Another one is started if a message comes while those that run still count the last ones.
             self.assertLessEqual(set(before), set(service.workers()))
-            self.assertLessEqual(len(service.workers()), 2)
+            self.assertLessEqual(len(service.workers()), 4)
 
     @unittest.skipUnless(ROOT, "many owners")
     def test_more_owners_than_workers(self):
@@ -262,26 +263,27 @@ class PrivilegesTest(LmtpCase):
         with Service("--workers", "2") as service, Client() as client:
             for _ in range(3):
                 self.assertEqual([reply[:3] for reply in client.deliver(*addresses)], ["250"] * 12)
-                self.assertLessEqual(len(service.workers()), 3)
+                wait_until(lambda: len(service.workers()) <= 2)  # those that gave way take a moment to end
         self.assertEqual([len(messages(address)) for address in addresses], [3] * 12)
 
     def test_a_worker_that_is_killed(self):
         with Service() as service, Client() as client:
             client.deliver(ANN)
             [worker] = service.workers()
+            held = service.descriptors_of_network()
             os.kill(worker, signal.SIGKILL)
-            wait_until(lambda: worker not in service.workers())
-            time.sleep(0.1)  # until the network process has seen the end of the socket
+            wait_until(lambda: service.descriptors_of_network() < held)  # it has seen the end of the socket
             self.assertEqual(client.deliver(ANN)[0][:3], "250")
 
     def test_a_worker_that_is_killed_while_it_delivers(self):
         with Service() as service, Client() as client:
             client.deliver(ANN)
+            wait_until(lambda: not service.writes_below(mail(ANN)))
             with Lock(f"{mail(ANN)}/Inbox"):
                 client.begin(ANN)
                 client.send(b"DATA\r\nx\r\n.\r\n")
                 client.reply()
-                time.sleep(0.3)
+                wait_until(lambda: service.writes_below(mail(ANN)))
                 for worker in service.workers():
                     os.kill(worker, signal.SIGKILL)
                 self.assertEqual(client.reply()[:9], "451 4.3.0")
@@ -303,7 +305,7 @@ class HostileTest(LmtpCase):
                 begun = time.monotonic()
                 with Client() as other:
                     self.assertEqual(other.deliver(BOB)[0][:3], "250")
-                self.assertLess(time.monotonic() - begun, 1)
+                self.assertLess(time.monotonic() - begun, 2)  # the others wait for three seconds more
                 self.assertEqual([client.reply()[:9] for client in clients], ["451 4.3.0"] * 6)
                 self.assertLess(time.monotonic() - begun, 12)
             self.assertEqual((messages(ANN), left_in_tmp(ANN)), ([], []))
@@ -319,7 +321,7 @@ class HostileTest(LmtpCase):
             with Lock(f"{mail(ANN)}/.maildirsize"):
                 begun = time.monotonic()
                 self.assertEqual(client.deliver(ANN)[0][:3], "250")
-                self.assertLess(time.monotonic() - begun, 1)
+                self.assertLess(time.monotonic() - begun, 5)
                 wait_until(lambda: is_marked(ANN))
         self.assertEqual(len(messages(ANN)), 2)
 
@@ -396,7 +398,7 @@ class EndTest(LmtpCase):
             with Lock(f"{mail(ANN)}/Inbox"):
                 client.send(b"DATA\r\nx\r\n.\r\n")
                 client.reply()
-                time.sleep(0.3)
+                wait_until(lambda: service.writes_below(mail(ANN)))
                 service.process.terminate()
                 self.assertEqual(other.reply()[:3], "421")
             self.assertEqual(client.reply()[:3], "250")
@@ -409,7 +411,7 @@ class EndTest(LmtpCase):
             client.begin(ANN)
             client.send(b"DATA\r\nx\r\n.\r\n")
             client.reply()
-            time.sleep(0.3)
+            wait_until(lambda: service.writes_below(mail(ANN)))
             begun = time.monotonic()
             service.process.terminate()
             self.assertEqual(client.reply()[:9], "451 4.3.0")
@@ -464,35 +466,43 @@ class EndTest(LmtpCase):
                 os.unlink(path)
 
 
+@contextlib.contextmanager
+def traced(processes, *options):
+    """The processes are traced into /tmp/trace."""
+    command = ["strace", "-f", "-o", "/tmp/trace", "-p", ",".join(map(str, processes)), *options]
+    with subprocess.Popen(command, stderr=subprocess.PIPE) as tracer:
+        try:
+            for _ in processes:
+                line = tracer.stderr.readline()
+                if not line.rstrip().endswith(b"attached"):
+                    raise AssertionError(line)
+            yield
+        finally:
+            tracer.terminate()
+
+
 class FlushTest(LmtpCase):
+    """One worker, so that no other one delivers beside the one that is traced."""
+
     def test_an_entry_that_cannot_be_flushed_is_taken_back(self):
-        with Service() as service, Client() as client:
+        with Service("--workers", "1") as service, Client() as client:
             client.deliver(ANN)
             known = messages(ANN)
-            [worker] = service.workers()
             # The second flush is that of the directory.
-            tracer = subprocess.Popen(["strace", "-qq", "-o", "/tmp/trace", "-p", str(worker), "-e", "trace=fsync",
-                                       "-e", "inject=fsync:error=EIO:when=2"])
-            wait_until(lambda: "TracerPid:\t0\n" not in content(f"/proc/{worker}/status").decode())
-            self.assertEqual(client.deliver(ANN)[0][:9], "451 4.3.0")
-            tracer.terminate()
-            tracer.wait()
+            with traced(service.workers(), "-e", "trace=fsync", "-e", "inject=fsync:error=EIO:when=2"):
+                self.assertEqual(client.deliver(ANN)[0][:9], "451 4.3.0")
             self.assertEqual(messages(ANN), known)
             self.assertEqual(client.deliver(ANN)[0][:3], "250")
             service.end()
         self.assert_true_records(ANN)
 
     def test_the_order_of_things(self):
-        with Service() as service, Client() as client:
+        with Service("--workers", "1") as service, Client() as client:
             client.deliver(ANN)
-            [worker] = service.workers()
-            tracer = subprocess.Popen(["strace", "-f", "-qq", "-o", "/tmp/trace", "-p", f"{worker},{service.network()}",
-                                       "-e", "trace=fsync,linkat,renameat2,write,writev,sendmsg"])
-            wait_until(lambda: "TracerPid:\t0\n" not in content(f"/proc/{worker}/status").decode())
-            client.deliver(ANN)
-            client.say("QUIT")
-            tracer.terminate()
-            tracer.wait()
+            with traced([*service.workers(), service.network()],
+                        "-e", "trace=fsync,linkat,renameat2,write,writev,sendmsg"):
+                client.deliver(ANN)
+                client.say("QUIT")
         calls = content("/tmp/trace").decode(errors="replace")
         wanted = r"fsync\(.*(linkat|renameat2)\(.*fsync\(.*250 2\.0\.0 Saved"
         self.assertRegex(calls, re.compile(wanted, re.S))
@@ -547,6 +557,7 @@ class SocketsTest(LmtpCase):
             command = f'exec 3<&{listener.fileno()}; LISTEN_PID=$$ LISTEN_FDS=1 exec "$0" lmtp'
             process = subprocess.Popen(["sh", "-c", command, TSMAIL], pass_fds=[listener.fileno()],
                                        env=environment())
+            self.addCleanup(process.kill)
             with Client() as client:
                 self.assertEqual(client.deliver(ANN)[0][:3], "250")
             process.terminate()
@@ -557,6 +568,7 @@ class SocketsTest(LmtpCase):
     def test_standard_input_as_a_socket(self):
         ours, theirs = socket.socketpair()
         process = subprocess.Popen([TSMAIL, "lmtp"], stdin=theirs, stdout=subprocess.PIPE, env=environment())
+        self.addCleanup(process.kill)
         theirs.close()
         ours.sendall(b"LHLO c\r\nMAIL FROM:<>\r\nRCPT TO:<ann@site.test>\r\nDATA\r\n.\r\nQUIT\r\n")
         with ours.makefile("rb") as file:
