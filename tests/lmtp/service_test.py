@@ -314,6 +314,17 @@ class HostileTest(LmtpCase):
                 client.close()
             self.assertEqual(service.end(), 0)
 
+    @unittest.skipUnless(ROOT, "two owners")
+    def test_workers_that_are_no_longer_slow_give_way(self):
+        with Service("--workers", "1") as service, Client() as client, Client() as other:
+            with Lock(f"{mail(ANN)}/Inbox"):
+                client.begin(ANN)
+                client.send(b"DATA\r\nx\r\n.\r\n")
+                self.assertEqual(other.deliver(BOB)[0][:3], "250")  # only when the first one counts as slow
+                self.assertEqual(len(service.workers()), 2)
+            self.assertEqual([client.reply()[:3] for _ in range(2)], ["354", "250"])
+            wait_until(lambda: len(service.workers()) == 1)
+
     def test_a_size_file_that_is_locked(self):
         with Service(), Client() as client:
             client.deliver(ANN)

@@ -300,6 +300,12 @@ bool Pool::others_starve(const Key& key) const {
     });
 }
 
+// Those that were slow did not count: when they are done there may be too many.
+bool Pool::is_superfluous(const Worker& worker) const {
+    const bool too_many = workers_.size() - slow_workers_ > most_;
+    return too_many || worker.signal != 0 || others_starve(worker.key);
+}
+
 // ---- workers' messages
 
 void Pool::listen_to(Workers::iterator worker) {
@@ -318,7 +324,7 @@ void Pool::hear(Workers::iterator worker) {
         signal(*worker, SIGKILL);
         return lose(worker);
     }
-    if (!worker->busy && (worker->signal != 0 || others_starve(worker->key))) return lose(worker);
+    if (!worker->busy && is_superfluous(*worker)) return lose(worker);
     listen_to(worker);
     if (worker->busy) return;
     dispatch(worker->key);

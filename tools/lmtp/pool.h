@@ -110,6 +110,7 @@ class Pool {
     void fail_mailbox(Queue& queue, const std::string& mailbox, const Failure& failure);
     void serve_others();
     bool others_starve(const Key& key) const;
+    bool is_superfluous(const Worker& worker) const;
     void finish(Task& task, const Outcome& outcome);
     void fail_waiting(Queue& queue, const Failure& failure);
 
