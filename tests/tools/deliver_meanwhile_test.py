@@ -13,7 +13,7 @@ import unittest
 from tools import toolkit
 from tools.toolkit import (DAEMON, TSMAIL, Lock, SpoolCase, content, environment, folder_record,
                            held_by_folders, is_marked, left_in_tmp, mail, mailbox_record, messages,
-                           numbered, traced, wait_until)
+                           numbered, run, traced, wait_until)
 
 ANN = "ann@site.test"
 HOME = os.path.dirname(mail(ANN))
@@ -84,6 +84,14 @@ class GoneMeanwhileTest(FolderCase):
                     process = self.begin_delivery("Work/2024", prefix=prefix)
                     shutil.rmtree(mail(ANN) + "/Work")
                 self.assert_delivered(process, "Work/2024")
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root's own mailboxes are looked through")
+    def test_a_folder_that_goes_while_root_looks_through_its_mailbox(self):
+        """A directory that was removed when it was open already has no entries: reading it says ENOENT."""
+        strace = ["strace", "-qq", "-o", "/tmp/log", "-e", "inject=getdents64:error=ENOENT:when=3", "--"]
+        done = run([*strace, TSMAIL, "deliver", ANN], stdin=BODY, env=environment(ASAN_OPTIONS="detect_leaks=0"))
+        self.assertEqual((done.code, done.err), (0, ""))
+        self.assertIn("(INJECTED)", content("/tmp/log").decode())
 
     def test_a_folder_that_is_there_anew(self):
         for prefix in ([], self.named):

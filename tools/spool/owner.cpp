@@ -66,7 +66,7 @@ class RootsOwn {
         if (!fd) throw system_failure(shown(directory));
         base::DirReader reader(fd.get());
         while (const dirent64* entry = reader.next_real()) look_at(fd.get(), directory, *entry);
-        if (reader.failed()) throw system_failure(shown(directory));
+        if (reader.failed() && errno != ENOENT) throw system_failure(shown(directory));
     }
 
     void look_at(int fd, const string& directory, const dirent64& entry) {
