@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "base/dir_reader.h"
+#include "base/store_names.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 
@@ -36,7 +37,7 @@ gid_t group_for(uid_t user, gid_t group_of_directory) {
 
 // Whether the directory holds messages: the search skips its entries.
 bool holds_messages(const char* name) {
-    for (const char* part : {"cur", "new", "tmp"}) {
+    for (const char* part : names::kSubDirs) {
         if (std::strcmp(name, part) == 0) return true;
     }
     return false;

@@ -74,7 +74,7 @@ class MaildirFolder {
   public:
     MaildirFolder(int directory, const string& name, string path)
         : path_(std::move(path)), fd_(own_directory(directory, name, path_)) {
-        for (const char* part : {"cur", "new", "tmp"}) {
+        for (const char* part : names::kSubDirs) {
             parts_.push_back(own_directory(fd_.get(), part, path_ + '/' + part));
         }
         for (const int place : {kCur, kNew}) add_present(place);

@@ -9,7 +9,9 @@
 #include <memory>
 #include <string_view>
 
+#include "base/store_names.h"
 #include "tools/cli/text.h"
+#include "tools/work/message_size.h"
 
 namespace Tessaly::tool {
 
@@ -21,14 +23,13 @@ bool is_message(const FTSENT& entry) {
     if (entry.fts_info != FTS_F || entry.fts_name[0] == '.' || entry.fts_level == FTS_ROOTLEVEL)
         return false;
     const std::string_view directory = entry.fts_parent->fts_name;
-    return directory == "cur" || directory == "new";
+    return directory == names::kCur || directory == names::kNew;
 }
 
 void add_message(const FTSENT& entry, Amount& amount) {
     const long long named = get_maildir_msg_len_from_name(entry.fts_name);
-    const long long size = named >= 0 ? named : entry.fts_statp->st_size;
     ++amount.messages;
-    amount.bytes = std::min(amount.bytes + static_cast<std::uint64_t>(size), kMost);
+    amount.bytes = std::min(amount.bytes + counted_size(named, *entry.fts_statp), kMost);
 }
 
 void add_entry(const FTSENT& entry, Amount& amount) {

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string_view>
 
+#include "base/store_names.h"
 #include "tools/cli/address.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
@@ -145,10 +146,10 @@ bool Delivery::find_place(Place& place) const {
     place.folder.reset(retry([&] { return ::open(path.c_str(), kDirectory); }));
     const int folder = place.folder.get();
     // A folder needs all three directories; otherwise mail readers would not find the message.
-    for (const char* part : {"cur", "new"}) {
-        if (folder < 0 || ::faccessat(folder, part, F_OK, 0) != 0) return false;
+    for (const auto part : {names::kCur, names::kNew}) {
+        if (folder < 0 || ::faccessat(folder, part.data(), F_OK, 0) != 0) return false;
     }
-    place.tmp.reset(retry([&] { return ::openat(folder, "tmp", kDirectory); }));
+    place.tmp.reset(retry([&] { return ::openat(folder, names::kTmp.data(), kDirectory); }));
     return static_cast<bool>(place.tmp);
 }
 
@@ -195,7 +196,7 @@ Delivered Delivery::deliver(const Input& input, const SignalHold& signals, Repor
 void Delivery::appear(Draft& draft, const FolderLock& lock, Report& report) const {
     string path = id_.mailfolder(folder_).append("/new/");
     path.reserve(path.size() + NAME_MAX);  // memory must not be short when the message stands
-    const Fd fresh(retry([&] { return ::openat(lock.fd(), "new", kDirectory); }));
+    const Fd fresh(retry([&] { return ::openat(lock.fd(), names::kNew.data(), kDirectory); }));
     if (!fresh) throw system_failure(printable(path));
     const string name = draft.file().appear(fresh.get(), draft.size());
     const bool flushed = flush(fresh.get(), name, report);

@@ -19,6 +19,7 @@
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/work/folder_lock.h"
+#include "tools/work/message_size.h"
 #include "tools/work/paths.h"
 #include "tools/work/records.h"
 #include "tools/work/removal.h"
@@ -120,7 +121,7 @@ class Expiry {
             if (::fstatat(dir, name, &st, AT_SYMLINK_NOFOLLOW) != 0) return failed(errno);
             if (!S_ISREG(st.st_mode) || !is_old(st, in_name)) return;
         }
-        remove(dir, name, static_cast<std::uint64_t>(named >= 0 ? named : st.st_size));
+        remove(dir, name, counted_size(named, st));
     }
 
     bool is_old(time_t time) const { return now_ - time > rule_.older.count(); }

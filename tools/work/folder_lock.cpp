@@ -12,6 +12,7 @@
 #include <set>
 #include <thread>
 
+#include "base/store_names.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 
@@ -26,9 +27,6 @@ constexpr int kToRead = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
 // Readable and writable: a server may turn the lock into a byte-range lock, which needs both.
 constexpr int kToLock = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY | O_NONBLOCK;
 constexpr mode_t kSharedMode = 0666;
-
-constexpr char kLockFile[] = ".ts_folder_lock";
-constexpr char kGateFile[] = ".ts_folder_gate";
 
 // File systems that other machines may share. On most of them a lock on a directory has no effect
 // on other machines, while a lock on a file has.
@@ -68,8 +66,9 @@ Fd open_lock_file(int folder, const char* name) {
 class Gate {
   public:
     Gate(int folder, bool networked)
-        : fd_(networked ? open_lock_file(folder, kGateFile)
-                        : Fd(retry([&] { return ::openat(folder, "tmp", kToRead); }))) {}
+        : fd_(networked
+                  ? open_lock_file(folder, names::kFolderGate.data())
+                  : Fd(retry([&] { return ::openat(folder, names::kTmp.data(), kToRead); }))) {}
 
     // A folder without tmp needs no gate, as it gets no deliveries.
     bool pass() { return !fd_ || try_flock(fd_.get(), LOCK_SH); }
@@ -162,7 +161,7 @@ bool FolderLock::lies_on_network(const Level& level) const {
 bool FolderLock::acquire_level(const string& path, Level& level, LockKind kind,
                                const Pause& pause) const {
     if (lies_on_network(level)) {
-        level.lock = open_lock_file(level.fd.get(), kLockFile);
+        level.lock = open_lock_file(level.fd.get(), names::kFolderLock.data());
         if (!level.lock) return false;
     }
     const int lock = level.lock ? level.lock.get() : level.fd.get();

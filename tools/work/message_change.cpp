@@ -15,6 +15,7 @@
 #include "tools/cli/text.h"
 #include "tools/work/folder_lock.h"
 #include "tools/work/message_name.h"
+#include "tools/work/message_size.h"
 #include "tools/work/records.h"
 #include "tools/work/removal.h"
 #include "tools/work/uncounted.h"
@@ -68,8 +69,7 @@ std::optional<Found> find(const Places& places, const string& name) {
         struct stat st;
         if (::fstatat(places.fd(place), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
         if (!S_ISREG(st.st_mode)) continue;
-        const long long named = get_maildir_msg_len_from_name(name.c_str());
-        return Found{place, static_cast<std::uint64_t>(named >= 0 ? named : st.st_size)};
+        return Found{place, counted_size(get_maildir_msg_len_from_name(name.c_str()), st)};
     }
     return std::nullopt;
 }

@@ -11,11 +11,13 @@
 #include <csignal>
 #include <cstring>
 
+#include "base/store_names.h"
 #include "quota/archive.h"
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/work/encoded_word.h"
+#include "tools/work/paths.h"
 
 namespace Tessaly::tool {
 
@@ -47,17 +49,19 @@ std::optional<struct stat> status_of(const string& path) {
     throw system_failure(printable(path));
 }
 
-string dirty_marker(const TSMailUserId& id) { return id.mailpath() + "/.maildirsize.dirty"; }
+string dirty_marker(const TSMailUserId& id) {
+    return in(id.mailpath(), string(names::kDirtyMarker));
+}
 
 FlagState flag_state(const TSMailUserId& id, QuotaFlag flag) {
     const FlagRow& row = kFlags[flag];
     return {status_of(id.fname(row.file)).has_value(), row.get(id.address().c_str())};
 }
 
-std::optional<KeptTotals> kept_totals(const TSMailUserId& id) {
+std::optional<QuotaTotals> quota_totals(const TSMailUserId& id) {
     unsigned long long bytes = 0, messages = 0;
     if (tsl_get_maildirsize(nullptr, id.mailpath().c_str(), &bytes, &messages) != 0) return {};
-    return KeptTotals{bytes, messages};
+    return QuotaTotals{bytes, messages};
 }
 
 // Finds out why a file was not written, as the library does not tell.
@@ -154,7 +158,7 @@ QuotaState quota_state(const TSMailUserId& id) {
     QuotaState state = {};
     state.warning = flag_state(id, kWarningFlag);
     state.exceeded = flag_state(id, kExceededFlag);
-    state.kept = kept_totals(id);
+    state.kept = quota_totals(id);
     // Comes after reading the totals, as that marks the mailbox if they are damaged.
     state.dirty = status_of(dirty_marker(id)).has_value();
     const std::optional<struct stat> stamp = status_of(id.fname(MUF_ALERT_NOTIFICATION));

@@ -22,7 +22,8 @@ struct FlagState {
     int value;
 };
 
-struct KeptTotals {
+// The totals as the quota daemon reads them.
+struct QuotaTotals {
     std::uint64_t bytes;
     std::uint64_t messages;
 };
@@ -30,7 +31,7 @@ struct KeptTotals {
 struct QuotaState {
     FlagState warning;
     FlagState exceeded;
-    std::optional<KeptTotals> kept;  // nothing: not to be trusted until a recount
+    std::optional<QuotaTotals> kept;  // nothing: not to be trusted until a recount
     bool dirty;
     std::optional<std::time_t> last_notice;
     bool notice_due;

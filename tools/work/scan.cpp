@@ -10,6 +10,7 @@
 #include "base/number.h"
 #include "base/store_names.h"
 #include "tools/cli/descriptors.h"
+#include "tools/work/message_size.h"
 
 namespace Tessaly::tool {
 
@@ -23,7 +24,7 @@ long long message_size(int dir, const dirent64& entry) {
     struct stat st;
     if (::fstatat(dir, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(st.st_mode))
         return -1;
-    return named >= 0 ? named : st.st_size;
+    return static_cast<long long>(counted_size(named, st));
 }
 
 // Calls visit(name, size) for each message of cur or new; a missing directory counts as empty.

@@ -8,6 +8,7 @@
 #include <optional>
 #include <string_view>
 
+#include "base/store_names.h"
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
@@ -31,7 +32,7 @@ std::vector<MessageRow> all_messages_of(const string& folder) {
 }
 
 string path_of(const string& folder, const MessageRow& message) {
-    return in(in(folder, message.is_new ? "new" : "cur"), message.name);
+    return in(in(folder, (message.is_new ? names::kNew : names::kCur).data()), message.name);
 }
 
 // Whether the name has a size field, with or without a size in it.
@@ -97,7 +98,8 @@ Tagged tag_folder(const TSMailUserId& id, const string& folder) {
     const FolderLock lock = locked_folder(id, folder, LockKind::exclusive);
     const std::uint64_t before = untagged_in(path).all();
     if (before == 0) return {};
-    for (const char* sub : {"cur", "new"}) tsl_get_dir_size(path.c_str(), sub, TSL_SCAN_TAG_FIRST);
+    for (const string_view sub : {names::kCur, names::kNew})
+        tsl_get_dir_size(path.c_str(), sub.data(), TSL_SCAN_TAG_FIRST);
     const std::uint64_t left = untagged_in(path).all();
     // A message that arrived meanwhile was not tagged.
     return {before - std::min(before, left), left};
