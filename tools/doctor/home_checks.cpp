@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 #include "base/dir_reader.h"
@@ -32,8 +33,26 @@ using std::string;
 // directories it cannot read.
 class HomeWalk {
   public:
-    // The open directory that contains the entry, and the entry's path relative to the home.
-    using Visit = std::function<void(int directory, const string& path, const dirent64& entry)>;
+    // An entry, and the open directory that contains it, with its path relative to the home.
+    struct Seen {
+        int directory;
+        const string& below;
+        const dirent64& entry;
+        string path() const { return below == "." ? entry.d_name : in(below, entry.d_name); }
+        // The status of the entry itself, or nothing if it is gone.
+        std::optional<struct stat> status() const {
+            struct stat st;
+            if (::fstatat(directory, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                return std::nullopt;
+            return st;
+        }
+        bool is(unsigned char type) const {
+            if (entry.d_type != DT_UNKNOWN) return entry.d_type == type;
+            const auto st = status();
+            return st && IFTODT(st->st_mode) == type;
+        }
+    };
+    using Visit = std::function<void(const Seen&)>;
 
     HomeWalk(const Patient& patient, Visit visit)
         : patient_(patient), top_(patient.id.homepath()), visit_(std::move(visit)) {}
@@ -63,15 +82,9 @@ class HomeWalk {
     }
 
     void take(int fd, const string& directory, const dirent64& entry) {
-        const string path = directory == "." ? entry.d_name : in(directory, entry.d_name);
-        visit_(fd, path, entry);
-        if (is_directory(fd, entry)) left_.push_back(path);
-    }
-
-    static bool is_directory(int fd, const dirent64& entry) {
-        if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_DIR;
-        struct stat st;
-        return ::fstatat(fd, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+        const Seen seen = {fd, directory, entry};
+        visit_(seen);
+        if (seen.is(DT_DIR)) left_.push_back(seen.path());
     }
 
     void cannot_read(const string& directory) {
@@ -87,17 +100,11 @@ class HomeWalk {
 
 // ---- symbolic links
 
-bool is_link(int directory, const dirent64& entry) {
-    if (entry.d_type != DT_UNKNOWN) return entry.d_type == DT_LNK;
-    struct stat st;
-    return ::fstatat(directory, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(st.st_mode);
-}
-
 std::vector<Finding> look_at_links(const Patient& patient) {
     std::vector<Finding> findings;
     const string home = patient.id.homepath();
-    HomeWalk(patient, [&](int directory, const string& path, const dirent64& entry) {
-        if (is_link(directory, entry)) findings.push_back({in(home, path), "a symbolic link", ""});
+    HomeWalk(patient, [&](const HomeWalk::Seen& seen) {
+        if (seen.is(DT_LNK)) findings.push_back({in(home, seen.path()), "a symbolic link", ""});
     }).run();
     return findings;
 }
@@ -117,11 +124,10 @@ std::vector<Finding> look_at_owners(const Patient& patient) {
     const string home = patient.id.homepath();
     struct stat top;
     if (::stat(home.c_str(), &top) != 0) throw system_failure(printable(home));
-    HomeWalk(patient, [&](int directory, const string& path, const dirent64& entry) {
-        struct stat st;
-        if (::fstatat(directory, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) return;
-        if (st.st_uid == top.st_uid) return;
-        findings.push_back(stranger(home, path, st, patient.can_give));
+    HomeWalk(patient, [&](const HomeWalk::Seen& seen) {
+        const auto st = seen.status();
+        if (!st || st->st_uid == top.st_uid) return;
+        findings.push_back(stranger(home, seen.path(), *st, patient.can_give));
     }).run();
     return findings;
 }

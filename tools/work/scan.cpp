@@ -27,8 +27,8 @@ long long message_size(int dir, const dirent64& entry) {
     return static_cast<long long>(counted_size(named, st));
 }
 
-// Calls visit(name, size) for each message of cur or new; a missing directory counts as empty.
-// Returns 0, or the errno if it could not be read to its end.
+// Calls visit(directory, name, size) for each message of cur or new; a missing directory counts as
+// empty. Returns 0, or the errno if it could not be read to its end.
 template <class Visit>
 int each_message(int folder, const char* sub, const Visit& visit) {
     const Fd dir(::openat(folder, sub, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -36,13 +36,13 @@ int each_message(int folder, const char* sub, const Visit& visit) {
     base::DirReader reader(dir.get());
     while (const dirent64* entry = reader.next()) {
         const long long size = message_size(dir.get(), *entry);
-        if (size >= 0) visit(entry->d_name, static_cast<std::uint64_t>(size));
+        if (size >= 0) visit(dir.get(), entry->d_name, static_cast<std::uint64_t>(size));
     }
     return reader.failed() ? errno : 0;
 }
 
 void count_directory(int folder, const char* name, FolderCount& count) {
-    const int error = each_message(folder, name, [&](const char*, std::uint64_t size) {
+    const int error = each_message(folder, name, [&](int, const char*, std::uint64_t size) {
         ++count.messages;
         base::add_up(count.bytes, size);
     });
@@ -75,19 +75,27 @@ Totals total_of(const FolderCount& count) {
              static_cast<long long>(std::min(count.messages, most))}};
 }
 
-std::vector<MessageRow> messages_of(const std::string& path, int& error) {
-    std::vector<MessageRow> rows;
+int visit_messages(const std::string& path, const MessageVisit& visit) {
     const Fd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!folder) error = errno;
-    if (!folder) return rows;
+    if (!folder) return errno;
+    int error = 0;
     for (const bool is_new : {true, false}) {
         const int failed = each_message(
             folder.get(), (is_new ? names::kNew : names::kCur).data(),
-            [&](const char* name, std::uint64_t size) {
-                rows.push_back({name, is_new, get_maildir_msg_len_from_name(name) >= 0, size});
+            [&](int directory, const char* name, std::uint64_t size) {
+                visit({directory, name, is_new, get_maildir_msg_len_from_name(name) >= 0, size});
             });
         if (failed != 0) error = failed;
     }
+    return error;
+}
+
+std::vector<MessageRow> messages_of(const std::string& path, int& error) {
+    std::vector<MessageRow> rows;
+    const int failed = visit_messages(path, [&](const SeenMessage& message) {
+        rows.push_back({message.name, message.is_new, message.has_size_field, message.bytes});
+    });
+    if (failed != 0) error = failed;
     return rows;
 }
 

@@ -5,6 +5,7 @@
 #include <tessaly/MailUserId.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,19 @@ FolderCount count_folder(int folder);
 
 // The same in the form of a size file: numbers are limited to the largest signed one.
 Totals total_of(const FolderCount& count);
+
+// A message during a visit of its folder.
+struct SeenMessage {
+    int directory;  // open: cur or new
+    const char* name;
+    bool is_new;          // in new, else in cur
+    bool has_size_field;  // in the name
+    std::uint64_t bytes;  // as above
+};
+using MessageVisit = std::function<void(const SeenMessage&)>;
+// Visits the messages of a folder, unordered, and leaves unreadable parts out. Returns 0, or the
+// errno of such a part.
+int visit_messages(const std::string& folder, const MessageVisit& visit);
 
 // One message of a folder.
 struct MessageRow {

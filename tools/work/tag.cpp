@@ -24,14 +24,14 @@ namespace {
 using std::string;
 using std::string_view;
 
-std::vector<MessageRow> all_messages_of(const string& folder) {
-    int error = 0;
-    std::vector<MessageRow> rows = messages_of(folder, error);
-    if (error != 0) throw system_failure(printable(folder), error);
-    return rows;
+// Demands that all messages can be read.
+void visit_all(const string& folder, const MessageVisit& visit) {
+    if (const int error = visit_messages(folder, visit); error != 0) {
+        throw system_failure(printable(folder), error);
+    }
 }
 
-string path_of(const string& folder, const MessageRow& message) {
+string path_of(const string& folder, const SeenMessage& message) {
     return in(in(folder, (message.is_new ? names::kNew : names::kCur).data()), message.name);
 }
 
@@ -42,11 +42,13 @@ bool has_field(string_view name) {
 }
 
 // The size of a message's file; nothing if the file was removed meanwhile.
-std::optional<std::uint64_t> size_of_file(const string& path) {
+std::optional<std::uint64_t> size_of_file(const string& folder, const SeenMessage& message) {
     struct stat st;
-    if (::lstat(path.c_str(), &st) == 0) return static_cast<std::uint64_t>(st.st_size);
+    if (::fstatat(message.directory, message.name, &st, AT_SYMLINK_NOFOLLOW) == 0) {
+        return static_cast<std::uint64_t>(st.st_size);
+    }
     if (errno == ENOENT) return std::nullopt;
-    throw system_failure(printable(path));
+    throw system_failure(printable(path_of(folder, message)));
 }
 
 // The name with the number in its size field replaced; "" if there is no such name.
@@ -81,14 +83,14 @@ bool is_gone(const NotRenamed& message) { return message.error == ENOENT; }
 
 Untagged untagged_in(const string& path) {
     Untagged untagged;
-    for (const MessageRow& row : all_messages_of(path)) {
-        if (row.has_size_field) continue;
-        if (has_field(row.name)) {
-            untagged.stuck.push_back(path_of(path, row));
+    visit_all(path, [&](const SeenMessage& message) {
+        if (message.has_size_field) return;
+        if (has_field(message.name)) {
+            untagged.stuck.push_back(path_of(path, message));
         } else {
             ++untagged.taggable;
         }
-    }
+    });
     std::sort(untagged.stuck.begin(), untagged.stuck.end());
     return untagged;
 }
@@ -107,15 +109,15 @@ Tagged tag_folder(const TSMailUserId& id, const string& folder) {
 
 std::vector<WrongSize> wrong_sizes_in(const string& path) {
     std::vector<WrongSize> wrong;
-    for (const MessageRow& row : all_messages_of(path)) {
-        if (!row.has_size_field) continue;
-        const string message = path_of(path, row);
-        const auto size = size_of_file(message);
-        if (!size || *size == row.bytes) continue;
-        const string right = with_size(row.name, *size);
+    visit_all(path, [&](const SeenMessage& seen) {
+        if (!seen.has_size_field) return;
+        const auto size = size_of_file(path, seen);
+        if (!size || *size == seen.bytes) return;
+        const string message = path_of(path, seen);
+        const string right = with_size(seen.name, *size);
         const string right_path = message.substr(0, message.rfind('/') + 1) + right;
-        wrong.push_back({message, row.bytes, *size, right.empty() ? "" : right_path});
-    }
+        wrong.push_back({message, seen.bytes, *size, right.empty() ? "" : right_path});
+    });
     std::sort(wrong.begin(), wrong.end(),
               [](const WrongSize& a, const WrongSize& b) { return a.path < b.path; });
     return wrong;
