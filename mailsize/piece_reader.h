@@ -17,6 +17,9 @@ namespace Tessaly::mailsize {
 // that line makes further pieces. Nothing is allocated; the buffer lies inside the object.
 class PieceReader {
   public:
+    // A size file and what an append makes of it are read at once.
+    static constexpr std::size_t kBuffer = 8192;
+
     // limit: 1 to 254 bytes. Reads from the file's beginning; the descriptor's offset stays. A file
     // of more than `longest` bytes ends by an error.
     PieceReader(int fd, std::size_t limit, off_t longest = base::kLongestFile)
@@ -54,7 +57,7 @@ class PieceReader {
     off_t piece_offset_ = 0;  // of the last piece
     std::size_t position_ = 0;
     std::size_t filled_ = 0;
-    char buffer_[8192];  // a size file and what an append makes of it, in one read
+    char buffer_[kBuffer];
 };
 
 }  // namespace Tessaly::mailsize

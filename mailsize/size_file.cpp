@@ -24,6 +24,8 @@ using std::string_view;
 
 // The kernel copies a page whole. A file that is longer than one is compacted by the next append.
 constexpr off_t kPage = 4096;
+static_assert(kPage < PieceReader::kBuffer,
+              "readers see a file that is not compacted yet in one state");
 // The first line of a compacted .maildirsize: no quota is kept in the file.
 constexpr string_view kHeader = "0S, 0C\n";
 

@@ -41,6 +41,7 @@ constexpr FlagRow kFlags[] = {
     /* kWarningFlag */ {MUF_QUOTA_WARNING_FLAG, tsl_get_quota_warning, tsl_set_quota_warning},
     /* kExceededFlag */ {MUF_QUOTA_EXCEEDED_FLAG, tsl_get_quota_exceeded, tsl_set_quota_exceeded},
 };
+static_assert(std::size(kFlags) == kExceededFlag + 1, "a row for each flag");
 
 std::optional<struct stat> status_of(const string& path) {
     struct stat st;
