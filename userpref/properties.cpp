@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -36,54 +37,54 @@ consteval std::uint32_t type_of() {
 
 }  // namespace
 
-// A key is its field's name. The place and the width of a field are interface. They are written
-// out, so that a change of the record does not go unnoticed.
-#define PREF(field, at, bytes)                                                              \
+// The preferences in the order of the file, which is not that of the record: field, its place and
+// width in the record, default. A key is its field's name. Place and width are interface: they are
+// written out, so that a change of the record does not go unnoticed.
+#define PREFERENCES(ROW)                      \
+    ROW(default_sort, 0, 4, 1)                \
+    ROW(npage, 4, 4, 25)                      \
+    ROW(dspam, 8, 1, 1)                       \
+    ROW(autotrain, 9, 1, 1)                   \
+    ROW(whitelist, 794, 1, 0)                 \
+    ROW(spamreport, 798, 1, 1)                \
+    ROW(uname, 804, 256, "")                  \
+    ROW(remail, 1060, 256, "")                \
+    ROW(signature, 793, 1, 0)                 \
+    ROW(timezone, 800, 4, 0)                  \
+    ROW(autoreply, 10, 1, 0)                  \
+    ROW(ar_to_me_only, 11, 1, 1)              \
+    ROW(ar_start_date, 12, 256, "")           \
+    ROW(ar_end_date, 268, 256, "")            \
+    ROW(ar_subject, 524, 256, "[Auto Reply]") \
+    ROW(ar_action, 780, 4, 1)                 \
+    ROW(ar_level, 784, 4, 1)                  \
+    ROW(ar_interval, 788, 4, 7)               \
+    ROW(autoforward, 792, 1, 0)               \
+    ROW(keepcopy, 795, 1, 0)                  \
+    ROW(web_idle_timeout, 1316, 2, 1)         \
+    ROW(lang, 1318, 256, "en")                \
+    ROW(date, 796, 1, 0)                      \
+    ROW(size, 797, 1, 0)                      \
+    ROW(theme, 1576, 4, 0)                    \
+    ROW(forward_option, 1580, 4, 1)           \
+    ROW(message_preview, 1584, 1, 1)          \
+    ROW(calendar_time_format, 1588, 4, 0)     \
+    ROW(calendar_default_view, 1592, 4, 1)    \
+    ROW(alternate_id, 1596, 1276, "")         \
+    ROW(default_id, 2872, 256, "")            \
+    ROW(message_check_interval, 3128, 4, 5)   \
+    ROW(show_remote_content, 3132, 1, 1)      \
+    ROW(page_size, 3136, 4, 25)               \
+    ROW(notification, 3140, 1, 0)
+
+#define PROPERTY(field, at, bytes, value)                                                   \
     [] {                                                                                    \
         static_assert(offsetof(user_pref, field) == (at), #field " has moved");             \
         static_assert(sizeof(user_pref::field) == (bytes), #field " has another width");    \
         return pref_property{#field, type_of<decltype(user_pref::field)>(), (at), (bytes)}; \
-    }()
+    }(),
 
-// In the order of the file, which is not that of the record.
-constexpr pref_property pref_properties[] = {
-    PREF(default_sort, 0, 4),
-    PREF(npage, 4, 4),
-    PREF(dspam, 8, 1),
-    PREF(autotrain, 9, 1),
-    PREF(whitelist, 794, 1),
-    PREF(spamreport, 798, 1),
-    PREF(uname, 804, 256),
-    PREF(remail, 1060, 256),
-    PREF(signature, 793, 1),
-    PREF(timezone, 800, 4),
-    PREF(autoreply, 10, 1),
-    PREF(ar_to_me_only, 11, 1),
-    PREF(ar_start_date, 12, 256),
-    PREF(ar_end_date, 268, 256),
-    PREF(ar_subject, 524, 256),
-    PREF(ar_action, 780, 4),
-    PREF(ar_level, 784, 4),
-    PREF(ar_interval, 788, 4),
-    PREF(autoforward, 792, 1),
-    PREF(keepcopy, 795, 1),
-    PREF(web_idle_timeout, 1316, 2),
-    PREF(lang, 1318, 256),
-    PREF(date, 796, 1),
-    PREF(size, 797, 1),
-    PREF(theme, 1576, 4),
-    PREF(forward_option, 1580, 4),
-    PREF(message_preview, 1584, 1),
-    PREF(calendar_time_format, 1588, 4),
-    PREF(calendar_default_view, 1592, 4),
-    PREF(alternate_id, 1596, 1276),
-    PREF(default_id, 2872, 256),
-    PREF(message_check_interval, 3128, 4),
-    PREF(show_remote_content, 3132, 1),
-    PREF(page_size, 3136, 4),
-    PREF(notification, 3140, 1),
-    {nullptr, 0, 0, 0},
-};
+constexpr pref_property pref_properties[] = {PREFERENCES(PROPERTY){nullptr, 0, 0, 0}};
 static_assert(sizeof(user_pref) == 3144 && alignof(user_pref) == 4);
 static_assert(std::is_trivially_copyable_v<user_pref> && std::is_standard_layout_v<user_pref>);
 
@@ -256,26 +257,29 @@ Setting LineReader::read(const char* line) {
 
 }  // namespace Tessaly::userpref
 
+namespace {
+
+template <std::integral Number>
+constexpr void set(Number& field, std::type_identity_t<Number> value) {
+    field = value;
+}
+template <std::size_t kRoom>
+constexpr void set(char (&field)[kRoom], std::string_view text) {
+    std::copy(text.begin(), text.end(), field);
+}
+
+#define SET(field, at, bytes, value) set(record.field, value);
+
+constexpr user_pref kDefaults = [] {
+    user_pref record = {};
+    PREFERENCES(SET)
+    return record;
+}();
+
+}  // namespace
+
 user_pref* get_default_user_pref(user_pref* p) {
-    std::memset(p, 0, sizeof *p);
-    p->default_sort = 1;
-    p->npage = 25;
-    p->dspam = 1;
-    p->autotrain = 1;
-    p->ar_to_me_only = 1;
-    std::strcpy(p->ar_subject, "[Auto Reply]");
-    p->ar_action = 1;
-    p->ar_level = 1;
-    p->ar_interval = 7;
-    p->spamreport = 1;
-    p->web_idle_timeout = 1;
-    std::strcpy(p->lang, "en");
-    p->forward_option = 1;
-    p->message_preview = 1;
-    p->calendar_default_view = 1;
-    p->message_check_interval = 5;
-    p->show_remote_content = 1;
-    p->page_size = 25;
+    std::memcpy(p, &kDefaults, sizeof *p);
     return p;
 }
 
