@@ -10,6 +10,7 @@ using conversation::played_in_pieces;
 using conversation::shown;
 using conversation::Transcript;
 using std::string;
+using Tessaly::tool::lmtp::Decoder;
 
 namespace {
 
@@ -230,6 +231,25 @@ TEST(Data, UpToTheMostBytes) {
     const string megabyte = kBegin + "DATA\r\n" + string(1 << 20, 't') + "\r\n.\r\n";
     EXPECT_EQ(played(megabyte).replies,
               kGreeting + kBegun + kGo + "552 5.3.4 The message is too big\r\n");
+}
+
+TEST(Decoder, HandsOutLongTexts) {
+    const auto decoded = [](const string& text) {
+        string stored;
+        const Tessaly::tool::lmtp::Sink sink = [&](std::string_view piece) { stored += piece; };
+        Decoder decoder;
+        decoder.begin(true);
+        EXPECT_EQ(decoder.take(text + "\r\n.\r\nQUIT", sink), text.size() + 5);
+        EXPECT_EQ(decoder.size(), text.size() + 2);
+        return stored;
+    };
+    constexpr std::size_t kPiece = 65536;
+    for (const std::size_t length : {kPiece - 1, kPiece, kPiece + 1, 3 * kPiece}) {
+        const string line(length, 't');
+        EXPECT_TRUE(decoded(line) == line + "\n") << length;
+        EXPECT_TRUE(decoded("a\r\n" + line) == "a\n" + line + "\n") << length;
+        EXPECT_TRUE(decoded(line + "\r\nb\nc") == line + "\nb\nc\n") << length;
+    }
 }
 
 TEST(Data, SecondMessageOfAConnection) {

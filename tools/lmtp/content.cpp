@@ -1,8 +1,21 @@
 #include "tools/lmtp/content.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace Tessaly::tool::lmtp {
+
+void Pieces::put(std::string_view text) {
+    if (held_ + text.size() > text_.size()) finish();
+    if (text.size() > text_.size()) return sink_(text);
+    std::memcpy(text_.data() + held_, text.data(), text.size());
+    held_ += text.size();
+}
+
+void Pieces::finish() {
+    if (held_ != 0) sink_({text_.data(), held_});
+    held_ = 0;
+}
 
 void Decoder::begin(bool dots) {
     state_ = State::line;
@@ -11,39 +24,45 @@ void Decoder::begin(bool dots) {
 }
 
 std::size_t Decoder::take(std::string_view bytes, const Sink& sink) {
+    Pieces out(sink);
     std::size_t taken = 0;
     while (taken < bytes.size() && !ended()) {
-        const std::size_t text = take_text(bytes.substr(taken), sink);
-        taken += text;
-        if (text == 0) take_byte(bytes[taken++], sink);
+        const std::size_t line = take_line(bytes.substr(taken), out);
+        taken += line;
+        if (line == 0) take_byte(bytes[taken++], out);
     }
+    out.finish();
     return taken;
 }
 
 void Decoder::finish(const Sink& sink) {
-    if (state_ == State::cr) put("\r", sink);
+    Pieces out(sink);
+    if (state_ == State::cr) put("\r", out);
+    out.finish();
     state_ = State::ended;
 }
 
-// Takes everything before the next CR in one piece. Returns 0 where a single byte decides.
-std::size_t Decoder::take_text(std::string_view bytes, const Sink& sink) {
+// Takes a line with its end, or what comes before a CR whose next byte decides. Returns 0 where a
+// single byte decides.
+std::size_t Decoder::take_line(std::string_view bytes, Pieces& out) {
     const bool dot_decides = dots_ && state_ == State::line && bytes.front() == '.';
     if ((state_ != State::text && state_ != State::line) || dot_decides) return 0;
-    const std::string_view text = bytes.substr(0, bytes.find('\r'));
-    if (text.empty()) return 0;
-    put(text, sink);
-    state_ = State::text;
-    return text.size();
+    const std::size_t end = std::min(bytes.find('\r'), bytes.size());
+    put(bytes.substr(0, end), out);
+    if (end != 0) state_ = State::text;
+    if (bytes.substr(end, 2) != "\r\n") return end;
+    after_cr('\n', out);
+    return end + 2;
 }
 
-void Decoder::take_byte(char byte, const Sink& sink) {
+void Decoder::take_byte(char byte, Pieces& out) {
     switch (state_) {
         case State::line:
         case State::text:
             state_ = byte == '\r' ? State::cr : State::dot;
             return;
         case State::dot:
-            if (byte != '\r') put({&byte, 1}, sink);
+            if (byte != '\r') put({&byte, 1}, out);
             state_ = byte == '\r' ? State::dot_cr : State::text;
             return;
         case State::dot_cr:
@@ -51,32 +70,32 @@ void Decoder::take_byte(char byte, const Sink& sink) {
                 state_ = State::ended;
                 return;
             }
-            return after_cr(byte, sink);
+            return after_cr(byte, out);
         case State::cr:
-            return after_cr(byte, sink);
+            return after_cr(byte, out);
         case State::ended:
             return;
     }
 }
 
-void Decoder::after_cr(char byte, const Sink& sink) {
+void Decoder::after_cr(char byte, Pieces& out) {
     if (byte == '\n') {
         ++size_;  // for the CR
-        put("\n", sink);
+        put("\n", out);
         state_ = State::line;
     } else if (byte == '\r') {
-        put("\r", sink);
+        put("\r", out);
         state_ = State::cr;
     } else {
         const char both[] = {'\r', byte};
-        put({both, sizeof both}, sink);
+        put({both, sizeof both}, out);
         state_ = State::text;
     }
 }
 
-void Decoder::put(std::string_view bytes, const Sink& sink) {
+void Decoder::put(std::string_view bytes, Pieces& out) {
     size_ += bytes.size();
-    sink(bytes);
+    out.put(bytes);
 }
 
 }  // namespace Tessaly::tool::lmtp

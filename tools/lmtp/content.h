@@ -2,19 +2,37 @@
 #ifndef TSMAIL_TOOLS_LMTP_CONTENT_H
 #define TSMAIL_TOOLS_LMTP_CONTENT_H
 
+#include <array>
 #include <cstdint>
 #include <functional>
 #include <string_view>
 
 namespace Tessaly::tool::lmtp {
 
+using Sink = std::function<void(std::string_view)>;
+
+// Hands text to a sink in long pieces: to call it for each line would take longer than the lines.
+class Pieces {
+  public:
+    explicit Pieces(const Sink& sink) : sink_(sink) {}
+    Pieces(const Pieces&) = delete;
+    Pieces& operator=(const Pieces&) = delete;
+
+    void put(std::string_view text);
+    // Hands out what is held back.
+    void finish();
+
+  private:
+    const Sink& sink_;
+    std::size_t held_ = 0;
+    std::array<char, 65536> text_;
+};
+
 // Decodes a message: CR LF becomes LF; every other CR, LF and NUL stays. Only CR LF ends a line, so
 // only a dot between two CR LF ends the message, and only a dot after CR LF is dropped. Needs no
 // memory for a line of any length.
 class Decoder {
   public:
-    using Sink = std::function<void(std::string_view)>;
-
     // Begins a message. With `dots` the message ends with a line of one dot (DATA); otherwise it
     // ends where the sender's counted chunks end (BDAT).
     void begin(bool dots);
@@ -33,10 +51,10 @@ class Decoder {
     // What came last: the beginning of a line, a dot there, a dot and a CR there, a CR, other text.
     enum class State { line, dot, dot_cr, cr, text, ended };
 
-    std::size_t take_text(std::string_view bytes, const Sink& sink);
-    void take_byte(char byte, const Sink& sink);
-    void after_cr(char byte, const Sink& sink);
-    void put(std::string_view bytes, const Sink& sink);
+    std::size_t take_line(std::string_view bytes, Pieces& out);
+    void take_byte(char byte, Pieces& out);
+    void after_cr(char byte, Pieces& out);
+    void put(std::string_view bytes, Pieces& out);
 
     State state_ = State::line;
     bool dots_ = true;

@@ -11,6 +11,12 @@ namespace Tessaly::tool::lmtp {
 
 using boost::system::error_code;
 
+namespace {
+
+constexpr std::size_t kBuffer = 16384, kLargeBuffer = 65536;
+
+}  // namespace
+
 Peer::Peer(boost::asio::io_context& context, Fd in, Fd out)
     : context_(context), in_(context, in.get()), out_(context) {
     in.release();
@@ -32,7 +38,8 @@ void Peer::begin_waiting() {
 void Peer::receive() {
     begin_waiting();
     receiving_ = true;
-    in_.async_read_some(boost::asio::buffer(buffer_),
+    choose_buffer();
+    in_.async_read_some(boost::asio::buffer(buffer_.get(), buffer_size_),
                         [this, self = shared_from_this()](const error_code& error, std::size_t n) {
                             waiting_ = receiving_ = false;
                             if (closed_) return;
@@ -41,6 +48,13 @@ void Peer::receive() {
                             end_ = error ? 0 : n;
                             go_on();
                         });
+}
+
+// A large one for a peer that filled the last one.
+void Peer::choose_buffer() {
+    const std::size_t wanted = end_ >= kBuffer ? kLargeBuffer : kBuffer;
+    if (std::exchange(buffer_size_, wanted) == wanted) return;
+    buffer_ = std::make_unique_for_overwrite<char[]>(wanted);
 }
 
 void Peer::send(std::string text) {

@@ -2,7 +2,6 @@
 #ifndef TSMAIL_TOOLS_LMTP_PEER_H
 #define TSMAIL_TOOLS_LMTP_PEER_H
 
-#include <array>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 #include <chrono>
@@ -15,8 +14,9 @@
 
 namespace Tessaly::tool::lmtp {
 
-// Reads into a buffer of a fixed size, and only when the protocol has taken what came before and
-// the peer has taken the replies: a peer that sends fast or reads slowly fills its own socket.
+// Reads into a buffer, which is larger while a peer sends fast, and only when the protocol has
+// taken what came before and the peer has taken the replies: a peer that sends fast or reads slowly
+// fills its own socket.
 class Peer : public std::enable_shared_from_this<Peer> {
   public:
     using Clock = std::chrono::steady_clock;
@@ -41,7 +41,7 @@ class Peer : public std::enable_shared_from_this<Peer> {
     // below, or waits for something of its own.
     virtual void go_on() = 0;
 
-    std::string_view received() const { return {buffer_.data() + begin_, end_ - begin_}; }
+    std::string_view received() const { return {buffer_.get() + begin_, end_ - begin_}; }
     void take(std::size_t bytes) { begin_ += bytes; }
     void receive();
     void send(std::string text);
@@ -57,7 +57,10 @@ class Peer : public std::enable_shared_from_this<Peer> {
 
     boost::asio::io_context& context_;
     Stream in_, out_;
-    std::array<char, 16384> buffer_;
+    void choose_buffer();
+
+    std::unique_ptr<char[]> buffer_;
+    std::size_t buffer_size_ = 0;
     std::size_t begin_ = 0, end_ = 0;
     std::string sent_;
     bool waiting_ = false, receiving_ = false, interrupted_ = false, closed_ = false;
