@@ -19,11 +19,12 @@ def is_listening():
 
 
 def open_files(pid):
+    """Paths and sizes."""
     directory = f"/proc/{pid}/fd"
     with contextlib.suppress(FileNotFoundError):  # what is closed meanwhile
         for name in os.listdir(directory):
             with contextlib.suppress(FileNotFoundError):
-                yield os.readlink(f"{directory}/{name}")
+                yield os.readlink(f"{directory}/{name}"), os.stat(f"{directory}/{name}").st_size
 
 
 class Service:
@@ -64,7 +65,8 @@ class Service:
     def writes_below(self, directory):
         """Whether a worker has a message open below the directory."""
         drafts = re.compile(re.escape(directory) + r"/[^/]+/tmp/.")
-        return any(drafts.match(path) for worker in self.workers() for path in open_files(worker))
+        return any(drafts.match(path) for worker in self.workers()
+                   for path, _ in open_files(worker))
 
     def end(self):
         self.process.terminate()

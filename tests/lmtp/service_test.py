@@ -14,7 +14,7 @@ import threading
 import time
 import unittest
 
-from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service
+from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files
 from tools.toolkit import (TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
                            left_in_tmp, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
 
@@ -373,6 +373,30 @@ class HostileTest(LmtpCase):
             self.assertEqual(client.say("")[:9], "500 5.5.2")
             self.assertLess(self.memory(service) - before, 1000)
             self.assertEqual(client.deliver(ANN)[0][:3], "250")
+
+    def test_the_memory_of_messages_is_bounded(self):
+        with Service() as service:
+            clients = [Client() for _ in range(16)]
+            for client in clients:
+                client.begin(ANN)
+                client.say("DATA")
+                client.send(b"x" * 1000000)
+            wait_until(lambda: sum(self.held(service)) >= 16 * 960000)  # the last bytes wait for more
+            in_memory = sum(self.held(service, "/memfd:"))
+            self.assertLessEqual(in_memory, 10 << 20)
+            self.assertGreater(in_memory, 9 << 20)
+            for client in clients:
+                client.send(b"\r\n.\r\n")
+                self.assertEqual(client.reply()[:3], "250")
+                client.close()
+            wait_until(lambda: self.held(service) == [])
+        self.assertEqual([os.path.getsize(path) for path in messages(ANN)], [1000030] * 16)
+
+    @staticmethod
+    def held(service, beginning=""):
+        """The sizes of the files without a name that the network process holds."""
+        paths = open_files(service.network())
+        return [size for path, size in paths if path.startswith(beginning) and path.endswith(" (deleted)")]
 
     @staticmethod
     def memory(service):

@@ -26,10 +26,11 @@ string usable_ident(const string& ident) {
 }  // namespace
 
 Connection::Connection(boost::asio::io_context& context, Fd in, Fd out, const Settings& settings,
-                       bool check, Pool& pool, const Log& log)
+                       bool check, Memory& memory, Pool& pool, const Log& log)
     : Peer(context, std::move(in), std::move(out)),
       protocol_(settings, *this),
       check_(check),
+      memory_(memory),
       pool_(pool),
       log_(log) {}
 
@@ -76,7 +77,7 @@ void Connection::judge() {
 
 void Connection::begin(const Envelope& envelope) {
     ident_ = usable_ident(envelope.ident);
-    message_ = std::make_shared<MessageFile>(envelope.announced);
+    message_ = std::make_shared<MessageFile>(envelope.announced, memory_);
     message_->write("Return-Path: <" + envelope.sender + ">\n");
 }
 

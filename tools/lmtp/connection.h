@@ -17,7 +17,7 @@ class Connection : public Peer, private ContentSink {
   public:
     // check: ask the mailbox about its quota when a recipient is named.
     Connection(boost::asio::io_context& context, Fd in, Fd out, const Settings& settings,
-               bool check, Pool& pool, const Log& log);
+               bool check, Memory& memory, Pool& pool, const Log& log);
 
     void end(const std::string& why) override;
 
@@ -36,6 +36,7 @@ class Connection : public Peer, private ContentSink {
 
     Protocol protocol_;
     const bool check_;
+    Memory& memory_;
     Pool& pool_;
     const Log& log_;
     std::shared_ptr<MessageFile> message_;

@@ -6,13 +6,16 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <utility>
 
 namespace Tessaly::tool::lmtp {
 
 namespace {
 
-// Larger messages would need too much memory if many came at once.
-constexpr std::uint64_t kMostInMemory = std::uint64_t{128} << 10;
+constexpr std::uint64_t kMemory = std::uint64_t{12} << 20;
+constexpr std::uint64_t kForSmall = std::uint64_t{2} << 20;
+constexpr std::uint64_t kSmall = std::uint64_t{128} << 10;
+constexpr std::uint64_t kPage = 4096;
 constexpr std::size_t kHeld = std::size_t{32} << 10;
 
 Fd file_in_memory() { return Fd(::memfd_create("message", MFD_CLOEXEC)); }
@@ -29,7 +32,13 @@ Fd file_on_disk() {
 
 }  // namespace
 
-MessageFile::MessageFile(std::uint64_t announced) : in_memory_(announced <= kMostInMemory) {
+bool Memory::has_room(std::uint64_t size, std::uint64_t more) const {
+    const std::uint64_t most = size <= kSmall ? kMemory : kMemory - kForSmall;
+    return more <= most && taken_ <= most - more;
+}
+
+MessageFile::MessageFile(std::uint64_t announced, Memory& memory)
+    : memory_(memory), in_memory_(memory.has_room(announced, announced)) {
     fd_ = in_memory_ ? file_in_memory() : file_on_disk();
     if (!fd_) error_ = errno;
     held_.reserve(kHeld);
@@ -53,7 +62,7 @@ void MessageFile::flush() {
 }
 
 void MessageFile::put(std::string_view bytes) {
-    if (in_memory_ && written_ + bytes.size() > kMostInMemory) move_to_disk();
+    if (in_memory_ && !fits(written_ + bytes.size())) move_to_disk();
     while (error_ == 0 && !bytes.empty()) {
         const ssize_t n = retry([&] { return ::write(fd_.get(), bytes.data(), bytes.size()); });
         if (n < 0) {
@@ -65,9 +74,20 @@ void MessageFile::put(std::string_view bytes) {
     }
 }
 
+// Reserves memory for a message of this size, in pages.
+bool MessageFile::fits(std::uint64_t size) {
+    const std::uint64_t pages = (size + kPage - 1) / kPage * kPage;
+    if (pages <= reserved_) return true;
+    if (!memory_.has_room(pages, pages - reserved_)) return false;
+    memory_.take(pages - reserved_);
+    reserved_ = pages;
+    return true;
+}
+
 void MessageFile::move_to_disk() {
     if (error_ != 0) return;
     in_memory_ = false;
+    memory_.give_back(std::exchange(reserved_, 0));
     Fd file = file_on_disk();
     off_t position = 0;
     while (file && static_cast<std::uint64_t>(position) < written_) {

@@ -39,13 +39,14 @@ int run_lmtp(Session& session, const Arguments& arguments) {
         session.callers_umask, arguments.new_folders,
         answer_over_quota(arguments.refuse_exceeded, arguments.defer_exceeded)};
     const lmtp::Settings settings = {host_name(), max_size_of(arguments)};
+    lmtp::Memory memory;
     seed_random();
     return serve(session, arguments.service, rules,
                  [&](boost::asio::io_context& context, Fd in, Fd out, lmtp::Pool& pool,
                      const lmtp::Log& log) {
                      return std::make_shared<lmtp::Connection>(
                          context, std::move(in), std::move(out), settings,
-                         rules.over_quota.has_value(), pool, log);
+                         rules.over_quota.has_value(), memory, pool, log);
                  });
 }
 
