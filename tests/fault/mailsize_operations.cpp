@@ -1,4 +1,6 @@
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <tessaly/MailUserId.h>
 #include <tessaly/mailstore.h>
@@ -150,7 +152,13 @@ Operation folder_sum(const char* variant, int flags, Rule rule, unsigned traits)
     return {.names = "tsl_get_dir_size",
             .variant = variant,
             .prepare = prepare_messages,
-            .run = [flags](Output&) { return tsl_get_dir_size(FAULT_INBOX, "cur", flags); },
+            .run =
+                [flags](Output&) {
+                    // Just changed, however slow the machine is: so there is a second, careful
+                    // pass.
+                    ::utimensat(AT_FDCWD, FAULT_INBOX "/cur", nullptr, 0);
+                    return tsl_get_dir_size(FAULT_INBOX, "cur", flags);
+                },
             .good = 4310,
             .others = sums_of_some({10, 300, 4000}),
             .rule = std::move(rule),
