@@ -8,7 +8,8 @@ import sys
 import time
 import unittest
 
-from tools.toolkit import HOME, Lock, SpoolCase, TSMAIL, environment, mail, snapshot, tsmail, write
+from tools.toolkit import HOME, Lock, SpoolCase, TSMAIL, mail, snapshot, tsmail, write
+from tools.tracing import failing, traced_worker
 
 USERS = {"ann@site.test": 20001, "bert@site.test": 20002, "carl@site.test": 20003}
 ANN, BERT, CARL = USERS
@@ -277,11 +278,9 @@ class IdentityTest(AttackCase):
     def test_a_kernel_that_refuses_the_change(self):
         before = self.outside()
         for call in ("setgroups", "setresgid", "setresuid"):
-            done = subprocess.run(["strace", "-f", "-qq", "-o", "/dev/null", "-e", f"inject={call}:error=EPERM",
-                                   TSMAIL, "recount", ANN], env=environment(ASAN_OPTIONS="detect_leaks=0"),
-                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, check=False)
-            self.assertEqual(done.returncode, 73, done)
-            self.assertIn(b"cannot become this user", done.stderr)
+            done, _ = traced_worker(failing("EPERM", call), [TSMAIL, "recount", ANN])
+            self.assertEqual(done.code, 73, done)
+            self.assertIn("cannot become this user", done.err)
             self.assertFalse(os.path.exists(mail(ANN) + "/.maildirsize"), call)
         self.assertEqual(self.outside(), before)
 

@@ -15,7 +15,7 @@ import time
 import unittest
 
 from tools.toolkit import SANITIZED, TSMAIL, Lock, SpoolCase, content, environment, mail, run, tsmail, write
-from tools.tracing import traced_parent
+from tools.tracing import from_the_first_in_the_spool, killed, traced_parent
 
 ANN, BERT, MAILMAN = "ann@site.test", "bert@site.test", 20009
 USERS = {ANN: 20001, BERT: 20002}
@@ -775,17 +775,14 @@ while True:
         words = [TSMAIL, "create", "eve@site.test", "--owner", "20005:20005"]
         domain, target = os.path.dirname(home()), home("eve@site.test")
         _, calls = traced_parent([], words)
-        first = next(n for n, line in enumerate(calls) if "/var/spool" in line)
-        counts, killed = {}, 0
-        for number, line in enumerate(calls):
-            name = line.split("(", 1)[0]
-            counts[name] = counts.get(name, 0) + 1
-            if number < first or not name.isidentifier() or name == "exit_group":
+        ended = 0
+        for name, n, _ in from_the_first_in_the_spool(calls):
+            if name == "exit_group":
                 continue
-            with self.subTest(call=name, n=counts[name]):
+            with self.subTest(call=name, n=n):
                 self.restore()
-                done, _ = traced_parent(["-e", f"inject={name}:signal=KILL:when={counts[name]}"], words)
-                killed += done.code == -9
+                done, _ = traced_parent(killed(name, n), words)
+                ended += done.code == -9
                 for left in set(os.listdir(domain)) - {os.path.basename(home(user)) for user in USERS}:
                     if left == os.path.basename(target):
                         self.assertEqual(os.stat(target).st_uid, 20005)
@@ -794,7 +791,7 @@ while True:
                         self.assertEqual(os.listdir(f"{domain}/{left}"), [])
                 self.assertEqual(tsmail(*words[1:]).code, 0)
                 self.assertEqual({row[:2] for row in everything(target).values()}, {(20005, 20005)})
-        self.assertGreater(killed, 20)
+        self.assertGreater(ended, 20)
 
     def test_create_where_something_stands(self):
         target = home("eve@site.test")

@@ -34,12 +34,12 @@ struct Row {
 // Calls that are not listed count, too; messages show their numbers.
 constexpr Row kRows[] = {
     {SYS_read, "read", kInterruptible | kBytes},
-    {SYS_pread64, "pread", kInterruptible | kBytes},
+    {SYS_pread64, "pread64", kInterruptible | kBytes},
     {SYS_readv, "readv", kInterruptible | kVector},
     {SYS_getdents64, "getdents64", kInterruptible | kEntries},
     {SYS_write, "write", kInterruptible | kWrites | kBytes},
     // A full disk does not refuse it: it overwrites bytes that have their place on the disk.
-    {SYS_pwrite64, "pwrite", kInterruptible | kBytes},
+    {SYS_pwrite64, "pwrite64", kInterruptible | kBytes},
     {SYS_writev, "writev", kInterruptible | kWrites | kVector},
     {SYS_openat, "openat", kInterruptible},
     {SYS_ftruncate, "ftruncate", kInterruptible},
@@ -79,6 +79,31 @@ constexpr Row kRows[] = {
     {SYS_fchdir, "fchdir", kNone},
     {SYS_getcwd, "getcwd", kNone},
     {SYS_uname, "uname", kNone},
+    {SYS_linkat, "linkat", kNone},
+    {SYS_symlinkat, "symlinkat", kNone},
+    {SYS_readlinkat, "readlinkat", kNone},
+    {SYS_fchmodat, "fchmodat", kNone},
+    {SYS_fchownat, "fchownat", kNone},
+    {SYS_sync_file_range, "sync_file_range", kNone},
+    {SYS_close_range, "close_range", kNone},
+    {SYS_socketpair, "socketpair", kNone},
+    {SYS_sendmsg, "sendmsg", kNone},
+    {SYS_recvmsg, "recvmsg", kNone},
+    {SYS_recvfrom, "recvfrom", kNone},
+    {SYS_ppoll, "ppoll", kNone},
+    {SYS_signalfd4, "signalfd4", kNone},
+    {SYS_shutdown, "shutdown", kNone},
+    {SYS_ioctl, "ioctl", kNone},
+    {SYS_prctl, "prctl", kNone},
+    {SYS_prlimit64, "prlimit64", kNone},
+    {SYS_faccessat2, "faccessat2", kNone},
+    {SYS_setgroups, "setgroups", kNone},
+    {SYS_setresgid, "setresgid", kNone},
+    {SYS_setresuid, "setresuid", kNone},
+    {SYS_umask, "umask", kNone},
+    {SYS_geteuid, "geteuid", kNone},
+    {SYS_getegid, "getegid", kNone},
+    {SYS_getppid, "getppid", kNone},
     {SYS_clone, "clone", kNone},
     {SYS_clone3, "clone3", kNone},
     {SYS_execve, "execve", kNone},
@@ -87,6 +112,11 @@ constexpr Row kRows[] = {
     {SYS_stat, "stat", kNone},
     {SYS_lstat, "lstat", kNone},
     {SYS_access, "access", kNone},
+    {SYS_link, "link", kNone},
+    {SYS_symlink, "symlink", kNone},
+    {SYS_readlink, "readlink", kNone},
+    {SYS_poll, "poll", kNone},
+    {SYS_dup2, "dup2", kNone},
     {SYS_unlink, "unlink", kNone},
     {SYS_rmdir, "rmdir", kNone},
     {SYS_rename, "rename", kNone},
@@ -174,7 +204,7 @@ bool leaks_into_programs(const Call& call) {
 
 std::string name(const Call& call) {
     const Row* row = find(call);
-    return row != nullptr ? row->name : "call " + std::to_string(call.number);
+    return row != nullptr ? row->name : "call_" + std::to_string(call.number);
 }
 
 }  // namespace fault

@@ -1,18 +1,15 @@
 #include "fault/injector.h"
 
-#include <elf.h>
 #include <sys/prctl.h>
-#include <sys/ptrace.h>
-#include <sys/uio.h>
-#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
-#include <cstddef>
 #include <map>
 #include <system_error>
+
+#include "fault/tracee.h"
 
 namespace fault {
 
@@ -20,49 +17,6 @@ namespace {
 
 // The markers' signal. By default it is ignored, but a tracer still sees it.
 constexpr int kMarker = SIGURG;
-constexpr int kCallStop = SIGTRAP | 0x80;  // PTRACE_O_TRACESYSGOOD
-constexpr long kOptions = PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACEFORK |
-                          PTRACE_O_TRACEVFORK | PTRACE_O_TRACECLONE | PTRACE_O_TRACEEXEC;
-
-// A tracee may be killed at any time, which the next wait reports.
-long trace(int request, pid_t pid, std::uintptr_t address, std::uintptr_t data) {
-    return ::ptrace(static_cast<enum __ptrace_request>(request), pid, address, data);
-}
-
-#if defined(__x86_64__)
-
-void set_call(pid_t pid, long number) {
-    trace(PTRACE_POKEUSER, pid, offsetof(user, regs.orig_rax), static_cast<std::uintptr_t>(number));
-}
-void set_count(pid_t pid, std::uint64_t count) {
-    trace(PTRACE_POKEUSER, pid, offsetof(user, regs.rdx), count);
-}
-void set_answer(pid_t pid, long answer) {
-    trace(PTRACE_POKEUSER, pid, offsetof(user, regs.rax), static_cast<std::uintptr_t>(answer));
-}
-
-#elif defined(__aarch64__)
-
-void set_call(pid_t pid, long number) {
-    int value = static_cast<int>(number);
-    iovec data{&value, sizeof value};
-    trace(PTRACE_SETREGSET, pid, NT_ARM_SYSTEM_CALL, reinterpret_cast<std::uintptr_t>(&data));
-}
-void set_register(pid_t pid, int index, std::uint64_t value) {
-    user_regs_struct registers;
-    iovec data{&registers, sizeof registers};
-    trace(PTRACE_GETREGSET, pid, NT_PRSTATUS, reinterpret_cast<std::uintptr_t>(&data));
-    registers.regs[index] = value;
-    trace(PTRACE_SETREGSET, pid, NT_PRSTATUS, reinterpret_cast<std::uintptr_t>(&data));
-}
-void set_count(pid_t pid, std::uint64_t count) { set_register(pid, 2, count); }
-void set_answer(pid_t pid, long answer) {
-    set_register(pid, 0, static_cast<std::uint64_t>(answer));
-}
-
-#else
-#error "the injector does not know this machine's registers"
-#endif
 
 class Tracer {
   public:
@@ -109,14 +63,10 @@ class Tracer {
     }
 
     void call_stop(pid_t pid) {
-        __ptrace_syscall_info info;
-        if (trace(PTRACE_GET_SYSCALL_INFO, pid, sizeof info,
-                  reinterpret_cast<std::uintptr_t>(&info)) <= 0) {
-            return;
-        }
-        if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-            Call call{info.entry.nr, {}, pid != child_};
-            std::copy(std::begin(info.entry.args), std::end(info.entry.args), call.args);
+        const auto info = call_info(pid);
+        if (!info) return;
+        if (info->op == PTRACE_SYSCALL_INFO_ENTRY) {
+            const Call call = entered(*info, pid != child_);
             if (counted(call)) entry(pid, call);
         } else if (const auto answer = answers_.find(pid); answer != answers_.end()) {
             set_answer(pid, answer->second);
@@ -146,7 +96,7 @@ class Tracer {
                 if (!writes(call)) return false;
                 return (!trace_.hit && cut(pid, call)) || fail(pid, call, ENOSPC);
             case Effect::kill:
-                set_call(pid, -1);
+                skip_call(pid);
                 ::kill(child_, SIGKILL);
                 return true;
         }
@@ -154,7 +104,7 @@ class Tracer {
     }
 
     bool fail(pid_t pid, const Call& call, int error) {
-        if (!works_anyway(call)) set_call(pid, -1);
+        if (!works_anyway(call)) skip_call(pid);
         answers_[pid] = -error;
         return true;
     }
@@ -166,10 +116,6 @@ class Tracer {
     }
 
     long count() const { return static_cast<long>(trace_.calls.size()); }
-    static void go_on(pid_t pid, int signal = 0) {
-        trace(PTRACE_SYSCALL, pid, 0, static_cast<std::uintptr_t>(signal));
-    }
-    static void leave(pid_t pid) { trace(PTRACE_DETACH, pid, 0, 0); }
 
     pid_t child_;
     Fault fault_;

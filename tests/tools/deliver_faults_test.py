@@ -7,36 +7,24 @@ import time
 import unittest
 
 from tools import toolkit
-from tools.toolkit import (SANITIZED, TSMAIL, SpoolCase, environment, folder_record, is_marked,
+from tools.toolkit import (SANITIZED, TSMAIL, Kept, SpoolCase, environment, folder_record, is_marked,
                            left_in_tmp, mail, mailbox_record, messages)
-from tools.tracing import traced_parent, traced_worker
+from tools.tracing import failing, from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
 
 ANN = "ann@site.test"
 DELIVER = [TSMAIL, "deliver", ANN]
+ALWAYS = 1000000
 BODY = b"Subject: x\n\n" + b"0123456789" * 20
-
-
-def numbered(calls):
-    """(name, n, line) of each system call, which is the n-th of its name, as strace counts."""
-    counts, result = {}, []
-    for line in calls:
-        match = re.match(r"(\w+)\(", line)
-        if match:
-            counts[match.group(1)] = counts.get(match.group(1), 0) + 1
-            result.append((match.group(1), counts[match.group(1)], line))
-    return result
 
 
 class FaultCase(SpoolCase):
     """Walks over the system calls of a delivery: all of the worker's, and the command's own from its first
     look at the mailbox on."""
 
-    # Makes the tool believe that it cannot name an unnamed file.
-    NAMED = ["-e", "inject=access:error=ENOENT:when=%d"]
-
     def setUp(self):
         super().setUp()
         self.succeed("create", ANN)
+        self.kept = Kept()
 
     def deliver(self, *options, named=False, trace=traced_worker):
         if named:
@@ -48,22 +36,21 @@ class FaultCase(SpoolCase):
             _, calls = self.deliver()
             [probe] = [n for name, n, line in numbered(calls)
                        if name == "access" and "/proc/self/fd" in line]
-            self.hide_proc = [word.replace("%d", str(probe)) for word in self.NAMED]
+            self.hide_proc = failing("ENOENT", "access", probe)  # as if it could not name an unnamed file
         done, calls = self.deliver(named=named, trace=trace)
         self.assertEqual(done.code, 0, done)
-        rows = numbered(calls)
-        first = 0
         if trace is traced_worker:
-            self.assertEqual(any("O_TMPFILE" in line for _, _, line in rows), not named)
+            rows = numbered(calls)
+            self.assertEqual(any("O_TMPFILE" in line for line in calls), not named)
         else:
-            first = next(i for i, (_, _, line) in enumerate(rows) if "/var/spool" in line)
+            rows = from_the_first_in_the_spool(calls)
         left_out = {"exit_group", "getpid", "geteuid", "getegid", "getppid", "umask"}
         left_out.add("brk")  # it fails by returning the old end and no errno; the C library dies of one
         if named:
             left_out.add("access")
         if SANITIZED:  # the sanitizer makes these calls and does not survive their failure
             left_out |= {"mmap", "munmap", "madvise"}
-        return [(name, n) for name, n, _ in rows[first:] if name not in left_out]
+        return [(name, n) for name, n, _ in rows if name not in left_out]
 
 
 class KilledCase(FaultCase):
@@ -71,8 +58,8 @@ class KilledCase(FaultCase):
         ended = 0
         for name, n in self.calls_of_a_delivery(named, trace):
             with self.subTest(call=name, n=n):
-                self.setUp()
-                done, _ = self.deliver("-e", f"inject={name}:signal=KILL:when={n}", named=named, trace=trace)
+                self.kept.put_back()
+                done, _ = self.deliver(*killed(name, n), named=named, trace=trace)
                 self.assertIn(done.code, (0, *codes), done)
                 ended += done.code != 0
                 self.check(done, leftovers)
@@ -122,9 +109,8 @@ class FailingCase(FaultCase):
         for name, n in self.calls_of_a_delivery(named, trace):
             for error in errors:
                 with self.subTest(call=name, n=n, error=error):
-                    self.setUp()
-                    done, _ = self.deliver("-e", f"inject={name}:error={error}:when={n}", named=named,
-                                           trace=trace)
+                    self.kept.put_back()
+                    done, _ = self.deliver(*failing(error, name, n), named=named, trace=trace)
                     refused += done.code != 0
                     self.check(done)
         self.assertGreater(refused, 5)
@@ -169,10 +155,10 @@ class CodesTest(FaultCase):
                 ("EROFS", 75), ("EPERM", 75), ("EACCES", 75), ("ELOOP", 73), ("ENXIO", 74),
                 ("ENOTCONN", 75), ("EHOSTDOWN", 75), ("EREMOTEIO", 75)]
         for error, code in rows:
-            done, _ = self.deliver("-e", f"inject=linkat:error={error}:when=1")
+            done, _ = self.deliver(*failing(error, "linkat"))
             self.assertEqual(done.code, code, done)
             self.assertRegex(done.err, "^tsmail: [^ ]*/Inbox: putting the message into new: ")
-        done, _ = self.deliver("-e", "inject=fsync:error=EIO:when=1")
+        done, _ = self.deliver(*failing("EIO", "fsync"))
         self.assertEqual(done.code, 74, done)
         self.assertEqual((messages(ANN), left_in_tmp(ANN)), ([], []))
 
@@ -187,7 +173,7 @@ class FallbackTest(FaultCase):
         n = self.tmpfile_call()
         for error in ("EOPNOTSUPP", "EISDIR", "EINVAL"):
             self.setUp()
-            done, calls = self.deliver("-e", f"inject=openat:error={error}:when={n}")
+            done, calls = self.deliver(*failing(error, "openat", n))
             self.assertEqual(done.code, 0, done)
             self.assertTrue(any("RENAME_NOREPLACE" in line for line in calls))
             self.assert_counted(ANN)
@@ -196,7 +182,7 @@ class FallbackTest(FaultCase):
     def test_a_file_that_cannot_get_a_name_is_copied(self):
         for error in ("EOPNOTSUPP", "ENOENT", "EINVAL", "ENOSYS"):
             self.setUp()
-            done, calls = self.deliver("-e", f"inject=linkat:error={error}:when=1")
+            done, calls = self.deliver(*failing(error, "linkat"))
             self.assertEqual(done.code, 0, done)
             self.in_order("\n".join(calls), r"O_TMPFILE", r"fsync\(", r"linkat\(.* = -1", r"O_CREAT\|O_EXCL", r"fsync\(",
                           "RENAME_NOREPLACE", r"fsync\(")
@@ -207,7 +193,7 @@ class FallbackTest(FaultCase):
         files = [f"/tmp/message{n}" for n in range(3)]
         for path in files:
             toolkit.write(path, BODY)
-        done, calls = traced_worker(["-e", "inject=linkat:error=EOPNOTSUPP:when=1"], [*DELIVER, *files])
+        done, calls = traced_worker(failing("EOPNOTSUPP", "linkat"), [*DELIVER, *files])
         self.assertEqual((done.code, len(messages(ANN))), (0, 3), done)
         self.assertEqual(sum("O_TMPFILE" in line for line in calls), 1)
 
@@ -215,21 +201,20 @@ class FallbackTest(FaultCase):
         n = self.tmpfile_call()
         for error in ("EINVAL", "ENOSYS"):
             self.setUp()
-            done, calls = self.deliver("-e", f"inject=openat:error=EOPNOTSUPP:when={n}",
-                                       "-e", f"inject=renameat2:error={error}")
+            done, calls = self.deliver(*failing("EOPNOTSUPP", "openat", n), *failing(error, "renameat2", 1, ALWAYS))
             self.assertEqual(done.code, 0, done)
             self.assertTrue(any(re.match(r"linkat\(\d", line) for line in calls))
             self.assert_counted(ANN)
             self.assertEqual(left_in_tmp(ANN), [])
 
     def test_a_name_that_exists_is_drawn_again(self):
-        done, calls = self.deliver("-e", "inject=linkat:error=EEXIST:when=1..3")
+        done, calls = self.deliver(*failing("EEXIST", "linkat", 1, 3))
         self.assertEqual(done.code, 0, done)
         names = [re.search(r'"(\d+\.[^"]*#E)"', line).group(1) for line in calls
                  if line.startswith("linkat")]
         self.assertEqual((len(names), len(set(names))), (4, 4))
         self.setUp()
-        done, calls = self.deliver("-e", "inject=linkat:error=EEXIST")
+        done, calls = self.deliver(*failing("EEXIST", "linkat", 1, ALWAYS))
         self.assertEqual(done.code, 75, done)
         self.assertEqual(messages(ANN), [])
 

@@ -13,11 +13,20 @@ import unittest
 from tools import toolkit
 from tools.toolkit import (DAEMON, TSMAIL, Lock, SpoolCase, content, environment, folder_record,
                            held_by_folders, is_marked, left_in_tmp, mail, mailbox_record, messages,
-                           numbered, run, traced, wait_until)
+                           run, wait_until)
+from tools.tracing import INJECT, failing, numbered, traced_worker
 
 ANN = "ann@site.test"
 HOME = os.path.dirname(mail(ANN))
 BODY = b"Subject: x\n\nbody\n"
+
+
+def is_message(path):
+    """Whether an open file is the message that is delivered."""
+    try:
+        return "/tmp/" in os.readlink(path) and content(path) == BODY
+    except OSError:
+        return False
 
 
 class FolderCase(SpoolCase):
@@ -25,12 +34,11 @@ class FolderCase(SpoolCase):
         super().setUp()
         self.succeed("create", ANN, "--folder", "Work/2024")
         # Makes the tool believe that it cannot name an unnamed file.
-        _, calls = traced([], [TSMAIL, "deliver", ANN], stdin=BODY)
+        _, calls = traced_worker([], [TSMAIL, "deliver", ANN], stdin=BODY)
         [probe] = [n for name, n, line in numbered(calls)
                    if name == "access" and "/proc/self/fd" in line]
         shutil.rmtree(mail(ANN))
-        self.named = ["strace", "-f", "-qq", "-o", "/dev/null",
-                      "-e", f"inject=access:error=ENOENT:when={probe}", "--"]
+        self.named = [INJECT, "--worker", "1", *failing("ENOENT", "access", probe), "--"]
         self.succeed("create", ANN, "--folder", "Work/2024")
 
     def begin_delivery(self, folder, *words, prefix=()):
@@ -43,7 +51,8 @@ class FolderCase(SpoolCase):
         process.stdin.write(BODY)
         process.stdin.close()
         process.stdin = None
-        time.sleep(0.4)  # it has written the message and waits
+        wait_until(lambda: any(is_message(path) for path in glob.glob("/proc/[0-9]*/fd/*")))
+        time.sleep(0.2)  # it waits
         self.assertIsNone(process.poll())
         return process
 

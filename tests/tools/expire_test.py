@@ -1,13 +1,12 @@
 """expire: which messages go, which stay, what is counted; and a kill at each of its system calls."""
 
 import os
-import re
 import time
 import unittest
 
-from tools.toolkit import (TSMAIL, SpoolCase, as_nobody, folder_record, is_marked, mail, mailbox_record,
+from tools.toolkit import (TSMAIL, Kept, SpoolCase, as_nobody, folder_record, is_marked, mail, mailbox_record,
                            messages, own_by_nobody, snapshot, tsmail, write)
-from tools.tracing import killed_with_its_worker, traced_worker
+from tools.tracing import all_killed, numbered, traced_worker
 
 ANN, BERT, CARL = "ann@site.test", "bert@site.test", "carl@other.test"
 DAY = 86400
@@ -232,20 +231,18 @@ class KilledTest(ExpireCase):
 
     def test_totals_are_right_or_marked(self):
         self.prepare()
+        kept = Kept()
         words = self.begin_old()
         done, calls = traced_worker([], words)
         self.assertFalse([line for line in calls if "/etc/localtime" in line][1:], "once, not for each message")
         self.assertEqual((done.code, self.names(), mailbox_record(ANN)), (0, [], (0, 0)), done)
-        counts, removed = {}, set()
-        for line in calls:
-            match = re.match(r"(\w+)\(", line)
-            if not match or match.group(1) == "exit_group":
+        removed = set()
+        for name, n, line in numbered(calls):
+            if name == "exit_group":
                 continue
-            name = match.group(1)
-            counts[name] = counts.get(name, 0) + 1
             with self.subTest(call=line):
-                self.prepare()
-                killed_with_its_worker(["-e", f"inject={name}:signal=KILL:when={counts[name]}"], words)
+                kept.put_back()
+                traced_worker(all_killed(name, n), words)
                 left = len(self.names())
                 removed.add(left)
                 right = mailbox_record(ANN) == folder_record(ANN, "Trash") == (10 * left, left)

@@ -1,16 +1,14 @@
 """import: what comes from a Maildir or an mbox, what is left out, what a second run brings."""
 
-import glob
 import mailbox
 import os
-import re
 import threading
 import time
 import unittest
 
-from tools.toolkit import (SANITIZED, TSMAIL, SpoolCase, content, folder_record, is_marked, left_in_tmp, mail,
-                           mailbox_record, messages, run, snapshot, tsmail, wait_until, write)
-from tools.tracing import traced_parent, traced_worker
+from tools.toolkit import (SANITIZED, TSMAIL, Kept, SpoolCase, content, folder_record, is_marked, left_in_tmp, mail,
+                           mailbox_record, messages, run, snapshot, tsmail, write)
+from tools.tracing import all_killed, from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
 
 ANN = "ann@site.test"
 SOURCE = "/tmp/source"
@@ -27,18 +25,6 @@ def make_maildir(path):
 def put(path, text, date):
     write(path, text)
     os.utime(path, (1, date))
-
-
-def running():
-    """Whether a process of the command exists that has not ended."""
-    for status in glob.glob("/proc/[0-9]*/stat"):
-        try:
-            with open(status, encoding="ascii", errors="replace") as file:
-                if "(tsmail) " in (text := file.read()) and "(tsmail) Z" not in text:
-                    return True
-        except OSError:
-            continue
-    return False
 
 
 def text_of(number):
@@ -294,7 +280,6 @@ class KilledTest(ImportCase):
         put(f"{SOURCE}/.Work/new/1.x", text_of(7), 1700000000)
 
     def check(self):
-        wait_until(lambda: not running())  # the worker of a command that was killed
         for folder in ("Inbox", "Work"):
             sizes = [os.path.getsize(path) for path in messages(ANN, folder)]
             self.assertTrue(is_marked(ANN) or folder_record(ANN, folder) == (sum(sizes), len(sizes)), folder)
@@ -302,27 +287,20 @@ class KilledTest(ImportCase):
         self.assertTrue(is_marked(ANN) or mailbox_record(ANN) == (sum(total), len(total)))
         self.assertEqual(left_in_tmp(ANN), [])
         self.succeed("import", ANN, SOURCE)
-        self.assertEqual([row[0] for row in self.found()], [text_of(n) for n in range(3)])
-        self.assertEqual([row[0] for row in self.found("Work")], [text_of(7)])
+        self.assertEqual(sorted(map(content, messages(ANN))), [text_of(n) for n in range(3)])
+        self.assertEqual(list(map(content, messages(ANN, "Work"))), [text_of(7)])
 
-    def kill_everywhere(self, trace):
+    def kill_everywhere(self, trace, kill=killed):
         self.fill()
-        words = [TSMAIL, "import", ANN, SOURCE]
+        kept, words = Kept(), [TSMAIL, "import", ANN, SOURCE]
         _, calls = trace([], words)
-        counts, ended, begun = {}, 0, trace is traced_worker
-        for line in calls:
-            begun = begun or "/var/spool" in line
-            match = re.match(r"(\w+)\(", line)
-            if not match or match[1] not in self.CALLS:
+        rows, ended = numbered(calls) if trace is traced_worker else from_the_first_in_the_spool(calls), 0
+        for name, n, _ in rows:
+            if name not in self.CALLS or SANITIZED and n % 3:
                 continue
-            name = match[1]
-            counts[name] = counts.get(name, 0) + 1
-            if not begun or SANITIZED and counts[name] % 3:
-                continue
-            with self.subTest(call=name, n=counts[name]):
-                self.setUp()
-                self.fill()
-                done, _ = trace(["-e", f"inject={name}:signal=KILL:when={counts[name]}"], words)
+            with self.subTest(call=name, n=n):
+                kept.put_back()
+                done, _ = trace(kill(name, n), words)
                 ended += done.code != 0
                 self.check()
         self.assertGreater(ended, 5)
@@ -332,6 +310,9 @@ class KilledTest(ImportCase):
 
     def test_the_command(self):
         self.kill_everywhere(traced_parent)
+
+    def test_both(self):
+        self.kill_everywhere(traced_worker, all_killed)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "needs root")

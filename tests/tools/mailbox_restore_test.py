@@ -1,13 +1,12 @@
 """mailbox remove, which puts the home aside, mailbox restore and sweep; each killed at every system call."""
 
 import os
-import re
 import subprocess
 import time
 import unittest
 
-from tools.toolkit import TSMAIL, SpoolCase, mail, mailbox_record, messages, snapshot, tsmail, write
-from tools.tracing import traced_parent
+from tools.toolkit import TSMAIL, Kept, SpoolCase, mail, mailbox_record, messages, snapshot, tsmail, write
+from tools.tracing import from_the_first_in_the_spool, killed, traced_parent
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 HOME, DOMAIN = os.path.dirname(mail(ANN)), "/var/spool/home/site.test"
@@ -187,27 +186,21 @@ class SweepTest(HiddenCase):
 class KilledTest(HiddenCase):
     """The command is killed at each system call, its workers end with it."""
 
-    def killed(self, words, prepare, check):
+    def killed_everywhere(self, words, prepare, check):
         prepare()
+        kept = Kept()
         done, calls = traced_parent([], [TSMAIL, *words])
         self.assertEqual(done.code, 0, done)
-        first = next(number for number, line in enumerate(calls) if "/var/spool" in line)
-        counts, killed = {}, 0
-        for number, line in enumerate(calls):
-            match = re.match(r"(\w+)\(", line)
-            if not match:
-                continue
-            name = match.group(1)
-            counts[name] = counts.get(name, 0) + 1
-            if number < first or name in ("exit_group", "geteuid", "fcntl", "newfstatat", "close", "brk", "mmap"):
+        ended = 0
+        for name, n, line in from_the_first_in_the_spool(calls):
+            if name in ("exit_group", "geteuid", "fcntl", "newfstatat", "close", "brk", "mmap"):
                 continue
             with self.subTest(call=line):
-                prepare()
-                done, _ = traced_parent(["-e", f"inject={name}:signal=KILL:when={counts[name]}"],
-                                        [TSMAIL, *words])
-                killed += done.code != 0
+                kept.put_back()
+                done, _ = traced_parent(killed(name, n), [TSMAIL, *words])
+                ended += done.code != 0
                 check()
-        self.assertGreater(killed, 20)
+        self.assertGreater(ended, 20)
 
     def whole(self):
         """The mailbox is here or hidden, with its mail; at the end it is here, and its partner names it."""
@@ -221,7 +214,7 @@ class KilledTest(HiddenCase):
             self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
 
     def test_remove(self):
-        self.killed(["mailbox", "remove", ANN, "--yes"], self.setUp, self.whole)
+        self.killed_everywhere(["mailbox", "remove", ANN, "--yes"], self.setUp, self.whole)
 
     def test_restore(self):
         def prepare():
@@ -231,7 +224,7 @@ class KilledTest(HiddenCase):
         def check():
             self.whole()
             self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
-        self.killed(["mailbox", "restore", ANN], prepare, check)
+        self.killed_everywhere(["mailbox", "restore", ANN], prepare, check)
 
     def test_sweep(self):
         def prepare():
@@ -241,7 +234,7 @@ class KilledTest(HiddenCase):
         def check():
             self.succeed("sweep", "--all")
             self.assertEqual((hidden(), records()), ([], []))
-        self.killed(["sweep", "--all"], prepare, check)
+        self.killed_everywhere(["sweep", "--all"], prepare, check)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "only root takes other users' rights")

@@ -1,15 +1,13 @@
 """message move, flag and rm with several messages: where they are, what is counted, what a kill leaves."""
 
 import os
-import re
-import subprocess
 import threading
 import time
 import unittest
 
-from tools.toolkit import (SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
+from tools.toolkit import (SANITIZED, TSMAIL, Kept, Lock, SpoolCase, as_nobody, content, folder_record, is_marked,
                            mail, mailbox_record, messages, own_by_nobody, snapshot, tsmail, write)
-from tools.tracing import traced_parent, traced_worker
+from tools.tracing import all_killed, killed, numbered, traced_parent, traced_worker
 
 ANN = "ann@site.test"
 
@@ -237,20 +235,17 @@ class KilledCase(MessageCase):
 
     def calls(self, trace, words):
         _, lines = trace([], [TSMAIL, *words])
-        counts, rows = {}, []
-        for line in lines:
-            if match := re.match(r"(\w+)\(", line):
-                counts[match[1]] = counts.get(match[1], 0) + 1
-                rows.append((match[1], counts[match[1]]))
+        rows = [(name, n) for name, n, _ in numbered(lines)]
         return [row for row in rows if row[0] not in self.HARMLESS][::self.STEPS]
 
-    def kill_everywhere(self, trace, words):
+    def kill_everywhere(self, trace, words, kill=killed):
         self.prepare()
+        kept = Kept()
         ended = 0
         for name, n in self.calls(trace, words()):
-            self.prepare()
+            kept.put_back()
             with self.subTest(call=name, n=n):
-                done, _ = trace(["-e", f"inject={name}:signal=KILL:when={n}"], [TSMAIL, *words()])
+                done, _ = trace(kill(name, n), [TSMAIL, *words()])
                 ended += done.code != 0
                 self.check()
         self.assertGreater(ended, 20)
@@ -281,6 +276,9 @@ class KilledMoveTest(KilledCase):
 
     def test_the_command(self):
         self.kill_everywhere(traced_parent, lambda: [*self.MOVE, *self.files, "--to", "Work"])
+
+    def test_both(self):
+        self.kill_everywhere(traced_worker, lambda: [*self.MOVE, *self.files, "--to", "Work"], all_killed)
 
 
 class KilledFlagTest(KilledCase):

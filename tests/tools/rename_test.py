@@ -1,12 +1,13 @@
 """mailbox rename, domain rename; both killed at each system call, after which the same command finishes."""
 
 import os
-import re
 import subprocess
 import unittest
+from functools import partial
 
-from tools.toolkit import TSMAIL, SpoolCase, content, mail, mailbox_record, messages, run, snapshot, tsmail, write
-from tools.tracing import killed_with_its_worker, traced_parent, traced_worker
+from tools.toolkit import TSMAIL, Kept, SpoolCase, content, mail, mailbox_record, messages, snapshot, tsmail, write
+from tools.tracing import (all_killed, failing, from_the_first_in_the_spool, killed, numbered, traced_parent,
+                           traced_worker)
 
 ANN, EVE, BERT, CLEO = "ann@site.test", "eve@site.test", "bert@site.test", "cleo@other.test"
 SPOOL = "/var/spool/home"
@@ -73,11 +74,22 @@ class MailboxTest(RenameCase):
     def test_a_name_that_is_taken_at_the_last_moment(self):
         """All that was done is taken back."""
         before = {path: what for path, what in snapshot("/var/spool").items() if not path.endswith(".lock")}
-        done = run(["strace", "-f", "-qq", "-o", "/tmp/log", "-P", SPOOL + "/site.test", "-e",
-                    "inject=renameat2:error=EEXIST", TSMAIL, "mailbox", "rename", ANN, EVE])
+        kept, words = Kept(), [TSMAIL, "mailbox", "rename", ANN, EVE]
+        worker, n = next(self.renamings(kept, words))
+        kept.put_back()
+        done, _ = traced_worker(failing("EEXIST", "renameat2", n), words, number=worker)
         after = {path: what for path, what in snapshot("/var/spool").items() if not path.endswith(".lock")}
         self.assertEqual((done.code, after), (73, before), done)
         self.assertIn("this name is taken", done.err)
+
+    @staticmethod
+    def renamings(kept, words):
+        """The worker that renames the home, and which of its calls does it."""
+        for worker in range(1, 10):
+            kept.put_back()
+            _, calls = traced_worker([], words, number=worker)
+            yield from ((worker, n) for name, n, line in numbered(calls)
+                        if name == "renameat2" and '"ann~site.test", ' in line)
 
     def test_a_file_whose_new_name_is_taken(self):
         write(f"{SPOOL}/site.test/ann~site.test/pref/eve~site.test.pref", "x\n")
@@ -140,42 +152,58 @@ class DomainTest(RenameCase):
         self.assertEqual(snapshot("/var/spool"), before)
 
 
-class KilledTest(RenameCase):
-    def killed(self, words, check):
-        """The command and its first worker, which is the same as all others of this owner, at each of their calls."""
-        for trace, kill in ((traced_parent, traced_parent), (traced_worker, killed_with_its_worker)):
-            self.setUp()
-            done, calls = trace([], [TSMAIL, *words])
-            self.assertEqual(done.code, 0, done)
-            check()
-            first = next(number for number, line in enumerate(calls) if "/var/spool" in line)
-            counts, ended = {}, 0
-            for number, line in enumerate(calls):
-                match = re.match(r"(\w+)\(", line)
-                if not match:
-                    continue
-                name = match.group(1)
-                counts[name] = counts.get(name, 0) + 1
-                if number < first or name in ("exit_group", "geteuid", "fcntl", "newfstatat", "close", "brk", "mmap"):
-                    continue
+class KilledCase(RenameCase):
+    """The command is killed at each of its calls, and with its workers at each call of each worker."""
+
+    HARMLESS = ("exit_group", "geteuid", "fcntl", "newfstatat", "close", "brk", "mmap")
+
+    def killed_everywhere(self, words, check):
+        self.words, self.check, self.kept = [TSMAIL, *words], check, Kept()
+        self.assertGreater(self.killed_in(traced_parent, killed), 5)
+        ended = []
+        while not ended or ended[-1] is not None:
+            ended.append(self.killed_in(partial(traced_worker, number=len(ended) + 1), all_killed))
+        self.assertGreater(len(ended), 4)
+        self.assertGreater(sum(ended[:-1]), 50)
+
+    def killed_in(self, trace, kill):
+        """In how many of its calls the process was killed before the end; None if there is no such process."""
+        self.kept.put_back()
+        done, calls = trace([], self.words)
+        self.assertEqual(done.code, 0, done)
+        self.check()
+        if not calls:
+            return None
+        ended = 0
+        for name, n, line in from_the_first_in_the_spool(calls) if trace is traced_parent else numbered(calls):
+            if name not in self.HARMLESS:
                 with self.subTest(call=line):
-                    self.setUp()
-                    kill(["-e", f"inject={name}:signal=KILL:when={counts[name]}"], [TSMAIL, *words])
-                    if os.path.exists(SPOOL + "/site.test/ann~site.test") or words[0] == "domain":
-                        ended += 1
-                        again = tsmail(*words)
-                        gone = not os.path.exists(SPOOL + "/site.test") and words[0] == "domain"
-                        self.assertEqual(again.code, 0 if "no such domain" not in again.err else 65, again)
-                        self.assertTrue(again.code == 0 or gone, again)
-                    check()
-            self.assertGreater(ended, 5)
+                    self.kept.put_back()
+                    trace(kill(name, n), self.words)
+                    ended += self.finished()
+        return ended
 
-    def test_mailbox(self):
-        self.killed(["mailbox", "rename", ANN, EVE], lambda: self.assert_moved(EVE))
+    def finished(self):
+        """Whether the same command had something to do."""
+        begun = "domain" in self.words or os.path.exists(SPOOL + "/site.test/ann~site.test")
+        if begun:
+            again = tsmail(*self.words[1:])
+            gone = not os.path.exists(SPOOL + "/site.test") and "domain" in self.words
+            self.assertEqual(again.code, 0 if "no such domain" not in again.err else 65, again)
+            self.assertTrue(again.code == 0 or gone, again)
+        self.check()
+        return begun
 
-    def test_domain(self):
-        self.killed(["domain", "rename", "site.test", "new.test"],
-                    lambda: self.assert_moved("ann@new.test", "bert@new.test"))
+
+class KilledMailboxTest(KilledCase):
+    def test_each_call(self):
+        self.killed_everywhere(["mailbox", "rename", ANN, EVE], lambda: self.assert_moved(EVE))
+
+
+class KilledDomainTest(KilledCase):
+    def test_each_call(self):
+        self.killed_everywhere(["domain", "rename", "site.test", "new.test"],
+                               lambda: self.assert_moved("ann@new.test", "bert@new.test"))
 
 
 @unittest.skipUnless(os.geteuid() == 0, "only root takes other users' rights")

@@ -1,13 +1,12 @@
 """restore, and rm and restore killed at each of their system calls."""
 
 import os
-import re
 import time
 import unittest
 
-from tools.toolkit import (TSMAIL, SpoolCase, folder_record, held_by_folders, is_marked, mail, mailbox_record,
+from tools.toolkit import (TSMAIL, Kept, SpoolCase, folder_record, held_by_folders, is_marked, mail, mailbox_record,
                            messages, snapshot, write)
-from tools.tracing import killed_with_its_worker, traced_worker
+from tools.tracing import all_killed, numbered, traced_worker
 
 ANN = "ann@site.test"
 HOME = os.path.dirname(mail(ANN))
@@ -132,18 +131,16 @@ class KilledTest(RestoreCase):
 
     def killed(self, words, prepare, check, counts_left):
         prepare()
+        kept = Kept()
         done, calls = traced_worker([], [TSMAIL, *words])
         self.assertEqual(done.code, 0, done)
-        counts, changed = {}, set()
-        for line in calls:
-            match = re.match(r"(\w+)\(", line)
-            if not match or match.group(1) == "exit_group":
+        changed = set()
+        for name, n, line in numbered(calls):
+            if name == "exit_group":
                 continue
-            name = match.group(1)
-            counts[name] = counts.get(name, 0) + 1
             with self.subTest(call=line):
-                prepare()
-                killed_with_its_worker(["-e", f"inject={name}:signal=KILL:when={counts[name]}"], [TSMAIL, *words])
+                kept.put_back()
+                traced_worker(all_killed(name, n), [TSMAIL, *words])
                 size, count = held_by_folders(ANN)
                 changed.add(count)
                 self.assertTrue(mailbox_record(ANN) == (size, count) or is_marked(ANN))
