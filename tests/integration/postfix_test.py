@@ -336,6 +336,43 @@ class LmtpTest(PostfixCase):
         self.assertEqual(left_in_tmp("ann@site.test"), [])
 
 
+class PolicyTest(PostfixCase):
+    """Postfix asks `tsmail policy` about each recipient, as the page says."""
+
+    def prepare(self):
+        page = pathlib.Path(SOURCE, "docs/neighbours/postfix.md").read_text(encoding="utf-8")
+        command, line = re.search(r"## Full mailboxes.*?\n    tsmail (.*?)\n.*?```\n(.*?)\n```$", page,
+                                  re.S | re.M).groups()
+        subprocess.run(["postconf", "-e", line], check=True)
+        self.assertEqual(postfix("reload").returncode, 0)
+        self.service = subprocess.Popen([TSMAIL, *command.split()], env=environment())
+        self.addCleanup(self.service.wait)
+        self.addCleanup(self.service.kill)
+        wait_until(lambda: os.path.exists("/var/spool/postfix/private/tsmail-policy"), "the socket")
+
+    def test_a_full_mailbox_is_refused_when_it_is_named(self):
+        self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
+        with smtplib.SMTP("127.0.0.1") as smtp:
+            recipients = ["ann@site.test", "ann+Work@site.test", "bob@site.test"]
+            refused = smtp.sendmail("bob@site.test", recipients, b"Subject: x\r\n\r\nx\r\n")
+            self.assertEqual(sorted(refused), ["ann+Work@site.test", "ann@site.test"])
+            for code, text in refused.values():
+                self.assertEqual(code, 552)
+                self.assertRegex(text, rb"^5\.2\.2 .*full")
+            self.succeed("quota", "clear", "ann@site.test", "exceeded", **neighbours.as_vmail())
+            self.assertEqual(smtp.sendmail("bob@site.test", recipients[:1], b"Subject: y\r\n\r\ny\r\n"), {})
+        wait_until(everything_delivered, "delivery")
+        self.assertEqual([len(messages(f"{user}@site.test")) for user in ("ann", "bob")], [1, 1])
+
+    def test_mail_comes_in_while_the_service_is_away(self):
+        self.service.kill()
+        self.service.wait()
+        with smtplib.SMTP("127.0.0.1") as smtp:
+            self.assertEqual(smtp.sendmail("bob@site.test", ["ann@site.test"], b"Subject: x\r\n\r\nx\r\n"), {})
+        wait_until(everything_delivered, "delivery")
+        self.assertEqual(len(messages("ann@site.test")), 1)
+
+
 class NoticeTest(PostfixCase):
     def test_a_quota_notice_goes_out_and_comes_back_in(self):
         self.succeed("quota", "notify", "ann@site.test", "--subject", "Mailbox nearly full",

@@ -66,8 +66,8 @@ def output_of(*words):
 
 
 class UnitsTest(unittest.TestCase):
-    def test_each_timer_has_its_service(self):
-        self.assertEqual([s.stem for s in SERVICES], ["tsmail-lmtp", "tsmail-recount", "tsmail-sweep"])
+    def test_each_socket_and_timer_has_its_service(self):
+        self.assertEqual([s.stem for s in SERVICES], ["tsmail-lmtp", "tsmail-policy", "tsmail-recount", "tsmail-sweep"])
         self.assertEqual([t.stem for t in [*SOCKETS, *TIMERS]], [s.stem for s in SERVICES])
 
     def test_systemd_reads_them_without_a_word(self):
@@ -123,15 +123,24 @@ class CommandsTest(SpoolCase):
     @unittest.skipUnless(os.geteuid() == 0, "only root has capabilities to give up")
     def test_their_rights_are_enough_for_mail_that_arrives(self):
         address = self.mailbox_of_nobody()
-        talk = f"LHLO c\r\nMAIL FROM:<>\r\nRCPT TO:<{address}>\r\nDATA\r\n" + "x" * 200000 + "\r\n.\r\n"
+        talk = f"LHLO c\r\nMAIL FROM:<>\r\nRCPT TO:<{address}>\r\nDATA\r\n" + "x" * 11_000_000 + "\r\n.\r\n"
         before = ("strace", "-f", "-qq", "-o", "/tmp/calls") if not SANITIZED else ()
         done = self.limited(UNITS / "tsmail-lmtp.service", before=before, stdin=talk.encode())
         self.assertRegex(done.out, r"\n250 2\.0\.0 Saved as \S+\r\n$", done)
         self.assertEqual(mailbox_record(address)[1], 2)
         if not SANITIZED:
             calls = set(re.findall(r"(?m)^\d+ +(\w+)\(", pathlib.Path("/tmp/calls").read_text(encoding="utf-8")))
-            self.assertIn("memfd_create", calls)
+            self.assertLessEqual({"memfd_create", "sendfile"}, calls)  # in memory, and moved to the disk
             self.assertEqual(calls - allowed_calls(UNITS / "tsmail-lmtp.service"), set())
+
+    @unittest.skipUnless(os.geteuid() == 0, "only root has capabilities to give up")
+    def test_their_rights_are_enough_for_questions(self):
+        address = self.mailbox_of_nobody()
+        question = f"request=smtpd_access_policy\nrecipient={address}\n\n".encode()
+        service = UNITS / "tsmail-policy.service"
+        self.assertEqual(self.limited(service, stdin=question).out, "action=DUNNO\n\n")
+        self.succeed("quota", "set", address, "exceeded")
+        self.assertRegex(self.limited(service, stdin=question).out, r"^action=452 4\.2\.2 .*full\n\n$")
 
     def limited(self, service, *more, before=(), **options):
         """Runs the command with no other capabilities than the service has."""
