@@ -2,7 +2,7 @@
 # bench.sh [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]
 # bench.sh --scale
 # bench.sh --python [--quick]
-# bench.sh --expire [--quick]
+# bench.sh --day [--quick]
 # bench.sh --lmtp
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
@@ -12,25 +12,26 @@
 # (default: build/neighbours). --quick is a smoke test (do all columns agree?): small sizes, times are not
 # judged, and files are written only below build/bench/. --scale measures how a spool of generated mailboxes
 # grows to 100,000 of them. It takes ten minutes, 13 GiB and six million inodes, which are freed at the end.
-# --python measures the Python package beside C++ and the standard library. --expire measures the removal of 100,000 old
-# messages beside find. --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links.
+# --python measures the Python package beside C++ and the standard library. --day measures an administrator's daily
+# jobs: removal of old messages beside find, import beside mdeliver and doveadm, usage and doctor over many mailboxes.
+# --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
 
-quick='' scale='' python='' expire='' lmtp='' only='' words=() choice=() peers=$top/build/neighbours
+quick='' scale='' python='' day='' lmtp='' only='' words=() choice=() peers=$top/build/neighbours
 while [ $# -gt 0 ]; do
     case $1 in
     --quick) quick=1 choice+=(--quick) ;;
     --scale) scale=1 ;;
     --python) python=1 ;;
-    --expire) expire=1 ;;
+    --day) day=1 ;;
     --lmtp) lmtp=1 ;;
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
     --peers) peers=$(realpath -m "$2") && shift ;;
-    *) die "usage: bench.sh [--scale | --python | --expire | --lmtp] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
+    *) die "usage: bench.sh [--scale | --python | --day | --lmtp] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
     esac
     shift
 done
@@ -90,14 +91,13 @@ if [ -n "$python" ]; then
     cat build/bench/new/python.md
     exit
 fi
-if [ -n "$expire$quick" ] && [ -z "$only" ]; then
-    say "Measuring the removal of old messages"
-    size=(100000 5) && [ -z "$quick" ] || size=(500 1)
-    inside expire python3 -B bench/expire.py build/dev/tools/tsmail build/bench/new/expire.md "${size[@]}"
+if [ -n "$day$quick" ] && [ -z "$only" ]; then
+    say "Measuring daily jobs"
+    inside day python3 -B bench/day.py build/dev/tools/tsmail build/bench/new/day.md ${quick:+--quick}
 fi
-if [ -n "$expire" ]; then
-    [ -n "$quick" ] || cp build/bench/new/expire.md "$out/expire.md"
-    cat build/bench/new/expire.md
+if [ -n "$day" ]; then
+    [ -n "$quick" ] || cp build/bench/new/day.md "$out/day.md"
+    cat build/bench/new/day.md
     exit
 fi
 load=$(cut -d ' ' -f 1-3 /proc/loadavg)
