@@ -26,7 +26,7 @@ TEMPLATE = "/tmp/template"
 # Each verb ends with an exit code of sysexits, or with 1 for the answer no.
 VERBS = (
     ("create", ANN), ("create", ANN, "--folder", "Extra/Sub"), ("folders", ANN), ("messages", ANN, "Inbox"), ("size", ANN),
-    ("recount", ANN), ("tag", ANN), ("usage",), ("usage", "--verify"),
+    ("recount", ANN), ("recount", ANN, "--dry-run"), ("tag", ANN), ("usage",), ("usage", "--verify"),
     ("usage", "--total"), ("metrics",), ("doctor", "--spool"), ("doctor", ANN), ("doctor", ANN, "--repair"),
     ("deliver", ANN), ("deliver", "ann+Tag@site.test"), ("deliver", "ann+Tag@site.test", "--new-folders"),
     ("deliver", ANN, "--defer-exceeded"), ("deliver", ANN, "--folder", "Work", "--create"),

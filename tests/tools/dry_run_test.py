@@ -49,6 +49,28 @@ class DryRunTest(SpoolCase):
         self.assertEqual((done.code, done.out), (65, "1 would be added, 1 were there, 1 refused\n"))
         self.assertEqual(content(f"{HOME}/pref/ann~site.test.whitelist"), before)
 
+    def test_a_recount(self):
+        write(mail(ANN) + "/.maildirsize", "70 7\n")
+        write(mail(ANN) + "/.maildirsize.dirty", "")
+        write(mail(ANN) + "/Sent/.ts_folder_size", "5 1\n")
+        before, daemon = snapshot("/var/spool"), self.listen()
+        marked = os.stat(mail(ANN) + "/.maildirsize.dirty").st_mtime_ns
+        lines = [f"{ANN} Inbox: would become 1 message (1 B), kept is 0 messages (0 B)",
+                 f"{ANN} Sent: would become 0 messages (0 B), kept is 1 message (5 B)",
+                 f"{ANN}: would become 1 message (1 B), kept is 7 messages (70 B); it is marked"]
+        done = self.succeed("recount", ANN, "--dry-run")
+        self.assertEqual((done.lines, done.err), (lines, ""))
+        for words in (("--all",), ("--all", "--marked"), ("--domain", "site.test")):
+            self.assertEqual(self.succeed("recount", *words, "--dry-run").lines, [*lines, "1 mailbox counted"])
+        [row] = self.succeed("--json", "recount", ANN, "--dry-run").objects
+        self.assertEqual((row["done"], row["messages"], row["messages_before"], row["dirty"]), (False, 1, 7, True))
+        self.assertEqual((snapshot("/var/spool"), self.told(daemon)), (before, []))
+        self.assertEqual(os.stat(mail(ANN) + "/.maildirsize.dirty").st_mtime_ns, marked)
+        [row] = self.succeed("--json", "recount", ANN).objects
+        self.assertEqual((row["done"], row["messages"], row["messages_before"], row["dirty"]), (True, 1, 7, False))
+        self.assertEqual(self.told(daemon), [f"S-69,F({mail(ANN)})"])
+        self.assertEqual(self.succeed("recount", ANN, "--dry-run").out, f"{ANN}: 1 message (1 B)\n")
+
     def test_reset_and_clear(self):
         self.succeed("pref", "set", ANN, "npage=50")
         self.succeed("quota", "set", ANN, "warning")

@@ -87,7 +87,7 @@ class RecountTest(RecountCase):
         daemon = self.listen()
         [row] = self.succeed("--json", "recount", ANN).objects
         self.assertEqual(row, {
-            "address": ANN, "path": mail(ANN), "messages": 3, "bytes": 123, "messages_before": 3,
+            "address": ANN, "path": mail(ANN), "done": True, "messages": 3, "bytes": 123, "messages_before": 3,
             "bytes_before": 200, "damaged_before": False, "dirty_before": True, "dirty": False,
             "corrected": [{"folder": "Inbox", "messages": 1, "bytes": 100, "messages_before": 7,
                            "bytes_before": 7, "damaged_before": False}]})

@@ -11,6 +11,7 @@
 #include "tools/cli/text.h"
 #include "tools/work/folder_list.h"
 #include "tools/work/mailbox_lock.h"
+#include "tools/work/records.h"
 #include "tools/work/scan.h"
 
 namespace Tessaly::tool {
@@ -181,7 +182,24 @@ std::optional<MailboxRecount> try_recount(const TSMailUserId& id, const Done& do
     return recount_locked(id, folders, path, file, done);
 }
 
+Recounted expected(const LockedFolder& folder, const string& path) {
+    return {folder.name, shown(stored_totals(path).value_or(Totals())), count(folder)};
+}
+
 }  // namespace
+
+MailboxRecount expected_recount(const TSMailUserId& id, const Done& done) {
+    const LockedFolders folders = lock_folders(id);
+    MailboxRecount result;
+    result.was_marked = result.is_marked = is_marked(id);
+    result.mailbox.before = shown(stored_totals(mailbox_size_file(id)).value_or(Totals()));
+    for (const LockedFolder& folder : folders) {
+        result.folders.push_back(expected(folder, folder_size_file(id.mailfolder(folder.name))));
+        add(result.mailbox.after, result.folders.back().after);
+        if (done) done(result.folders.size(), folders.size());
+    }
+    return result;
+}
 
 MailboxRecount recount(const TSMailUserId& id, const Done& done) {
     for (;;) {

@@ -36,6 +36,9 @@ struct MailboxRecount {
 // counted folders and of all.
 MailboxRecount recount(const TSMailUserId& id,
                        const std::function<void(std::size_t, std::size_t)>& done = {});
+// What a recount would write; deliveries and removals wait as well. Nothing changes.
+MailboxRecount expected_recount(const TSMailUserId& id,
+                                const std::function<void(std::size_t, std::size_t)>& done = {});
 
 }  // namespace Tessaly::tool
 
