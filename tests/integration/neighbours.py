@@ -17,7 +17,7 @@ import sys
 SKIPPED = 77
 VMAIL = 5000  # the user and group that own the mail
 # Needed to mount file systems over others, and to run programs that give up root's rights.
-ACCOUNTS = ["vmail:5000", "dovecot:901", "dovenull:902", "postfix:903", "postdrop:904"]
+ACCOUNTS = ["vmail:5000", "dovecot:901", "dovenull:902", "postfix:903", "postdrop:904", "Debian-exim:905"]
 
 
 def skip(reason):
@@ -73,6 +73,10 @@ def inside(roots, file, test_class):
             users.write(f"{name}:x:{number}:{number}::/var/spool/home:/bin/sh\n")
             groups.write(f"{name}:x:{number}:\n")
     os.execv(sys.executable, [sys.executable, "-B", file, "-v", test_class])
+
+
+def number_of(account):
+    return int(dict(entry.split(":") for entry in ACCOUNTS)[account])
 
 
 def as_vmail():
