@@ -85,6 +85,10 @@ std::size_t width_of(std::string_view text) {
     return width;
 }
 
+std::string counted(std::uint64_t number, const char* thing) {
+    return fmt::format("{} {}{}", number, thing, number == 1 ? "" : "s");
+}
+
 std::string size_text(std::uint64_t bytes) {
     constexpr const char* kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB"};
     constexpr double kStep = 1024;
@@ -100,9 +104,7 @@ std::string size_text(std::uint64_t bytes) {
     return fmt::format("{:.1f} {}", value, kUnits[unit]);
 }
 
-std::string messages_text(std::uint64_t number) {
-    return fmt::format("{} message{}", number, number == 1 ? "" : "s");
-}
+std::string messages_text(std::uint64_t number) { return counted(number, "message"); }
 
 bool is_utf8(std::string_view text) {
     while (!text.empty()) {

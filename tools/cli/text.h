@@ -17,6 +17,9 @@ std::string printable(std::string_view text);
 // The columns that the text takes on a terminal. A combining mark takes none, an ideograph two.
 std::size_t width_of(std::string_view text);
 
+// "1 message", "2 messages".
+std::string counted(std::uint64_t number, const char* thing);
+
 // A size in binary units: "0 B", "1023 B", "1.0 KiB", "12.3 MiB".
 std::string size_text(std::uint64_t bytes);
 

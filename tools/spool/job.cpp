@@ -221,8 +221,8 @@ class Run {
                 read_from(worker);
             } else if (!worker->tasks().empty() && Clock::now() >= deadline(*worker)) {
                 lose(worker, true,
-                     fmt::format("it took longer than {} second{}", limit_.count(),
-                                 limit_.count() == 1 ? "" : "s"));
+                     "it took longer than " +
+                         counted(static_cast<std::uint64_t>(limit_.count()), "second"));
             }
             worker = next;
         }

@@ -38,11 +38,10 @@ int export_mailbox(const ExportPlan& plan, int socket, bool dry_run, Report& rep
 
 void show(Session& session, const Json& object) {
     if (session.json) return session.out.object(object);
-    const auto messages = object.at("messages").get<std::uint64_t>();
-    session.out.line(
-        fmt::format("{}: {} {} message{} ({})", printable(object.at("folder").get<string>()),
-                    object.at("done").get<bool>() ? "exported" : "would export", messages,
-                    messages == 1 ? "" : "s", size_text(object.at("bytes").get<std::uint64_t>())));
+    session.out.line(fmt::format("{}: {} {} ({})", printable(object.at("folder").get<string>()),
+                                 object.at("done").get<bool>() ? "exported" : "would export",
+                                 messages_text(object.at("messages").get<std::uint64_t>()),
+                                 size_text(object.at("bytes").get<std::uint64_t>())));
 }
 
 int run_export(Session& session, const Arguments& arguments) {

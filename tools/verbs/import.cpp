@@ -44,9 +44,9 @@ void show(Session& session, const Json& object) {
     const char* verb = object.at("done").get<bool>() ? "imported" : "would import";
     const string there =
         number("present") == 0 ? "" : fmt::format(", {} were there", number("present"));
-    session.out.line(fmt::format(
-        "{}: {} {} message{} ({}){}", printable(object.at("folder").get<string>()), verb,
-        number("messages"), number("messages") == 1 ? "" : "s", size_text(number("bytes")), there));
+    session.out.line(fmt::format("{}: {} {} ({}){}", printable(object.at("folder").get<string>()),
+                                 verb, messages_text(number("messages")),
+                                 size_text(number("bytes")), there));
 }
 
 int run_import(Session& session, const Arguments& arguments) {

@@ -48,10 +48,6 @@ void add_entry(const FTSENT& entry, Amount& amount) {
     }
 }
 
-std::string counted(std::uint64_t number, const char* thing) {
-    return fmt::format("{} {}{}", number, thing, number == 1 ? "" : "s");
-}
-
 }  // namespace
 
 Amount amount_below(const std::string& path) {
