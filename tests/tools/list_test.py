@@ -263,6 +263,17 @@ class ImportTest(ListCase):
         os.close(master)
         self.assertEqual(shown, b"evil\\x1b[31m\\xff\r\n")
 
+    def test_the_input_may_take_longer_than_the_limit(self):
+        for pauses in ((2.5, 0), (0, 2.5), (0.7, 0.7, 0.7, 0.7)):
+            with self.subTest(pauses):
+                self.setUp()
+                process = self.begin("--timeout", "1", "list", "import", ANN, "favorlist", stdin=subprocess.PIPE)
+                for number, pause in enumerate(pauses):
+                    time.sleep(pause)
+                    process.stdin.write(b"%d-%d@site.test\n" % (len(pauses), number))
+                    process.stdin.flush()
+                self.assertEqual(self.end(process)[0], f"{len(pauses)} added, 0 were there, 0 refused\n")
+
     def slow_import(self, *options, stderr):
         """An import whose input takes a second and a half."""
         with subprocess.Popen([TSMAIL, *options, "list", "import", ANN, "favorlist"],

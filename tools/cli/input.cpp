@@ -15,13 +15,18 @@ namespace Tessaly::tool {
 
 namespace {
 
+// Whether the input can be read, or has ended, within this time.
+bool wait(const Input& input, int milliseconds) {
+    pollfd readable = {input.fd, POLLIN, 0};
+    return retry([&] { return ::poll(&readable, 1, milliseconds); }) != 0;
+}
+
 // read_some, but waits if the input does not block.
 std::size_t wait_and_read(const Input& input, char* buffer, std::size_t room) {
     for (;;) {
         const ssize_t n = read_some(input, buffer, room);
         if (n >= 0) return static_cast<std::size_t>(n);
-        pollfd readable = {input.fd, POLLIN, 0};
-        retry([&] { return ::poll(&readable, 1, -1); });
+        wait(input, -1);
     }
 }
 
@@ -69,9 +74,12 @@ bool LineReader::next() {
 }
 
 bool LineReader::fill() {
+    constexpr int kSign = 250;  // milliseconds
+    while (waits_ && !wait(input_, kSign)) waits_();
     filled_ = wait_and_read(input_, piece_, sizeof piece_);
     position_ = 0;
     bytes_ += filled_;
+    if (waits_) waits_();
     return filled_ > 0;
 }
 

@@ -5,7 +5,9 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "tools/cli/descriptors.h"
 
@@ -35,7 +37,9 @@ std::uint64_t size_of(const Input& input);
 // The lines of an input, one after the other, without their ends ("\n" or "\r\n").
 class LineReader {
   public:
-    explicit LineReader(const Input& input) : input_(input) {}
+    // Calls `waits` when input has come, and several times a second while none comes.
+    explicit LineReader(const Input& input, std::function<void()> waits = {})
+        : input_(input), waits_(std::move(waits)) {}
 
     // Goes to the next line; false at the end. Failures are those of read_some.
     bool next();
@@ -51,6 +55,7 @@ class LineReader {
     void take(std::size_t length);
 
     const Input& input_;
+    std::function<void()> waits_;
     std::string line_;
     bool cut_ = false;
     std::uint64_t number_ = 0, bytes_ = 0;

@@ -224,7 +224,7 @@ void import_line(Report& report, const AddressList& list, const Input& input,
 }
 
 int import_all(const AddressList& list, const Input& input, bool dry_run, Report& report) {
-    LineReader reader(input);
+    LineReader reader(input, [&] { report.fed(); });
     Tally tally;
     for (const std::uint64_t size = size_of(input); reader.next();) {
         import_line(report, list, input, reader, dry_run, tally);
