@@ -6,7 +6,7 @@ import time
 import unittest
 
 from tools.toolkit import TSMAIL, Kept, SpoolCase, mail, mailbox_record, messages, snapshot, tsmail, write
-from tools.tracing import from_the_first_in_the_spool, killed, traced_parent
+from tools.tracing import from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 HOME, DOMAIN = os.path.dirname(mail(ANN)), "/var/spool/home/site.test"
@@ -212,6 +212,10 @@ class KilledTest(HiddenCase):
         self.assertEqual((len(messages(ANN)), hidden()), (1, []))
         if not here:
             self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
+        self.remove()
+        self.assertEqual(len(records()), 1)
+        self.succeed("mailbox", "restore", ANN)
+        self.assertEqual(records(), [])
 
     def test_remove(self):
         self.killed_everywhere(["mailbox", "remove", ANN, "--yes"], self.setUp, self.whole)
@@ -225,6 +229,29 @@ class KilledTest(HiddenCase):
             self.whole()
             self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
         self.killed_everywhere(["mailbox", "restore", ANN], prepare, check)
+
+    def test_restore_whose_workers_die(self):
+        """The same command finishes the work. No partner is forgotten."""
+        words = [TSMAIL, "mailbox", "restore", ANN]
+        self.setUp()
+        self.remove()
+        kept, ended, number = Kept(), 0, 0
+        while True:
+            number += 1
+            kept.put_back()
+            _, calls = traced_worker([], words, number=number)
+            if not calls:
+                break
+            for name, n, line in numbered(calls):
+                with self.subTest(worker=number, call=line):
+                    kept.put_back()
+                    done, _ = traced_worker(killed(name, n), words, number=number)
+                    if done.code != 0 and not os.path.isdir(HOME):
+                        ended += 1
+                        self.succeed(*words[1:])
+                    self.assertEqual((len(messages(ANN)), hidden(), records()), (1, [], []))
+                    self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
+        self.assertGreater(ended, 50)
 
     def test_sweep(self):
         def prepare():

@@ -68,6 +68,12 @@ bool make_record(int domain, const string& record, const string& text, const str
     throw system_failure(printable(path), error);
 }
 
+bool exists(int domain, const HiddenHome& home) {
+    struct stat st;
+    return ::fstatat(domain, home.name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 ||
+           ::fstatat(domain, claimed(home).name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+}
+
 }  // namespace
 
 string HiddenHome::record() const { return unclaimed_name(name) + kRecordEnd; }
@@ -123,14 +129,21 @@ bool is_older(const Place& domain, const HiddenHome& home, std::chrono::seconds 
 
 void hide_home(int domain, const TSMailUserId& id, const PartnerLists& lists) {
     const string prefix = hidden_prefix(id.tilde_name()), text = text_of(lists);
+    std::vector<string> lost;
     for (unsigned number = 1;; ++number) {
         const HiddenHome home{id, fmt::format("{}{:x}", prefix, number), false};
-        if (!make_record(domain, home.record(), text, home.path())) continue;
+        if (!make_record(domain, home.record(), text, home.path())) {
+            if (!exists(domain, home)) lost.push_back(home.record());
+            continue;
+        }
         if (move_within(domain, id.tilde_name(), home.name)) break;
         const int error = errno;
         ::unlinkat(domain, home.record().c_str(), 0);
         if (error != EEXIST) throw system_failure(printable(id.homepath()), error);
     }
+    // A command that was killed left these behind. Now that the home is hidden, nobody else needs
+    // them.
+    for (const string& record : lost) ::unlinkat(domain, record.c_str(), 0);
     flush_directory(domain, id.homepath());
 }
 

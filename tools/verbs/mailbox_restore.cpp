@@ -63,12 +63,16 @@ class MailboxRestoration {
     }
     const Json& deed() const { return deed_; }
 
-    // First enters the partners: if that is interrupted, the same command goes on.
+    // First enters the partners: if that is interrupted, or may succeed later, the same command
+    // goes on, as the record and the hidden home stay.
     int restore() {
         const int code = enter_partners();
+        if (code == kExitTryAgain) return code;
         run_in(session_, domain_, [&](int domain, Report&) { show_home(domain, home_); });
+        restored_ = true;
         return code;
     }
+    bool restored() const { return restored_; }
 
   private:
     static Place domain_of(const TSMailUserId& id) {
@@ -118,6 +122,7 @@ class MailboxRestoration {
     const Place domain_;
     const HiddenHome home_;
     Json deed_;
+    bool restored_ = false;
 };
 
 int run_mailbox_restore(Session& session, const Arguments& arguments) {
@@ -125,7 +130,10 @@ int run_mailbox_restore(Session& session, const Arguments& arguments) {
     MailboxRestoration restoration(session, id);
     int code = restoration.look(arguments.dry_run);
     if (code != kExitOk) return code;
-    if (!arguments.dry_run) code = restoration.restore();
+    if (!arguments.dry_run) {
+        code = restoration.restore();
+        if (!restoration.restored()) return code;
+    }
     show_deed(session, restoration.deed());
     tell_daemon(id.mailpath(), restoration.deed());
     return code;
