@@ -55,6 +55,17 @@ class MailboxTest(RenameCase):
         self.assertEqual(self.succeed("mailbox", "rename", EVE, ANN).out, f"renamed {EVE} to {ANN}\n")
         self.assert_moved(ANN)
 
+    def test_the_quota_daemon_is_told(self):
+        daemon = self.listen()
+        self.succeed("mailbox", "rename", ANN, EVE, "--dry-run")
+        self.assertEqual(self.told(daemon), [])
+        self.succeed("mailbox", "rename", ANN, EVE)
+        self.assertEqual(self.told(daemon), [f"S-10,F({mail(ANN)})", f"S10,F({mail(EVE)})"])
+        self.succeed("mailbox", "rename", BERT, ANN)  # holds nothing
+        self.assertEqual(self.told(daemon), [])
+        self.succeed("domain", "rename", "site.test", "new.test")
+        self.assertEqual(self.told(daemon), [f"S-10,F({mail(EVE)})", f"S10,F({mail('eve@new.test')})"])
+
     def test_to_another_domain(self):
         for to in ("eve@other.test", "ann@new.test"):
             self.succeed("mailbox", "rename", ANN, to)

@@ -12,6 +12,7 @@
 #include "tools/spool/partners.h"
 #include "tools/work/hidden_name.h"
 #include "tools/work/own_names.h"
+#include "tools/work/size_file.h"
 
 namespace Tessaly::tool {
 
@@ -53,6 +54,10 @@ string in_other_domain(const string& name, const string& from, const string& to)
     return name.substr(0, at) + to + name.substr(at + from.size());
 }
 
+long long stored_bytes(const TSMailUserId& id) {
+    return shown(stored_totals(mailbox_size_file(id)).value_or(Totals())).size;
+}
+
 }  // namespace
 
 int rename_in_partners(Session& session, const Renamings& all, const string& within, Way way) {
@@ -79,16 +84,21 @@ int rename_in_partners(Session& session, const Renamings& all, const string& wit
                            });
 }
 
-int rename_files(Session& session, const Renamings& all, const string& from, const string& to,
-                 Way way) {
+int rename_files(Session& session, const Renamings& all, Holdings& held, const string& from,
+                 const string& to, Way way) {
     Homes homes;
     Job job = job_over(all, homes);
     job.progress = all.size() > 1 ? "renaming mailboxes" : "";
-    job.work = [&](std::size_t n, int, Report&) {
+    held.assign(all.size(), 0);
+    job.work = [&](std::size_t n, int, Report& report) {
+        report.object({{"bytes", stored_bytes(all[n].from)}});
         if (!from.empty()) rename_domain_in_lists(all[n].from, from, to);
         const Renaming ids = turned(all[n], way);
         rename_own_files(all[n].from, ids.from, ids.to);
         return kExitOk;
+    };
+    job.show = [&](std::size_t n, const Json& object) {
+        held[n] = object.at("bytes").get<long long>();
     };
     return run_job(session, job).code;
 }

@@ -27,10 +27,14 @@ enum class Way { there, back };
 int rename_in_partners(Session& session, const Renamings& all, const std::string& within,
                        Way way = Way::there);
 
-// Gives the preference and list files their new names. If `from` is a domain, the mailboxes' own
-// lists get the domain `to` in its place first. Returns the largest exit code.
-int rename_files(Session& session, const Renamings& all, const std::string& from = "",
-                 const std::string& to = "", Way way = Way::there);
+// The bytes that the mailboxes hold as their owners' size files say.
+using Holdings = std::vector<long long>;
+
+// Gives the preference and list files their new names, and learns what the mailboxes hold. If
+// `from` is a domain, the mailboxes' own lists get the domain `to` in its place first. Returns the
+// largest exit code.
+int rename_files(Session& session, const Renamings& all, Holdings& held,
+                 const std::string& from = "", const std::string& to = "", Way way = Way::there);
 
 // Renames the home. `from` and `to` are the directories of the domains. A Failure if the new name
 // is taken, or if the directories belong to different users.

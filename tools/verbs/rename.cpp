@@ -9,6 +9,7 @@
 #include "tools/spool/renaming.h"
 #include "tools/verbs/mailbox.h"
 #include "tools/verbs/verbs.h"
+#include "tools/work/quota_daemon.h"
 
 namespace Tessaly::tool {
 
@@ -25,6 +26,16 @@ void show_renamed(Session& session, const string& from, const string& to, bool d
     if (session.json) return session.out.object({{"from", from}, {"to", to}, {"done", done}});
     session.out.line(fmt::format("{} {} to {}", done ? "renamed" : "would rename", printable(from),
                                  printable(to)));
+}
+
+// The daemon goes by paths: what was below the old one is below the new one.
+void tell_of_renamings(const Renamings& all, const Holdings& held) {
+    QuotaDaemon daemon;
+    for (std::size_t n = 0; n < all.size(); ++n) {
+        if (held[n] == 0) continue;
+        daemon.tell(all[n].from.mailpath(), -held[n]);
+        daemon.tell(all[n].to.mailpath(), held[n]);
+    }
 }
 
 // ---- mailbox rename
@@ -45,7 +56,7 @@ class MailboxRenaming {
         const Place to = domain_of_new_home(session_, mailbox_.to);
         const Place from = place_at(mailbox_.from.fname(MUF_HOME_PARENT));
         const int partners = rename_in_partners(session_, {mailbox_}, "");
-        const int files = rename_files(session_, {mailbox_});
+        const int files = rename_files(session_, {mailbox_}, held_);
         if (files != kExitOk) return files;
         try {
             rename_home(session_, mailbox_, from, to);
@@ -54,6 +65,7 @@ class MailboxRenaming {
             throw;
         }
         renamed_ = true;
+        tell_of_renamings({mailbox_}, held_);
         return partners;
     }
     bool renamed() const { return renamed_; }
@@ -70,12 +82,13 @@ class MailboxRenaming {
 
     // The home has kept its name: files and lists get theirs again.
     void take_back() {
-        rename_files(session_, {mailbox_}, "", "", Way::back);
+        rename_files(session_, {mailbox_}, held_, "", "", Way::back);
         rename_in_partners(session_, {mailbox_}, "", Way::back);
     }
 
     Session& session_;
     Renaming mailbox_;
+    Holdings held_;
     bool renamed_ = false;
 };
 
@@ -114,10 +127,12 @@ int run_domain_rename(Session& session, const Arguments& arguments) {
         return kExitOk;
     }
     const int partners = rename_in_partners(session, all, from);
-    const int files = rename_files(session, all, from, to);
+    Holdings held;
+    const int files = rename_files(session, all, held, from, to);
     if (files != kExitOk) return files;
     rename_homes(session, step(homes, from), from, to);
     rename_domain(session, homes, from, to);
+    tell_of_renamings(all, held);
     show_renamed(session, from, to, true);
     return partners;
 }
