@@ -6,7 +6,7 @@ import time
 import unittest
 
 from tools.toolkit import TSMAIL, Kept, SpoolCase, mail, mailbox_record, messages, snapshot, tsmail, write
-from tools.tracing import from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
+from tools.tracing import all_killed, from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 HOME, DOMAIN = os.path.dirname(mail(ANN)), "/var/spool/home/site.test"
@@ -212,10 +212,6 @@ class KilledTest(HiddenCase):
         self.assertEqual((len(messages(ANN)), hidden()), (1, []))
         if not here:
             self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
-        self.remove()
-        self.assertEqual(len(records()), 1)
-        self.succeed("mailbox", "restore", ANN)
-        self.assertEqual(records(), [])
 
     def test_remove(self):
         self.killed_everywhere(["mailbox", "remove", ANN, "--yes"], self.setUp, self.whole)
@@ -230,29 +226,6 @@ class KilledTest(HiddenCase):
             self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
         self.killed_everywhere(["mailbox", "restore", ANN], prepare, check)
 
-    def test_restore_whose_workers_die(self):
-        """The same command finishes the work. No partner is forgotten."""
-        words = [TSMAIL, "mailbox", "restore", ANN]
-        self.setUp()
-        self.remove()
-        kept, ended, number = Kept(), 0, 0
-        while True:
-            number += 1
-            kept.put_back()
-            _, calls = traced_worker([], words, number=number)
-            if not calls:
-                break
-            for name, n, line in numbered(calls):
-                with self.subTest(worker=number, call=line):
-                    kept.put_back()
-                    done, _ = traced_worker(killed(name, n), words, number=number)
-                    if done.code != 0 and not os.path.isdir(HOME):
-                        ended += 1
-                        self.succeed(*words[1:])
-                    self.assertEqual((len(messages(ANN)), hidden(), records()), (1, [], []))
-                    self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
-        self.assertGreater(ended, 50)
-
     def test_sweep(self):
         def prepare():
             self.setUp()
@@ -262,6 +235,53 @@ class KilledTest(HiddenCase):
             self.succeed("sweep", "--all")
             self.assertEqual((hidden(), records()), ([], []))
         self.killed_everywhere(["sweep", "--all"], prepare, check)
+
+
+class KilledWorkersTest(HiddenCase):
+    """Workers are killed at each of their system calls, alone or with the command."""
+
+    def in_each_worker(self, words, kill, check):
+        kept, number = Kept(), 0
+        while calls := self.calls_of_worker(kept, words, number := number + 1):
+            for name, n, line in numbered(calls):
+                with self.subTest(worker=number, call=line):
+                    kept.put_back()
+                    check(traced_worker(kill(name, n), words, number=number)[0])
+        self.assertGreater(number, 3)
+
+    @staticmethod
+    def calls_of_worker(kept, words, number):
+        kept.put_back()
+        return traced_worker([], words, number=number)[1]
+
+    def test_remove(self):
+        """The same command hides the home if it is there. No record without a home is left."""
+        words, begun = [TSMAIL, "mailbox", "remove", ANN, "--yes"], set()
+
+        def check(_):
+            begun.add(os.path.isdir(mail(ANN)))
+            if os.path.isdir(mail(ANN)):
+                self.succeed(*words[1:])
+            self.assertEqual(records(), [name + RECORD for name in hidden()])
+            self.succeed("mailbox", "restore", ANN)
+            self.assertEqual((len(messages(ANN)), hidden(), records()), (1, [], []))
+            self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
+        self.in_each_worker(words, all_killed, check)
+        self.assertEqual(begun, {True, False})
+
+    def test_restore(self):
+        """The same command finishes the work. No partner is forgotten."""
+        self.remove()
+        words, ended = [TSMAIL, "mailbox", "restore", ANN], []
+
+        def check(done):
+            if done.code != 0 and not os.path.isdir(HOME):
+                ended.append(done)
+                self.succeed(*words[1:])
+            self.assertEqual((len(messages(ANN)), hidden(), records()), (1, [], []))
+            self.assertEqual(sorted(lines()), ["ann@site.test", "x@site.test"])
+        self.in_each_worker(words, killed, check)
+        self.assertGreater(len(ended), 50)
 
 
 @unittest.skipUnless(os.geteuid() == 0, "only root takes other users' rights")
