@@ -20,6 +20,7 @@ def main(source, roots, *command):
                  if os.path.isdir(f"{root}/usr")]
         if found:
             neighbours.overlay("/usr", found)
+            neighbours.add_accounts()
         os.chown("/var/spool", neighbours.VMAIL, neighbours.VMAIL)
         os.setgroups([])
         os.setgid(neighbours.VMAIL)

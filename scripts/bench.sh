@@ -3,7 +3,7 @@
 # bench.sh --scale
 # bench.sh --python [--quick]
 # bench.sh --day [--quick]
-# bench.sh --lmtp
+# bench.sh --lmtp [--quick] [--rounds N] [--minutes N] [--messages N]
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
 # sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
@@ -14,12 +14,14 @@
 # grows to 100,000 of them. It takes ten minutes, 13 GiB and six million inodes, which are freed at the end.
 # --python measures the Python package beside C++ and the standard library. --day measures an administrator's daily
 # jobs: removal of old messages beside find, import beside mdeliver and doveadm, usage and doctor over many mailboxes.
-# --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links.
+# --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links and beside Dovecot's LMTP service:
+# at most so many rounds (default: 5), and no new one after so many minutes (default: 8); then the memory with 100
+# connections and its growth over so many messages (default: 20000).
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
 
-quick='' scale='' python='' day='' lmtp='' only='' words=() choice=() peers=$top/build/neighbours
+quick='' scale='' python='' day='' lmtp='' only='' words=() deliveries=() choice=() peers=$top/build/neighbours
 while [ $# -gt 0 ]; do
     case $1 in
     --quick) quick=1 choice+=(--quick) ;;
@@ -29,15 +31,18 @@ while [ $# -gt 0 ]; do
     --lmtp) lmtp=1 ;;
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
+    --minutes | --messages) deliveries+=("$1" "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
     --peers) peers=$(realpath -m "$2") && shift ;;
-    *) die "usage: bench.sh [--scale | --python | --day | --lmtp] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--peers DIR]" ;;
+    *) die "usage: bench.sh [--scale | --python | --day | --lmtp] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--minutes N] [--messages N] [--peers DIR]" ;;
     esac
     shift
 done
 
 ensure_packages build python test bench
-build_preset dev tsmail_bench tsmail_bench_calls tsmail_bench_lmtp tsmail_tool tsmail_python
+targets=(tsmail_bench tsmail_bench_calls tsmail_tool tsmail_python) packages=(dovecot-imapd mblaze)
+[ -z "$lmtp" ] || { targets=(tsmail_bench_lmtp tsmail_tool) && packages=(dovecot-lmtpd); }
+build_preset dev "${targets[@]}"
 cd "$top"
 mkdir -p build/bench
 spool=$(mktemp -d build/bench/spool.XXXXXX)
@@ -47,7 +52,7 @@ out=build/bench
 
 # Peers that cannot be downloaded are left out. The table names those that were measured.
 roots='' shown=()
-for package in dovecot-imapd mblaze; do
+for package in "${packages[@]}"; do
     [ "$(id -u)" = 0 ] || continue
     scripts/fetch-neighbour "$package" "$peers" || continue
     roots+=${roots:+:}$peers/$package
@@ -76,9 +81,13 @@ if [ -n "$scale" ]; then
 fi
 if [ -n "$lmtp" ]; then
     say "Measuring deliveries over LMTP"
+    load=$(cut -d ' ' -f 1-3 /proc/loadavg)
+    [ -z "$quick" ] || deliveries+=(--share 20 --messages 200 --rounds 1 --mailboxes 1 --mailboxes 3)
     inside lmtp python3 -B bench/lmtp.py build/dev/tools/tsmail build/dev/bench/lmtp \
-        build/bench/new/lmtp.md 5 1 1000
-    cat build/bench/new/lmtp.md
+        build/bench/new/lmtp.json "${words[@]}" "${deliveries[@]}"
+    /usr/bin/python3 -B bench/lmtp_report.py build/bench/new/lmtp.json "$out" \
+        "load $load before, $(cut -d ' ' -f 1-3 /proc/loadavg) after, on $(nproc) processors"
+    cat "$out/lmtp.md"
     exit
 fi
 if [ -n "$python$quick" ] && [ -z "$only" ]; then

@@ -57,6 +57,16 @@ def overlay(target, lower, upper=None):
         skip(f"no overlay on {target}: {done.stderr.decode()}")
 
 
+def add_accounts(etc=()):
+    """Makes /etc writable, with these directories over it, and adds the users."""
+    overlay("/etc", etc, "/run/etc")
+    with open("/etc/passwd", "a") as users, open("/etc/group", "a") as groups:
+        for account in ACCOUNTS:
+            name, number = account.split(":")
+            users.write(f"{name}:x:{number}:{number}::/var/spool/home:/bin/sh\n")
+            groups.write(f"{name}:x:{number}:\n")
+
+
 def inside(roots, file, test_class):
     roots = [root for root in roots.split(":") if root]
     etc = [f"{root}/etc" for root in roots if os.path.isdir(f"{root}/etc")]
@@ -64,14 +74,9 @@ def inside(roots, file, test_class):
     os.makedirs("/run/own/usr/bin")
     os.symlink(os.path.join(os.environ["TSMAIL_BUILD"], "tools/tsmail"), "/run/own/usr/bin/tsmail")
     os.symlink("/usr/sbin/sendmail", "/bin/sendmail")
-    overlay("/etc", etc, "/run/etc")
+    add_accounts(etc)
     overlay("/var/lib", [], "/run/var-lib")
     overlay("/usr", ["/run/own/usr", *(f"{root}/usr" for root in roots)])
-    with open("/etc/passwd", "a") as users, open("/etc/group", "a") as groups:
-        for account in ACCOUNTS:
-            name, number = account.split(":")
-            users.write(f"{name}:x:{number}:{number}::/var/spool/home:/bin/sh\n")
-            groups.write(f"{name}:x:{number}:\n")
     os.execv(sys.executable, [sys.executable, "-B", file, "-v", test_class])
 
 
