@@ -383,8 +383,8 @@ class HostileTest(LmtpCase):
                 client.send(b"x" * 1000000)
             wait_until(lambda: sum(self.held(service)) >= 16 * 960000)  # the last bytes wait for more
             in_memory = sum(self.held(service, "/memfd:"))
-            self.assertLessEqual(in_memory, 10 << 20)
-            self.assertGreater(in_memory, 9 << 20)
+            self.assertLessEqual(in_memory, 6 << 20)
+            self.assertGreater(in_memory, 5 << 20)
             for client in clients:
                 client.send(b"\r\n.\r\n")
                 self.assertEqual(client.reply()[:3], "250")

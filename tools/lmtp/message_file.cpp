@@ -12,11 +12,11 @@ namespace Tessaly::tool::lmtp {
 
 namespace {
 
-constexpr std::uint64_t kMemory = std::uint64_t{12} << 20;
+constexpr std::uint64_t kMemory = std::uint64_t{8} << 20;
 constexpr std::uint64_t kForSmall = std::uint64_t{2} << 20;
 constexpr std::uint64_t kSmall = std::uint64_t{128} << 10;
 constexpr std::uint64_t kPage = 4096;
-constexpr std::size_t kHeld = std::size_t{32} << 10;
+constexpr std::size_t kHeld = 4096;
 
 Fd file_in_memory() { return Fd(::memfd_create("message", MFD_CLOEXEC)); }
 

@@ -13,7 +13,7 @@ using boost::system::error_code;
 
 namespace {
 
-constexpr std::size_t kBuffer = 16384, kLargeBuffer = 65536;
+constexpr std::size_t kBuffer = 16384, kLargeBuffer = 32768;
 
 }  // namespace
 
