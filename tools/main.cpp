@@ -36,11 +36,10 @@ void take_errors_instead_of_signals() {
     std::signal(SIGXFSZ, SIG_IGN);
 }
 
-// Ends as other programs do whose reader has gone, as "| head" goes: by the signal, without a word.
+// A failure of the work is told by its code, everything else by the signal.
 int end_without_reader(int code) {
     if (code != kExitOk) return code;
-    std::signal(SIGPIPE, SIG_DFL);
-    std::raise(SIGPIPE);
+    raise_pipe_signal();
     return kExitIo;  // the signal is blocked
 }
 

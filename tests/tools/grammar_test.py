@@ -7,7 +7,7 @@ import signal
 import subprocess
 import unittest
 
-from tools.toolkit import BUILD, SOURCE, TSMAIL, SpoolCase, environment, run, tsmail
+from tools.toolkit import BUILD, SOURCE, TSMAIL, SpoolCase, environment, mail, run, tsmail, write
 
 VERBS = ["paths", "create", "folders", "deliver", "pref", "list", "quota", "config"]
 
@@ -131,6 +131,37 @@ class StreamsTest(SpoolCase):
         done = tsmail("paths", "a@site.test", stdout=writer)
         self.assertEqual((done.code, done.err), (-signal.SIGPIPE, ""))
         os.close(writer)
+
+    def test_every_verb_ends_silently_without_its_reader(self):
+        address = "a@site.test"
+        self.succeed("-q", "create", address)
+        for number in range(400):
+            write(f"{mail(address)}/Inbox/new/{number}" + "x" * 200, "x")
+        self.succeed("-q", "list", "add", address, "whitelist", *(f"{n}{'x' * 200}@site.test" for n in range(400)))
+        endless = ("messages", address, "Inbox"), ("list", "show", address, "whitelist"), ("list", "export", address, "whitelist")
+        short = (("folders", address), ("size", address), ("usage",), ("usage", "--by-domain"), ("metrics",), ("paths", address),
+                 ("list", "names", address), ("pref", "show", address), ("quota", "show", address), ("recount", "--all"))
+        for words in (*endless, *short, *(("--json", *words) for words in endless)):
+            with self.subTest(words):
+                reader, writer = os.pipe()
+                os.close(reader)
+                done = run([TSMAIL, *words], stdout=writer)
+                os.close(writer)
+                self.assertEqual((done.code, done.err), (-signal.SIGPIPE, ""))
+
+    def test_what_only_reads_does_not_go_on_without_its_reader(self):
+        """A whole piece of output is refused long before the end. A repair goes on."""
+        self.succeed("-q", "create", *(f"a{number}@site.test" for number in range(100)))
+        for number in range(100):
+            for folder in ("x" * 100, "y" * 100, "z" * 100):
+                os.makedirs(f"{mail(f'a{number}@site.test')}/{folder}/cur")
+        for words in (("doctor", "--all"), ("doctor", "--all", "--repair")):
+            reader, writer = os.pipe()
+            os.close(reader)
+            done = run([TSMAIL, "--json", *words], stdout=writer)
+            os.close(writer)
+            self.assertEqual((done.code, done.err), (-signal.SIGPIPE, ""))
+        self.assertEqual(self.succeed("--json", "doctor", "--all").objects, [])
 
     def test_a_reader_that_goes_early(self):
         """The work is done nevertheless."""

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <utility>
@@ -49,6 +50,11 @@ void add_bytes(Json& json) {
 
 }  // namespace
 
+void raise_pipe_signal() {
+    std::signal(SIGPIPE, SIG_DFL);
+    std::raise(SIGPIPE);
+}
+
 Output::Output(int fd) : fd_(fd), colour_(wants_colour(fd)) {}
 
 std::string Output::strong(std::string_view text) const {
@@ -81,6 +87,7 @@ void Output::flush() {
         rest.remove_prefix(n < 0 ? 0 : static_cast<std::size_t>(n));
     }
     pending_.clear();
+    if (error_ == EPIPE && ends_with_reader_) raise_pipe_signal();
 }
 
 void Table::row(std::vector<std::string> cells) {

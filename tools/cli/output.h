@@ -23,6 +23,9 @@ class Output {
     bool colour() const { return colour_; }
     // Shows nothing from here on.
     void silence() { silent_ = true; }
+    // From here on the process ends as soon as its reader has gone, by SIGPIPE and without a word.
+    // For work that changes nothing.
+    void end_with_reader() { ends_with_reader_ = true; }
     // The text, emphasised if colour is on.
     std::string strong(std::string_view text) const;
 
@@ -40,9 +43,14 @@ class Output {
     int fd_;
     bool colour_;
     bool silent_ = false;
+    bool ends_with_reader_ = false;
     int error_ = 0;
     std::string pending_;
 };
+
+// Ends the process as other programs do whose reader has gone, as "| head" goes. Returns if the
+// signal is blocked.
+void raise_pipe_signal();
 
 enum class Align { left, right };
 

@@ -210,6 +210,7 @@ int run_on_mailboxes(Session& session, const Arguments& arguments) {
 }
 
 int run_doctor(Session& session, const Arguments& arguments) {
+    if (!arguments.repair) session.out.end_with_reader();
     if (is_about_spool(arguments.spool)) {
         const Choice& choice = arguments.choice;
         if (choice.address || choice.all || choice.domain || arguments.repair) {

@@ -98,6 +98,7 @@ std::vector<string> cells(const Json& row) {
 }
 
 int run_messages(Session& session, const Arguments& arguments) {
+    session.out.end_with_reader();
     check_folder_name(arguments.folder);
     Table table = message_table();
     bool any = false;

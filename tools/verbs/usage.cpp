@@ -194,6 +194,7 @@ int run_rows(Session& session, const Arguments& arguments) {
 }
 
 int run_usage(Session& session, const Arguments& arguments) {
+    session.out.end_with_reader();
     const bool sums = arguments.total || arguments.by_domain;
     if (sums && (arguments.verify || arguments.limit)) {
         throw Failure(kExitUsage, "--total and --by-domain go with neither --verify nor --limit");
