@@ -61,7 +61,6 @@ def seconds(lmtp, words, size, connections, count):
 
 def measure(lmtp, way, mailboxes, size, connections, count):
     """The seconds for the messages, all of which must have arrived."""
-    os.sync()
     taken = seconds(lmtp, way.words(mailboxes), size, connections, count)
     found = emptied(way.folders(mailboxes))
     if found != count:
@@ -82,6 +81,7 @@ def rates(options, ways):
             for way in ways[::1 if turn % 2 else -1]:
                 row["seconds"][way.name].append(
                     measure(options.lmtp, way, row["mailboxes"], row["size"], row["connections"], row["count"]))
+            print(turn, row, flush=True)
     return rows
 
 
@@ -118,7 +118,7 @@ def arguments():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     for name in ("tsmail", "lmtp", "output"):
         parser.add_argument(name)
-    for name, default in (("rounds", 5), ("minutes", 8), ("share", 1), ("messages", 20000)):
+    for name, default in (("rounds", 5), ("minutes", 5), ("share", 1), ("messages", 20000)):
         parser.add_argument(f"--{name}", type=int, default=default)
     parser.add_argument("--mailboxes", type=int, action="append")
     options = parser.parse_args()
@@ -134,7 +134,7 @@ def main():
     with Tsmail(options.tsmail, most) as tsmail, Dovecot(most) as dovecot:
         ways = [Limit(most), tsmail, *([dovecot] if dovecot.runs else [])]
         for way in ways[2:]:  # it makes its folders at the first delivery
-            seconds(options.lmtp, way.words(most), 1000, 1, most)
+            seconds(options.lmtp, way.words(most), 1000, 16, most)
             emptied(way.folders(most))
         found = {"rows": rates(options, ways)}
     with Tsmail(options.tsmail, 1) as tsmail:

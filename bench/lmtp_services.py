@@ -1,5 +1,6 @@
 """The services that bench/lmtp.py delivers to."""
 
+import concurrent.futures
 import grp
 import os
 import pathlib
@@ -47,9 +48,9 @@ class Tsmail(Running):
     SOCKET = "/var/spool/tsmail.socket"
 
     def __init__(self, tsmail, mailboxes):
-        for user in users(mailboxes):
-            if not os.path.isdir(self.folder(user)):
-                subprocess.run([tsmail, "-q", "create", user], check=True)
+        missing = [user for user in users(mailboxes) if not os.path.isdir(self.folder(user))]
+        with concurrent.futures.ThreadPoolExecutor(16) as pool:  # their flushes share commits of the journal
+            list(pool.map(lambda user: subprocess.run([tsmail, "-q", "create", user], check=True), missing))
         self.process = started([tsmail, "lmtp", "--listen", f"unix:{self.SOCKET}"], self.SOCKET)
         self.runs = True
 

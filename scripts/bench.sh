@@ -15,7 +15,7 @@
 # --python measures the Python package beside C++ and the standard library. --day measures an administrator's daily
 # jobs: removal of old messages beside find, import beside mdeliver and doveadm, usage and doctor over many mailboxes.
 # --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links and beside Dovecot's LMTP service:
-# at most so many rounds (default: 5), and no new one after so many minutes (default: 8); then the memory with 100
+# at most so many rounds (default: 5), and no new one after so many minutes (default: 5); then the memory with 100
 # connections and its growth over so many messages (default: 20000).
 set -euo pipefail
 # shellcheck source=lib.sh
