@@ -296,6 +296,9 @@ class KilledRemovalTest(KilledCase):
     def test_the_command(self):
         self.kill_everywhere(traced_parent, lambda: ["message", "rm", ANN, "Inbox", *self.files])
 
+    def test_both(self):
+        self.kill_everywhere(traced_worker, lambda: ["message", "rm", ANN, "Inbox", *self.files], all_killed)
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -160,16 +160,14 @@ MessageRemoval delete_message(const TSMailUserId& id, const string& folder, cons
     const FolderLock lock = locked_folder(id, folder, LockKind::shared);
     const string path = present_message(id, folder, name);
     const Amount amount = amount_of_message(path);
-    if (tsl_maildir_unlink_mail(path.c_str()) != 0) {
-        const int error = errno;
-        // The folder's record has been corrected already.
-        mark_for_recount(id);
-        throw system_failure(printable(path), error);
-    }
+    Uncounted uncounted(id);
+    // After a failure the mark stays: the folder's record has been corrected already.
+    if (tsl_maildir_unlink_mail(path.c_str()) != 0) throw system_failure(printable(path));
     // The library adds an empty message to the record, but does not subtract it.
-    const bool counted = amount.bytes > 0 || add_to_folder_record(id.mailfolder(folder), 0, -1);
-    if (!counted) mark_for_recount(id);
-    return {{amount, settle(id, amount) && counted}, path};
+    const bool in_folder = amount.bytes > 0 || add_to_folder_record(id.mailfolder(folder), 0, -1);
+    const bool in_mailbox = settle(id, amount);
+    if (in_folder && in_mailbox) uncounted.counted();
+    return {{amount, in_folder && in_mailbox}, path};
 }
 
 }  // namespace Tessaly::tool
