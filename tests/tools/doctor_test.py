@@ -514,7 +514,7 @@ class RunTest(DoctorCase):
         os.chmod(TOP + "/Work/2024", 0)
         done = tsmail("--json", "doctor", "--all", **as_nobody())
         os.chmod(TOP + "/Work/2024", 0o700)
-        self.assertEqual(done.code, 73, done)
+        self.assertEqual(done.code, 66, done)
         self.assertEqual(done.err, f"tsmail: {ANN}: {TOP}/Work/2024: Permission denied\n", "it says so once")
         self.assertEqual([(row["address"], row["check"]) for row in done.objects],
                          [(ANN, "folder-permissions"), (BERT, "sizes")])

@@ -96,7 +96,7 @@ class FoldersTest(SpoolCase):
         os.chmod(mail(ANN) + "/Work", 0)
         done = tsmail("folders", ANN, **as_nobody())
         os.chmod(mail(ANN) + "/Work", 0o700)
-        self.assertEqual(done.code, 73, done)
+        self.assertEqual(done.code, 66, done)
         self.assertIn("/Work: Permission denied", done.err)
         self.assertNotIn("Work", done.out)
 
@@ -108,7 +108,7 @@ class FoldersTest(SpoolCase):
         own_by_nobody("/var/spool/home")
         os.chmod(mail(ANN) + "/Inbox/cur", 0)
         done = tsmail("folders", ANN, **as_nobody())
-        self.assertEqual(done.code, 73, done)
+        self.assertEqual(done.code, 66, done)
         self.assertIn("Inbox: Permission denied", done.err)
         self.assertRegex(done.out, r"(?m)^Work +1 +0 +3 B$")
         os.chmod(mail(ANN) + "/Inbox/cur", 0o700)

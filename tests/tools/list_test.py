@@ -195,7 +195,7 @@ class ListTest(ListCase):
         os.chmod(PREF, 0o700)
         os.chmod(FILE, 0)
         for verb in ("show", "export"):
-            self.fail_with(73, "list", verb, ANN, "favorlist", saying="Permission denied",
+            self.fail_with(66, "list", verb, ANN, "favorlist", saying="Permission denied",
                            **as_nobody())
         os.chmod(FILE, 0o600)
         self.assertEqual(content(FILE), b"a\n")

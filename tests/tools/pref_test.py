@@ -162,9 +162,8 @@ class PrefTest(SpoolCase):
         self.succeed("pref", "set", ANN, "npage=50")
         own_by_nobody(mail(ANN) + "/..")
         os.chmod(FILE, 0)
-        for words in (["show"], ["set", "lang=sv"], ["reset", "lang"]):
-            verb, *rest = words
-            self.fail_with(73, "pref", verb, ANN, *rest, saying="Permission denied", **as_nobody())
+        for code, verb, *rest in ((66, "show"), (66, "get", "lang"), (73, "set", "lang=sv"), (73, "reset", "lang")):
+            self.fail_with(code, "pref", verb, ANN, *rest, saying="Permission denied", **as_nobody())
         os.chmod(FILE, 0o600)
         self.assertEqual(self.shown()["npage"], 50)
 

@@ -97,7 +97,7 @@ class SizeTest(SizeCase):
         os.chmod(mail(ANN) + "/Work/cur", 0)
         done = tsmail("size", ANN, **as_nobody())
         os.chmod(mail(ANN) + "/Work/cur", 0o700)
-        self.assertEqual(done.code, 73, done)
+        self.assertEqual(done.code, 66, done)
         self.assertIn("/Work: Permission denied", done.err)
 
 

@@ -296,6 +296,16 @@ Verb VerbGroup::add(const string& name, const string& help, std::function<int()>
     return {*app, context_->choices};
 }
 
+int run_reader(const std::function<int()>& work) {
+    try {
+        const int code = work();
+        return code == kExitCannotCreate ? kExitNoInput : code;
+    } catch (const Failure& failure) {
+        if (failure.code() != kExitCannotCreate) throw;
+        throw Failure(kExitNoInput, failure.what(), failure.error(), failure.status());
+    }
+}
+
 const Word& word_of(std::span<const Word> words, string_view what, string_view given) {
     const auto number = base::whole_number<int>(given);
     const auto row = std::find_if(words.begin(), words.end(), [&](const Word& w) {

@@ -101,6 +101,19 @@ class VerbGroup {
         declare(verb, *arguments);
     }
 
+    // The same for a verb that only reads the store, see run_reader().
+    template <class Arguments>
+    void reader(const std::string& name, const std::string& help,
+                void (*declare)(Verb& verb, Arguments& arguments),
+                int (*run)(Session& session, const Arguments& arguments)) const {
+        if (!declares(name)) return;
+        const auto arguments = std::make_shared<Arguments>();
+        Session* session = &context_->session;
+        Verb verb =
+            add(name, help, [=] { return run_reader([&] { return run(*session, *arguments); }); });
+        declare(verb, *arguments);
+    }
+
   private:
     bool declares(const std::string& name) const;
     Verb add(const std::string& name, const std::string& help, std::function<int()> work) const;
@@ -108,6 +121,10 @@ class VerbGroup {
     CLI::App* app_;
     GrammarContext* context_;
 };
+
+// Runs work that only reads. Where it could not, the exit code is kExitNoInput and not
+// kExitCannotCreate.
+int run_reader(const std::function<int()>& work);
 
 // The row with the given word (letter case does not matter, '_' equals '-') or number. If there is
 // no such row, a Failure with code kExitUsage lists the words; `what` says what they are.

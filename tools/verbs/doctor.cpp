@@ -218,7 +218,8 @@ int run_doctor(Session& session, const Arguments& arguments) {
         }
         return run_doctor_spool(session, arguments.spool);
     }
-    return run_on_mailboxes(session, arguments);
+    const auto work = [&] { return run_on_mailboxes(session, arguments); };
+    return arguments.repair ? work() : run_reader(work);
 }
 
 void declare_doctor(Verb& verb, Arguments& arguments) {

@@ -91,8 +91,8 @@ void declare_folders(Verb& verb, FoldersArguments& arguments) { verb.address(arg
 }  // namespace
 
 void add_folders_verb(const VerbGroup& top) {
-    top.verb("folders", "Show a mailbox's folders with their messages and sizes", declare_folders,
-             run_folders);
+    top.reader("folders", "Show a mailbox's folders with their messages and sizes", declare_folders,
+               run_folders);
 }
 
 }  // namespace Tessaly::tool

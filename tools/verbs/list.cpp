@@ -353,17 +353,17 @@ void declare_import(Verb& verb, Arguments& arguments) {
 
 void add_list_verbs(const VerbGroup& top) {
     const VerbGroup list = top.group("list", "About address lists");
-    list.verb("names", "Show which lists there are", declare_names, run_names);
-    list.verb("show", "Show the lines with their numbers", declare_show, run_show);
+    list.reader("names", "Show which lists there are", declare_names, run_names);
+    list.reader("show", "Show the lines with their numbers", declare_show, run_show);
     list.verb("add", "Add entries", declare_add, run_add);
     list.verb("remove", "Remove entries", declare_remove, run_remove);
-    list.verb("find", "Say whether entries are in the list (exit code 1: not all)", declare_entries,
-              run_find);
-    list.verb("match", "Say whether addresses match a pattern of the list (exit code 1: not all)",
-              declare_addresses, run_match);
+    list.reader("find", "Say whether entries are in the list (exit code 1: not all)",
+                declare_entries, run_find);
+    list.reader("match", "Say whether addresses match a pattern of the list (exit code 1: not all)",
+                declare_addresses, run_match);
     list.verb("replace", "Replace a line", declare_replace, run_replace);
     list.verb("import", "Add the entries of a file", declare_import, run_import);
-    list.verb("export", "Write out the entries, one a line", declare_plain, run_export);
+    list.reader("export", "Write out the entries, one a line", declare_plain, run_export);
 }
 
 }  // namespace Tessaly::tool

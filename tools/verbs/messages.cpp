@@ -124,7 +124,7 @@ void declare_messages(Verb& verb, Arguments& arguments) {
 }  // namespace
 
 void add_messages_verb(const VerbGroup& top) {
-    top.verb("messages", "Show the messages of a folder", declare_messages, run_messages);
+    top.reader("messages", "Show the messages of a folder", declare_messages, run_messages);
 }
 
 }  // namespace Tessaly::tool

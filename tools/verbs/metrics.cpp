@@ -82,7 +82,11 @@ class NewFile {
 
 int run_metrics(Session& session, const Arguments& arguments) {
     UsageRows rows;
-    const JobResult result = read_usage(session, arguments.domain, true, rows);
+    JobResult result;
+    const int code = run_reader([&] {
+        result = read_usage(session, arguments.domain, true, rows);
+        return result.code;
+    });
     if (arguments.output) {
         NewFile file(*arguments.output, 0666 & ~session.callers_umask);
         file.write(metrics_text(rows, result.left_out) + '\n');
@@ -92,7 +96,7 @@ int run_metrics(Session& session, const Arguments& arguments) {
     } else {
         session.out.line(metrics_text(rows, result.left_out));
     }
-    return result.code;
+    return code;
 }
 
 void declare_metrics(Verb& verb, Arguments& arguments) {

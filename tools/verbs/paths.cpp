@@ -168,7 +168,7 @@ void declare_paths(Verb& verb, Arguments& arguments) {
 }  // namespace
 
 void add_paths_verb(const VerbGroup& top) {
-    top.verb("paths", "Show where everything of a mailbox lies", declare_paths, run_paths);
+    top.reader("paths", "Show where everything of a mailbox lies", declare_paths, run_paths);
 }
 
 }  // namespace Tessaly::tool

@@ -183,8 +183,8 @@ void declare_reset(Verb& verb, Arguments& arguments) {
 
 void add_pref_verbs(const VerbGroup& top) {
     const VerbGroup pref = top.group("pref", "About a user's preferences");
-    pref.verb("show", "Show all preferences", declare_show, run_show);
-    pref.verb("get", "Show some preferences", declare_get, run_get);
+    pref.reader("show", "Show all preferences", declare_show, run_show);
+    pref.reader("get", "Show some preferences", declare_get, run_get);
     pref.verb("set", "Change preferences", declare_set, run_set);
     pref.verb("reset", "Set preferences back to their defaults", declare_reset, run_reset);
 }

@@ -290,16 +290,16 @@ void declare_archive(Verb& verb, ArchiveArguments& arguments) {
 
 void add_quota_verbs(const VerbGroup& top) {
     const VerbGroup quota = top.group("quota", "Quota flags, notices and the archive share");
-    quota.verb("show", "Show a mailbox's flags, kept total and notice state", declare_address,
-               run_show);
+    quota.reader("show", "Show a mailbox's flags, kept total and notice state", declare_address,
+                 run_show);
     quota.verb("set", "Set a flag", declare_set, run_set);
     quota.verb("clear", "Remove a flag", declare_clear, run_clear);
     quota.verb("notify", "Mail a notice to the mailbox's user, at most once a day", declare_notify,
                run_notify);
     quota.verb("reset", "Mark a mailbox's kept total as untrusted until a recount", declare_reset,
                run_reset);
-    quota.verb("archive", "Show what archive accounts have been given and may still get",
-               declare_archive, run_archive);
+    quota.reader("archive", "Show what archive accounts have been given and may still get",
+                 declare_archive, run_archive);
 }
 
 }  // namespace Tessaly::tool

@@ -75,7 +75,8 @@ void declare_size(Verb& verb, Arguments& arguments) {
 }  // namespace
 
 void add_size_verb(const VerbGroup& top) {
-    top.verb("size", "Compare the stored sizes with what the folders hold", declare_size, run_size);
+    top.reader("size", "Compare the stored sizes with what the folders hold", declare_size,
+               run_size);
 }
 
 }  // namespace Tessaly::tool

@@ -216,7 +216,7 @@ void declare_usage(Verb& verb, Arguments& arguments) {
 }  // namespace
 
 void add_usage_verb(const VerbGroup& top) {
-    top.verb("usage", "Show all mailboxes with their kept sizes", declare_usage, run_usage);
+    top.reader("usage", "Show all mailboxes with their kept sizes", declare_usage, run_usage);
 }
 
 }  // namespace Tessaly::tool
