@@ -8,6 +8,8 @@ import tempfile
 import time
 import unittest
 
+from testing.system_calls import FSTAT
+
 PROGRAM = os.path.join(os.environ["TSMAIL_BUILD"], "tests/support/support_call")
 # Leaks cannot be looked for by a process that is traced.
 ENVIRONMENT = dict(os.environ, ASAN_OPTIONS="detect_leaks=0")
@@ -31,7 +33,7 @@ class Traced(unittest.TestCase):
         """Runs the program. Returns its answer and the calls on paths and descriptors as text. It must not
         leave a descriptor open."""
         log = os.path.join(self.dir, "log")
-        trace = "open,openat,flock,ftruncate,stat,newfstatat,read,pread64,write,fsync,rename," \
+        trace = "open,openat,flock,ftruncate,stat,fstat,newfstatat,read,pread64,write,fsync,rename," \
                 "renameat,renameat2,unlink,fchmod,fchown,utimensat,close,mkdir,fcntl"
         command = ["strace", "-y", "-o", log, "-e", "trace=" + trace]
         if inject:
@@ -138,7 +140,7 @@ class MoveCallsTest(Traced):
 
     def test_any_failure_is_undone_or_leaves_the_bytes_at_both_places(self):
         for call, error, count in (
-                ("openat", "EMFILE", 3), ("newfstatat", "EIO", 1), ("read", "EIO", 3),
+                ("openat", "EMFILE", 3), (FSTAT, "EIO", 1), ("read", "EIO", 3),
                 ("write", "ENOSPC", 2), ("fchmod", "EPERM", 1), ("utimensat", "EPERM", 1),
                 ("fsync", "EIO", 2), ("rename", "EACCES", 2), ("unlink", "EACCES", 1)):
             numbers = self.numbers(call)
@@ -187,12 +189,12 @@ class ConfigCallsTest(Traced):
         path = self.path("tsmail.toml", b"timezone = 5\n")
         environment = {"TSMAIL_CONFIG": path}
         _, calls = self.call("zone", "1", environment=environment, about="/")
-        for call, error in (("openat", "EMFILE"), ("pread64", "EIO"), ("newfstatat", "EIO")):
+        for call, error in (("openat", "EMFILE"), ("pread64", "EIO"), (FSTAT, "EIO")):
             with self.subTest(call=call):
                 name = "tsmail.toml"
                 index = first(calls, "^" + call, name)
-                if call == "newfstatat":  # the one on the descriptor
-                    index = first(calls, "^newfstatat", r"^newfstatat\(\d+<.*" + name)
+                if call == FSTAT:  # the one on the descriptor
+                    index = first(calls, rf"^{FSTAT}\(\d+<.*" + name)
                 when = sum(line.startswith(call + "(") for line in calls[:index]) + 1
                 answer, _ = self.call("zone", "3", environment=environment,
                                       inject=f"{call}:error={error}:when={when}")

@@ -72,7 +72,7 @@ class GrammarTest(SpoolCase):
 
 
 def on_terminal(case, *words, **changes):
-    """The output of a command whose standard output is a terminal."""
+    """The output of a command whose standard output is a terminal, without the styles."""
     master, terminal = pty.openpty()
     with subprocess.Popen([TSMAIL, *words], stdout=terminal, env=environment(**changes)) as process:
         os.close(terminal)
@@ -84,7 +84,7 @@ def on_terminal(case, *words, **changes):
             pass  # the terminal's end
         os.close(master)
         case.assertEqual(process.wait(), 0)
-    return shown
+    return re.sub(rb"\x1b\[\d*m", b"", shown)
 
 
 class HelpTest(SpoolCase):
