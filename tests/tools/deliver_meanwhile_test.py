@@ -3,7 +3,6 @@
 import fcntl
 import glob
 import os
-import re
 import shutil
 import socket
 import subprocess
@@ -251,22 +250,25 @@ class NotifyTest(SpoolCase):
         with open(mail(ANN) + "/Sent/new/by-hand", "wb") as file:
             file.write(b"x")
         self.fill()
-        for words in (("message", "rm", ANN, "Inbox", os.path.basename(path)), ("rm", ANN, "Work"),
-                      ("recount", ANN)):
-            process = self.begin(*words)
-            wait_until(lambda: self.is_sending(process))
-            with Lock(mail(ANN) + "/Inbox", fcntl.LOCK_EX | fcntl.LOCK_NB):
-                self.assertIsNone(process.poll())
-            self.end(process)
+        for words, is_done in (
+                (("message", "rm", ANN, "Inbox", os.path.basename(path)), lambda: not os.path.exists(path)),
+                (("rm", ANN, "Work"), lambda: not os.path.exists(mail(ANN) + "/Work")),
+                (("recount", ANN), lambda: mailbox_record(ANN)[1] == 1)):
+            with self.subTest(words):
+                process = self.begin(*words)
+                wait_until(is_done)
+                wait_until(self.inbox_is_free)
+                self.assertIsNone(process.poll(), "it tells the daemon")
+                self.end(process)
 
     @staticmethod
-    def is_sending(process):
-        """Whether it has a socket, which it has only for telling the daemon."""
+    def inbox_is_free():
         try:
-            return any(re.match("socket:", os.readlink(f"/proc/{process.pid}/fd/{fd}"))
-                       for fd in os.listdir(f"/proc/{process.pid}/fd"))
-        except OSError:
+            with Lock(mail(ANN) + "/Inbox", fcntl.LOCK_EX | fcntl.LOCK_NB):
+                return True
+        except BlockingIOError:
             return False
+
 
 
 if __name__ == "__main__":
