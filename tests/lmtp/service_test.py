@@ -15,7 +15,7 @@ import time
 import unittest
 
 from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files
-from tools.toolkit import (TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
+from tools.toolkit import (SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
                            left_in_tmp, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
 
 ROOT = os.geteuid() == 0
@@ -288,7 +288,7 @@ class PrivilegesTest(LmtpCase):
                     os.kill(worker, signal.SIGKILL)
                 self.assertEqual(client.reply()[:9], "451 4.3.0")
             wait_until(lambda: is_marked(ANN))
-            self.assertEqual(client.deliver(ANN)[0][:3], "250")
+            wait_until(lambda: client.deliver(ANN)[0][:3] == "250")  # a lost worker may be met once more
         self.assertEqual(len(messages(ANN)), 2)
 
 
@@ -371,7 +371,7 @@ class HostileTest(LmtpCase):
             for _ in range(100):
                 client.send(b"x" * 100000)
             self.assertEqual(client.say("")[:9], "500 5.5.2")
-            self.assertLess(self.memory(service) - before, 1000)
+            self.assertLess(self.memory(service) - before, 10000 if SANITIZED else 1000)
             self.assertEqual(client.deliver(ANN)[0][:3], "250")
 
     def test_the_memory_of_messages_is_bounded(self):
