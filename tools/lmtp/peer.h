@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "tools/cli/descriptors.h"
 
@@ -35,6 +36,11 @@ class Peer : public std::enable_shared_from_this<Peer> {
     virtual void end(const std::string& why) = 0;
     // Closes the connection at once.
     void hang_up() { close(); }
+    // Ends the connection; the next time, if the peer does not take its last reply, without a word.
+    void give_up(const std::string& why) {
+        if (std::exchange(given_up_, true)) return close();
+        end(why);
+    }
 
   protected:
     // Called at the beginning, when bytes came and when replies were sent. Does one of the things
@@ -63,7 +69,8 @@ class Peer : public std::enable_shared_from_this<Peer> {
     std::size_t buffer_size_ = 0;
     std::size_t begin_ = 0, end_ = 0;
     std::string sent_;
-    bool waiting_ = false, receiving_ = false, interrupted_ = false, closed_ = false;
+    bool waiting_ = false, receiving_ = false, interrupted_ = false, closed_ = false,
+         given_up_ = false;
     Clock::time_point since_ = Clock::now();
     std::function<void()> on_close_;
 };

@@ -89,11 +89,7 @@ void Server::tick() {
         if (error) return;
         const auto last = Peer::Clock::now() - limits_.idle;
         for (const auto& peer : std::vector(peers_.begin(), peers_.end())) {
-            if (peer->silent_since() < last - kTick) {
-                peer->hang_up();
-            } else if (peer->silent_since() < last) {
-                peer->end("Silent for too long");
-            }
+            if (peer->silent_since() < last) peer->give_up("Silent for too long");
         }
         resume();
         tick();
