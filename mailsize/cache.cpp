@@ -107,8 +107,11 @@ base::Fd open_to_read(const char* path) {
     return path == nullptr ? base::Fd() : base::open_for_reading(path);
 }
 
+// In append mode the texts of several writers stand one behind another until the last writer begins
+// again, so a reader finds a whole text at the beginning. Otherwise one text could lie over
+// another.
 base::Fd open_emptied(const char* path) {
-    constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC;
+    constexpr int kReplace = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
     return path == nullptr ? base::Fd() : base::open_for_writing(path, kReplace);
 }
 
