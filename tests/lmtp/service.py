@@ -1,10 +1,13 @@
 """Helpers for tests of the resident services: a service that runs, and a plain client."""
 
 import contextlib
+import fcntl
 import os
 import re
 import socket
 import subprocess
+import sys
+import termios
 
 from tools.toolkit import TSMAIL, environment, wait_until
 
@@ -32,7 +35,7 @@ class Service:
 
     def __init__(self, *words, verb="lmtp", options=(), listen=True, **popen):
         where = ["--listen", f"unix:{SOCKET}"] if listen else []
-        self.process = subprocess.Popen([TSMAIL, *options, verb, *where, *words], env=environment(),
+        self.process = subprocess.Popen([TSMAIL, *options, verb, *where, *words], env=popen.pop("env", environment()),
                                         stdin=popen.pop("stdin", subprocess.DEVNULL), stderr=subprocess.PIPE,
                                         start_new_session=True, **popen)
         if listen:
@@ -61,6 +64,10 @@ class Service:
 
     def descriptors_of_network(self):
         return len(os.listdir(f"/proc/{self.network()}/fd"))
+
+    def network_sleeps(self):
+        with open(f"/proc/{self.network()}/stat", encoding="ascii") as file:
+            return file.read().split(") ")[1].startswith("S")
 
     def writes_below(self, directory):
         """Whether a worker has a message open below the directory."""
@@ -115,6 +122,11 @@ class Client:
 
     def send(self, data):
         self.socket.sendall(data if isinstance(data, bytes) else data.encode())
+
+    def unheard(self):
+        """The bytes that the service has not received yet."""
+        count = fcntl.ioctl(self.socket, termios.TIOCOUTQ, bytes(4))
+        return int.from_bytes(count, sys.byteorder)
 
     def say(self, line):
         self.send(line + "\r\n")

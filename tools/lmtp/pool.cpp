@@ -27,6 +27,7 @@ constexpr std::size_t kMostQuestions = 16;  // that wait for an answer: more cou
 constexpr seconds kOwnerKnown{5};
 constexpr std::size_t kMostKnown = 4000;
 constexpr milliseconds kTick{250};
+constexpr int kMostLost = 3;       // workers on one task
 constexpr seconds kSlow{2};        // a task that takes longer
 constexpr seconds kPatience{2};    // between TERM and KILL
 constexpr seconds kAfterPass{10};  // for what is left to do once a message is delivered
@@ -95,6 +96,7 @@ void Pool::take_answer() {
     Answer answer;
     Fd socket;
     const ssize_t n = receive_with(questions_.native_handle(), &answer, sizeof answer, socket);
+    if (n < 0 && errno == EAGAIN) return;
     if (n != sizeof answer) return context_.stop();
     const auto asked = asked_.find(answer.serial);
     if (asked == asked_.end()) return;
@@ -205,17 +207,16 @@ bool Pool::give_to_idle(const Key& key, Queue& queue) {
 
 void Pool::give(Worker& worker, Waiting waiting) {
     worker.busy = true;
-    worker.task = std::move(waiting.task);
-    worker.mailbox = std::move(waiting.mailbox);
+    worker.current = std::move(waiting);
     worker.began = Clock::now();
     worker.passed = worker.answered = false;
     worker.failure.reset();
-    const Task& task = worker.task;
+    const Task& task = worker.current.task;
     string packet;
     Json::to_msgpack({{"do", task.what}, {"address", task.address}, {"ident", task.ident}}, packet);
-    // A worker that is gone shows by the end of its socket.
-    send_with(worker.stream.native_handle(), packet.data(), packet.size(),
-              task.message ? task.message->fd() : -1);
+    worker.sent = send_with(worker.stream.native_handle(), packet.data(), packet.size(),
+                            task.message ? task.message->fd() : -1);
+    if (!worker.sent) signal(worker, SIGKILL);  // the end of its socket shows that it is gone
 }
 
 // Asks for one more worker for the queue. False if none is needed or allowed.
@@ -336,13 +337,13 @@ void Pool::take(Worker& worker, const Message& message) {
     switch (message.event) {
         case Event::object: {
             const string folder = body.value("folder", string());
-            return answer(worker, {{250, "2.0.0", "Saved as " + worker.task.ident},
+            return answer(worker, {{250, "2.0.0", "Saved as " + worker.current.task.ident},
                                    folder,
                                    body.value("size", std::uint64_t{0})});
         }
         case Event::warning:
             return log_.line(Level::warning,
-                             worker.task.ident + ": " + body.value("text", string()));
+                             worker.current.task.ident + ": " + body.value("text", string()));
         case Event::error:
             if (!worker.failure) worker.failure = failure_of(body);
             return;
@@ -362,48 +363,64 @@ void Pool::take(Worker& worker, const Message& message) {
 }
 
 void Pool::answer(Worker& worker, const Outcome& outcome) {
-    if (!std::exchange(worker.answered, true) && worker.task.done) {
-        auto done = std::move(worker.task.done);
-        worker.task.done = {};
+    if (!std::exchange(worker.answered, true) && worker.current.task.done) {
+        auto done = std::move(worker.current.task.done);
+        worker.current.task.done = {};
         boost::asio::post(context_, [done = std::move(done), outcome] { done(outcome); });
     }
 }
 
 void Pool::end_task(Worker& worker) {
     if (!worker.busy) throw Failure(kExitSoftware, "a worker has an answer too many");
-    if (!worker.failure && worker.task.what == "deliver" && !worker.answered) {
+    if (!worker.failure && worker.current.task.what == "deliver" && !worker.answered) {
         worker.failure = Failure(kExitSoftware, "a worker has no answer");
     }
     answer(worker, {worker.failure ? reply_to(*worker.failure) : Reply{250, "2.1.5", "OK"}});
-    if (worker.failure) owners_.erase(worker.mailbox);
+    if (worker.failure) owners_.erase(worker.current.mailbox);
     forget_slow(worker);
     worker.busy = false;
-    worker.task = {};
+    worker.proven = true;
+    worker.current = {};
 }
 
 void Pool::forget_slow(Worker& worker) {
     if (!std::exchange(worker.slow, false)) return;
     --slow_workers_;
-    slow_.erase(slow_.find(worker.mailbox));
+    slow_.erase(slow_.find(worker.current.mailbox));
 }
 
-// A message may be in new without being counted: the mailbox is marked, by another worker if this
-// one is lost, too.
 void Pool::lose(Workers::iterator worker) {
-    constexpr int kMostLost = 3;
     const Key key = worker->key;
     if (worker->busy) {
-        if (!worker->failure) worker->failure = Failure(kExitTryAgain, "its worker was ended");
-        const Task mark = {"mark", worker->task.address, "", {}, {}, worker->task.lost + 1};
-        const bool begun = worker->task.what != "check" && mark.lost <= kMostLost;
-        answer(*worker, {reply_to(*worker->failure)});
         forget_slow(*worker);
-        if (begun && !stopped_) submit(mark);
+        if (!take_back(*worker)) fail_task(*worker);
     }
     workers_.erase(worker);
     --queues_[key].workers;
     serve_others();
     dispatch(key);
+}
+
+// Another worker gets the task of one that ended without having read it. A worker that was idle may
+// end at any time; tasks on which new workers end are given up.
+bool Pool::take_back(Worker& worker) {
+    const bool begun = worker.sent && !worker.incoming.unread();
+    if (begun || worker.failure || stopped_) return false;
+    Task& task = worker.current.task;
+    if (!worker.proven && ++task.lost > kMostLost) return false;
+    queues_[worker.key].waiting.push_front(std::move(worker.current));
+    return true;
+}
+
+// A message may be in new without being counted: the mailbox is marked, by another worker if this
+// one is lost, too.
+void Pool::fail_task(Worker& worker) {
+    if (!worker.failure) worker.failure = Failure(kExitTryAgain, "its worker was ended");
+    const Task& task = worker.current.task;
+    const Task mark = {"mark", task.address, "", {}, {}, task.lost + 1};
+    const bool begun = task.what != "check" && mark.lost <= kMostLost;
+    answer(worker, {reply_to(*worker.failure)});
+    if (begun && !stopped_) submit(mark);
 }
 
 void Pool::tick() {
@@ -431,7 +448,7 @@ void Pool::look_at(Worker& worker, Clock::time_point now) {
     if (!worker.slow && took > kSlow) {
         worker.slow = true;
         ++slow_workers_;
-        slow_.insert(worker.mailbox);
+        slow_.insert(worker.current.mailbox);
     }
     const seconds limit = worker.passed ? std::min(limit_, seconds(kAfterPass)) : limit_;
     const bool too_many = worker.slow && slow_workers_ > 2 * most_;

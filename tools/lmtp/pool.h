@@ -32,7 +32,7 @@ struct Task {
     std::string ident = {};
     std::shared_ptr<MessageFile> message = {};
     Done done = {};
-    int lost = 0;  // the workers that were lost on it and on what it is for
+    int lost = 0;  // workers that ended while they had it, or what it is for
 };
 
 // Starts workers when they are needed, keeps them for the next tasks of the same owner, and ends
@@ -72,9 +72,10 @@ class Pool {
         Key key;
         Incoming incoming = {};
         bool busy = false;
-        Task task = {};
-        std::string mailbox = {};
+        Waiting current = {};  // while it is busy
         Clock::time_point began = {}, signalled = {};
+        bool sent = false;    // the current task could be sent
+        bool proven = false;  // it has done a task
         bool slow = false, passed = false, answered = false;
         int signal = 0;  // the last one that it got
         std::optional<Failure> failure = {};
@@ -121,6 +122,8 @@ class Pool {
     void answer(Worker& worker, const Outcome& outcome);
     void end_task(Worker& worker);
     void lose(Workers::iterator worker);
+    bool take_back(Worker& worker);
+    void fail_task(Worker& worker);
     void tick();
     void look_at(Worker& worker, Clock::time_point now);
     void forget_slow(Worker& worker);

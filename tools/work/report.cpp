@@ -1,5 +1,6 @@
 #include "tools/work/report.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -97,15 +98,25 @@ void Report::send() {
     pending_.clear();
 }
 
+// A worker that ends with something unread resets the connection. The reset is told once, before
+// what the worker has sent.
 bool Incoming::fill(int socket) {
     constexpr std::size_t kPiece = 65536;
     bytes_.erase(0, std::exchange(begin_, 0));
     const std::size_t had = bytes_.size();
     bytes_.resize(had + kPiece);
-    const ssize_t n = retry([&] { return ::read(socket, bytes_.data() + had, kPiece); });
+    const auto receive = [&] { return ::recv(socket, bytes_.data() + had, kPiece, 0); };
+    ssize_t n = retry(receive);
+    if (n < 0 && errno == ECONNRESET) {
+        unread_ = true;
+        n = retry(receive);
+    }
+    const int error = errno;
     bytes_.resize(had + static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-    if (n < 0 && errno != ECONNRESET) throw system_failure("reading from a worker");
-    return n > 0;
+    if (n >= 0) return n > 0;
+    if (error == EAGAIN) return true;
+    errno = error;
+    throw system_failure("reading from a worker");
 }
 
 std::optional<Message> Incoming::next() {

@@ -68,8 +68,11 @@ class Report {
 // as the worker's user may have tampered with them.
 class Incoming {
   public:
-    // Reads the bytes that have arrived. False at the end; a Failure for an error.
+    // Reads the bytes that have arrived; none if the socket does not block. False at the end; a
+    // Failure for an error.
     bool fill(int socket);
+    // Whether the worker ended and had not read all that was sent to it.
+    bool unread() const { return unread_; }
     // The next complete message; nothing if there is none yet. A Failure with kExitSoftware for
     // bytes that are not a message.
     std::optional<Message> next();
@@ -77,6 +80,7 @@ class Incoming {
   private:
     std::string bytes_;
     std::size_t begin_ = 0;
+    bool unread_ = false;
 };
 
 }  // namespace Tessaly::tool
