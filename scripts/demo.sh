@@ -97,7 +97,7 @@ show_refusals() {
     tsmail_shown deliver ../../../etc@site.test "$samples/plain.eml"
     expect "an address that leads out of its mailbox: 65, bad data" answered 65
     tsmail_shown deliver 'ann+..|rm@site.test' "$samples/one-byte.eml"
-    expect "a tag that is no folder name counts as none: Inbox" says '/mail/Inbox/new/'
+    expect "a tag that is not a folder name is left out: Inbox" says '/mail/Inbox/new/'
 }
 
 show_folders() {

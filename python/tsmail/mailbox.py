@@ -298,8 +298,8 @@ class Maildir(standard.Maildir):
             self.mailbox.distrust_sizes()
 
     def _tell(self, delta: int) -> None:
-        """Tells the quota daemon of a change, without a lock: it may keep its senders waiting. That
-        nobody listens is no failure."""
+        """Tells the quota daemon of a change, without a lock: it may keep its senders waiting. It is
+        not a failure if no daemon listens."""
         if delta:
             with contextlib.suppress(OSError):
                 self._folder.tell_quota_daemon(delta)

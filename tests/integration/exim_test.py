@@ -3,7 +3,6 @@
 import os
 import pathlib
 import re
-import signal
 import smtplib
 import socket
 import subprocess
@@ -11,7 +10,8 @@ import threading
 import time
 
 import neighbours
-from toolkit import SOURCE, TSMAIL, SpoolCase, content, environment, folder_record, left_in_tmp, mailbox_record, messages
+from arrivals import Service, numbers, send
+from toolkit import SOURCE, SpoolCase, content, folder_record, left_in_tmp, mailbox_record, messages
 
 LOG = "/var/spool/log/exim"
 SOCKET = "/run/tsmail/lmtp"
@@ -64,7 +64,7 @@ class EximCase(SpoolCase):
         page = pathlib.Path(SOURCE, "docs/neighbours/exim.md").read_text(encoding="utf-8")
         self.command = re.search(r"^    tsmail (lmtp .*)$", page, re.M).group(1).split()
         self.start()
-        self.addCleanup(self.stop)
+        self.addCleanup(lambda: self.service.stop())
         daemon = subprocess.Popen(["exim4", "-bdf", "-q1s"])  # in the foreground
         self.addCleanup(daemon.wait)
         self.addCleanup(daemon.terminate)
@@ -73,24 +73,7 @@ class EximCase(SpoolCase):
             self.succeed("create", address, "--folder", "Work", **neighbours.as_vmail())
 
     def start(self):
-        command = [TSMAIL, *self.command, *self.OPTIONS]
-        self.service = subprocess.Popen(command, env=environment(), start_new_session=True)
-        wait_until(lambda: os.path.exists(SOCKET) and os.stat(SOCKET).st_uid != 0, "the socket")
-
-    def stop(self, number=signal.SIGTERM):
-        if number == signal.SIGKILL:
-            os.killpg(self.service.pid, number)
-        self.service.send_signal(number)
-        self.service.wait(15)
-
-    def send(self, count, recipients, first=0, body=b"x\r\n"):
-        with smtplib.SMTP("127.0.0.1") as smtp:
-            for n in range(first, first + count):
-                smtp.sendmail(BOB, recipients, b"Subject: N%d\r\n\r\n" % n + body)
-
-    def subjects(self, address, folder="Inbox"):
-        return sorted(int(re.search(rb"^Subject: N(\d+)$", content(path), re.M).group(1))
-                      for path in messages(address, folder))
+        self.service = Service(SOCKET, *self.command, *self.OPTIONS)
 
 
 class ArrivalTest(EximCase):
@@ -107,11 +90,11 @@ class ArrivalTest(EximCase):
         self.assertEqual(os.stat(path).st_uid, neighbours.VMAIL)
 
     def test_several_recipients_and_a_tag(self):
-        self.send(1, [ANN, "ann+Work@site.test", "ann+anything@site.test", BOB, "nobody@site.test"])
+        send(1, [ANN, "ann+Work@site.test", "ann+anything@site.test", BOB, "nobody@site.test"])
         wait_until(lambda: len(messages(BOB)) == 2, "delivery and the bounce")
         wait_until(everything_delivered, "the end")
-        self.assertEqual(self.subjects(ANN), [0, 0])
-        self.assertEqual(self.subjects(ANN, "Work"), [0])
+        self.assertEqual(numbers(ANN), [0, 0])
+        self.assertEqual(numbers(ANN, "Work"), [0])
         bounces = [path for path in messages(BOB) if b"5.1.1" in content(path)]
         self.assertEqual(len(bounces), 1)
         # One connection, so one identifier for all.
@@ -126,14 +109,14 @@ class ArrivalTest(EximCase):
             self.assertEqual(smtp.rcpt("ann@other.test")[0], 550)
 
     def test_many_at_once(self):
-        senders = [threading.Thread(target=self.send, args=(50, [ANN, BOB], 50 * n)) for n in range(4)]
+        senders = [threading.Thread(target=send, args=(50, [ANN, BOB], 50 * n)) for n in range(4)]
         for sender in senders:
             sender.start()
         for sender in senders:
             sender.join()
         wait_until(everything_delivered, "delivery", 120)
         for address in (ANN, BOB):
-            self.assertEqual(self.subjects(address), list(range(200)))
+            self.assertEqual(numbers(address), list(range(200)))
             size = sum(map(os.path.getsize, messages(address)))
             wait_until(lambda a=address, s=size: mailbox_record(a) == (s, 200), "the record")
 
@@ -143,7 +126,7 @@ class QuotaTest(EximCase):
 
     def test_a_full_mailbox_is_refused(self):
         self.succeed("quota", "set", ANN, "exceeded", **neighbours.as_vmail())
-        self.send(1, [ANN])
+        send(1, [ANN])
         wait_until(lambda: messages(BOB), "the bounce")
         self.assertRegex(content(*messages(BOB)), rb"(?s)552 5\.2\.2 ann@site.test:\s+the mailbox is full")
         self.assertEqual(messages(ANN), [])
@@ -154,21 +137,20 @@ class LaterTest(EximCase):
 
     def test_a_full_mailbox_is_put_off(self):
         self.succeed("quota", "set", ANN, "exceeded", **neighbours.as_vmail())
-        self.send(1, [ANN, BOB])
+        send(1, [ANN, BOB])
         wait_until(lambda: messages(BOB) and re.search(r"452 4\.2\.2 .*full", log()), "the delay")
         self.assertEqual((messages(ANN), len(queue())), ([], 1))
         self.succeed("quota", "clear", ANN, "exceeded", **neighbours.as_vmail())
         try_again()
         wait_until(everything_delivered, "delivery after the delay")
-        self.assertEqual((self.subjects(ANN), self.subjects(BOB)), ([0], [0]))
+        self.assertEqual((numbers(ANN), numbers(BOB)), ([0], [0]))
 
     def test_a_service_that_is_killed(self):
-        sender = threading.Thread(target=self.send, args=(60, [ANN]), kwargs={"body": b"x\r\n" * 3000})
+        sender = threading.Thread(target=send, args=(60, [ANN]), kwargs={"body": b"x\r\n" * 3000})
         sender.start()
         for _ in range(3):
             time.sleep(0.5)
-            self.stop(signal.SIGKILL)
-            os.unlink(SOCKET)
+            self.service.kill()
             self.start()
         sender.join()
 
@@ -176,7 +158,7 @@ class LaterTest(EximCase):
             try_again()
             return not queue()
         wait_until(all_there, "delivery", 120)
-        found = self.subjects(ANN)
+        found = numbers(ANN)
         self.assertEqual(sorted(set(found)), list(range(60)))
         # At each kill as many can come twice as were on their way: Exim had no answer for them.
         self.assertLessEqual(len(found) - 60, 3 * 20)

@@ -5,14 +5,14 @@ import json
 import os
 import pathlib
 import re
-import signal
 import smtplib
 import subprocess
 import threading
 import time
 
 import neighbours
-from toolkit import (HOME, SOURCE, TSMAIL, SpoolCase, content, environment, folder_record, left_in_tmp, mail,
+from arrivals import Service, numbers, send
+from toolkit import (HOME, SOURCE, SpoolCase, content, folder_record, left_in_tmp, mail,
                      mailbox_record, messages)
 
 LOG = "/var/spool/log/postfix"
@@ -231,30 +231,11 @@ class LmtpTest(PostfixCase):
         subprocess.run(["postconf", "-e", "minimal_backoff_time=1s", "maximal_backoff_time=2s",
                         "queue_run_delay=1s"], check=True)
         self.assertEqual(postfix("reload").returncode, 0)
-        self.service = None
         self.start()
-        self.addCleanup(self.stop)
+        self.addCleanup(lambda: self.service.stop())
 
     def start(self, *more):
-        self.service = subprocess.Popen([TSMAIL, *self.command, *more], env=environment(), start_new_session=True)
-        path = "/var/spool/postfix/private/tsmail"
-        while not os.path.exists(path) or os.stat(path).st_uid == 0:
-            time.sleep(0.01)
-
-    def stop(self, number=signal.SIGTERM):
-        if number == signal.SIGKILL:
-            os.killpg(self.service.pid, number)
-        self.service.send_signal(number)
-        self.service.wait(15)
-
-    def send(self, count, recipients, first=0, body=b"x\r\n"):
-        with smtplib.SMTP("127.0.0.1") as smtp:
-            for n in range(first, first + count):
-                smtp.sendmail("bob@site.test", recipients, b"Subject: N%d\r\n\r\n" % n + body)
-
-    def subjects(self, address, folder="Inbox"):
-        return sorted(int(re.search(rb"^Subject: N(\d+)$", content(path), re.M).group(1))
-                      for path in messages(address, folder))
+        self.service = Service("/var/spool/postfix/private/tsmail", *self.command, *more)
 
     def test_a_message(self):
         body = b"From here\n.\n..\n" + bytes(range(128, 256)) + b"\n\nlast\n"
@@ -268,10 +249,10 @@ class LmtpTest(PostfixCase):
 
     def test_several_recipients_and_a_tag(self):
         self.succeed("create", "ann@site.test", "--folder", "Work", **neighbours.as_vmail())
-        self.send(1, ["ann@site.test", "ann+Work@site.test", "bob@site.test", "nobody@site.test"])
+        send(1, ["ann@site.test", "ann+Work@site.test", "bob@site.test", "nobody@site.test"])
         wait_until(everything_delivered, "delivery")
-        self.assertEqual(self.subjects("ann@site.test"), [0])
-        self.assertEqual(self.subjects("ann@site.test", "Work"), [0])
+        self.assertEqual(numbers("ann@site.test"), [0])
+        self.assertEqual(numbers("ann@site.test", "Work"), [0])
         path, = messages("ann@site.test")
         queue_id = content(path).split(b"with ESMTP id ")[1].split()[0].rstrip(b";").decode()
         self.assertIn(f"#Q#{queue_id},", path)
@@ -279,29 +260,29 @@ class LmtpTest(PostfixCase):
         self.assertEqual((len(bounces), len(messages("bob@site.test"))), (1, 2))
 
     def test_a_full_mailbox_is_put_off(self):
-        self.stop()
+        self.service.stop()
         self.start("--defer-exceeded")
         self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
-        self.send(1, ["ann@site.test", "bob@site.test"])
+        send(1, ["ann@site.test", "bob@site.test"])
         wait_until(deferred, "the delay")
         self.assertRegex(deferred()[0], r"452 4\.2\.2 .*full")
-        self.assertEqual((messages("ann@site.test"), self.subjects("bob@site.test")), ([], [0]))
+        self.assertEqual((messages("ann@site.test"), numbers("bob@site.test")), ([], [0]))
         self.succeed("quota", "clear", "ann@site.test", "exceeded", **neighbours.as_vmail())
         subprocess.run(["postqueue", "-f"], check=True)
         wait_until(everything_delivered, "delivery after the delay")
-        self.assertEqual(self.subjects("ann@site.test"), [0])
+        self.assertEqual(numbers("ann@site.test"), [0])
 
     def test_a_full_mailbox_is_refused(self):
-        self.stop()
+        self.service.stop()
         self.start("--refuse-exceeded")
         self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
-        self.send(1, ["ann@site.test"])
+        send(1, ["ann@site.test"])
         wait_until(everything_delivered, "the bounce")
         self.assertEqual(messages("ann@site.test"), [])
         self.assertRegex(content(*messages("bob@site.test")), rb"Status: 5\.2\.2")
 
     def test_thousands(self):
-        senders = [threading.Thread(target=self.send, args=(250, ["ann@site.test", "bob@site.test"], 250 * n))
+        senders = [threading.Thread(target=send, args=(250, ["ann@site.test", "bob@site.test"], 250 * n))
                    for n in range(4)]
         for sender in senders:
             sender.start()
@@ -309,17 +290,16 @@ class LmtpTest(PostfixCase):
             sender.join()
         wait_until(everything_delivered, "delivery", 100)
         for address in ("ann@site.test", "bob@site.test"):
-            self.assertEqual(self.subjects(address), list(range(1000)))
+            self.assertEqual(numbers(address), list(range(1000)))
             size = sum(map(os.path.getsize, messages(address)))
             self.assertEqual(mailbox_record(address), (size, 1000))
 
     def test_killed_again_and_again(self):
-        sender = threading.Thread(target=self.send, args=(400, ["ann@site.test"]), kwargs={"body": b"x\r\n" * 3000})
+        sender = threading.Thread(target=send, args=(400, ["ann@site.test"]), kwargs={"body": b"x\r\n" * 3000})
         sender.start()
         for _ in range(5):
             time.sleep(0.7)
-            self.stop(signal.SIGKILL)
-            os.unlink("/var/spool/postfix/private/tsmail")
+            self.service.kill()
             self.start()
         sender.join()
         subprocess.run(["postqueue", "-f"], check=True)
@@ -329,7 +309,7 @@ class LmtpTest(PostfixCase):
             time.sleep(0.3)
             return not queue()
         wait_until(all_there, "delivery", 100)
-        found = self.subjects("ann@site.test")
+        found = numbers("ann@site.test")
         self.assertEqual(sorted(set(found)), list(range(400)))
         # At each kill as many can come twice as were on their way: Postfix had no answer for them.
         self.assertLessEqual(len(found) - 400, 5 * 20)
@@ -345,10 +325,7 @@ class PolicyTest(PostfixCase):
                                   re.S | re.M).groups()
         subprocess.run(["postconf", "-e", line], check=True)
         self.assertEqual(postfix("reload").returncode, 0)
-        self.service = subprocess.Popen([TSMAIL, *command.split()], env=environment())
-        self.addCleanup(self.service.wait)
-        self.addCleanup(self.service.kill)
-        wait_until(lambda: os.path.exists("/var/spool/postfix/private/tsmail-policy"), "the socket")
+        self.addCleanup(Service("/var/spool/postfix/private/tsmail-policy", *command.split()).stop)
 
     def test_a_full_mailbox_is_refused_when_it_is_named(self):
         self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())

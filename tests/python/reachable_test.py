@@ -78,7 +78,7 @@ class ReachableTest(unittest.TestCase):
 
     def test_every_function_is_called_by_the_packages_own_functions(self):
         """The other cases are run, and what is called meanwhile is seen. Properties and operators of
-        the extension's own classes are no calls of functions: that they are public is enough."""
+        the extension's own classes need not be called: it is enough that they are public."""
         called = set()
 
         def profile(_, event, argument):

@@ -50,7 +50,7 @@ class MailboxTest(RenameCase):
         self.assertEqual(content(pref(BERT, "secondaryaddr")), b"x@site.test\neve@site.test\ny@site.test\n")
         self.assertFalse(os.path.exists(os.path.dirname(mail(ANN))))
         self.assertEqual(self.succeed("pref", "get", EVE, "npage").out, "30\n")
-        self.assertEqual(tsmail("doctor", EVE).code, 1)  # nobody@none.test is no mailbox
+        self.assertEqual(tsmail("doctor", EVE).code, 1)  # there is no mailbox nobody@none.test
         self.fail_with(67, "mailbox", "rename", ANN, EVE)
         self.assertEqual(self.succeed("mailbox", "rename", EVE, ANN).out, f"renamed {EVE} to {ANN}\n")
         self.assert_moved(ANN)

@@ -297,7 +297,7 @@ std::vector<ReadCase> read_cases() {
         {"a NUL ends a line's text", "lang=d\0e\ntheme=3\n"s,
          [](user_pref& p) { std::strcpy(p.lang, "d"), p.theme = 3; }},
         {"a NUL ends a key", "lang\0=x\nthe\0me=3\n"s, nothing},
-        {"what follows a NUL is no line", "x\0theme=3\nlang=x\0\ntheme=4"s,
+        {"text after a NUL does not count as a line", "x\0theme=3\nlang=x\0\ntheme=4"s,
          [](user_pref& p) { std::strcpy(p.lang, "x"), p.theme = 4; }},
         {"NUL bytes alone", std::string(5000, '\0'), nothing},
         {"line ends alone", std::string(5000, '\n'), nothing},

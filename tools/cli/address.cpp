@@ -42,7 +42,7 @@ constexpr Takes kTakes[] = {
 static_assert(std::size(kTakes) == MAILBOX_LOCAL + 1, "a row for each mailbox type");
 
 constexpr char kMaildirNames[] = "\"new\", \"cur\" and \"tmp\" are parts of a folder";
-constexpr char kDots[] = "\".\" and \"..\" are no names";
+constexpr char kDots[] = "\".\" and \"..\" are not names";
 
 bool is_dots(string_view part) { return part == "." || part == ".."; }
 

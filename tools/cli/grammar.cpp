@@ -290,7 +290,8 @@ bool VerbGroup::declares(const string& name) const {
     return app_ != nullptr && (names == nullptr || std::ranges::find(*names, name) != names->end());
 }
 
-Verb VerbGroup::add(const string& name, const string& help, std::function<int()> work) const {
+Verb VerbGroup::add_to_app(const string& name, const string& help,
+                           std::function<int()> work) const {
     CLI::App* app = app_->add_subcommand(name, help);
     app->callback([session = &context_->session, work = std::move(work)] { session->verb = work; });
     return {*app, context_->choices};

@@ -88,35 +88,41 @@ class VerbGroup {
 
     VerbGroup group(const std::string& name, const std::string& help) const;
 
+    template <class Arguments>
+    using Declare = void (*)(Verb& verb, Arguments& arguments);
+    template <class Arguments>
+    using Run = int (*)(Session& session, const Arguments& arguments);
+
     // Adds a verb with arguments of its own: declare(verb, arguments) declares them, run(session,
     // arguments) does the work and returns the exit code.
     template <class Arguments>
-    void verb(const std::string& name, const std::string& help,
-              void (*declare)(Verb& verb, Arguments& arguments),
-              int (*run)(Session& session, const Arguments& arguments)) const {
-        if (!declares(name)) return;
-        const auto arguments = std::make_shared<Arguments>();
-        Session* session = &context_->session;
-        Verb verb = add(name, help, [=] { return run(*session, *arguments); });
-        declare(verb, *arguments);
+    void verb(const std::string& name, const std::string& help, Declare<Arguments> declare,
+              Run<Arguments> run) const {
+        add(name, help, declare, run);
     }
 
     // The same for a verb that only reads the store, see run_reader().
     template <class Arguments>
-    void reader(const std::string& name, const std::string& help,
-                void (*declare)(Verb& verb, Arguments& arguments),
-                int (*run)(Session& session, const Arguments& arguments)) const {
-        if (!declares(name)) return;
-        const auto arguments = std::make_shared<Arguments>();
-        Session* session = &context_->session;
-        Verb verb =
-            add(name, help, [=] { return run_reader([&] { return run(*session, *arguments); }); });
-        declare(verb, *arguments);
+    void reader(const std::string& name, const std::string& help, Declare<Arguments> declare,
+                Run<Arguments> run) const {
+        add(name, help, declare, [run](Session& session, const Arguments& arguments) {
+            return run_reader([&] { return run(session, arguments); });
+        });
     }
 
   private:
+    template <class Arguments, class Work>
+    void add(const std::string& name, const std::string& help, Declare<Arguments> declare,
+             Work work) const {
+        if (!declares(name)) return;
+        const auto arguments = std::make_shared<Arguments>();
+        Session* session = &context_->session;
+        Verb verb = add_to_app(name, help, [=] { return work(*session, *arguments); });
+        declare(verb, *arguments);
+    }
     bool declares(const std::string& name) const;
-    Verb add(const std::string& name, const std::string& help, std::function<int()> work) const;
+    Verb add_to_app(const std::string& name, const std::string& help,
+                    std::function<int()> work) const;
 
     CLI::App* app_;
     GrammarContext* context_;

@@ -249,11 +249,11 @@ std::vector<Finding> look_at_size_fields(const Patient& patient) {
 constexpr Check kFolderChecks[] = {
     {"root-permissions", "other users can look into the mailbox, or its owner cannot work in it",
      look_at_root_modes},
-    {"folder-parts", "mail in a directory that is no complete folder is not found, or cannot come",
+    {"folder-parts", "mail in an incomplete folder is not found, or cannot be delivered",
      look_at_parts},
     {"folder-permissions", "who has no access to a folder can neither read nor deliver mail",
      look_at_folder_modes},
-    {"leftovers", "what a delivery or a mail reader left in tmp is seen by nobody",
+    {"leftovers", "mail readers do not see what a delivery or another reader left in tmp",
      look_at_leftovers},
     {"untagged", "the size of such a message has to be asked for at each count", look_at_names},
     {"size-fields", "such a message counts with a size that is not its own", look_at_size_fields},
