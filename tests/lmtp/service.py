@@ -30,6 +30,11 @@ def open_files(pid):
                 yield os.readlink(f"{directory}/{name}"), os.stat(f"{directory}/{name}").st_size
 
 
+def sleeps(pid):
+    with open(f"/proc/{pid}/stat", encoding="ascii") as file:
+        return file.read().split(") ")[1].startswith("S")
+
+
 class Service:
     """A service on a unix socket, in its own process group."""
 
@@ -65,9 +70,9 @@ class Service:
     def descriptors_of_network(self):
         return len(os.listdir(f"/proc/{self.network()}/fd"))
 
-    def network_sleeps(self):
-        with open(f"/proc/{self.network()}/stat", encoding="ascii") as file:
-            return file.read().split(") ")[1].startswith("S")
+    def is_idle(self):
+        """Whether all processes wait for something."""
+        return all(sleeps(pid) for pid in self.children())
 
     def writes_below(self, directory):
         """Whether a worker has a message open below the directory."""

@@ -14,7 +14,7 @@ import threading
 import time
 import unittest
 
-from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files
+from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files, sleeps
 from tools.toolkit import (TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
                            left_in_tmp, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
 
@@ -291,15 +291,20 @@ class PrivilegesTest(LmtpCase):
             self.assertEqual(client.deliver(ANN)[0][:3], "250")
         self.assertEqual(len(messages(ANN)), 2)
 
+    def deliver_and_rest(self, service, client):
+        """One message, which is counted, too."""
+        client.deliver(ANN)
+        wait_until(lambda: folder_record(ANN)[1] == 1 and service.is_idle())
+
     def test_a_worker_that_is_killed_with_a_task_unread(self):
         with Service("--workers", "1") as service, Client() as client:
-            client.deliver(ANN)
+            self.deliver_and_rest(service, client)
             [worker] = service.workers()
             os.kill(worker, signal.SIGSTOP)
             client.begin(ANN)
             client.say("DATA")
             client.send(b"x\r\n.\r\n")
-            wait_until(lambda: client.unheard() == 0 and service.network_sleeps())  # the worker has the task
+            wait_until(lambda: client.unheard() == 0 and sleeps(service.network()))  # the worker has the task
             os.kill(worker, signal.SIGKILL)
             self.assertEqual(client.reply()[:3], "250")
             service.end()
@@ -308,7 +313,7 @@ class PrivilegesTest(LmtpCase):
 
     def test_a_worker_that_is_gone_before_it_gets_a_task(self):
         with Service("--workers", "1") as service, Client() as client:
-            client.deliver(ANN)
+            self.deliver_and_rest(service, client)
             client.begin(ANN)
             client.say("DATA")
             os.kill(service.network(), signal.SIGSTOP)
