@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "tools/cli/address.h"
+#include "tools/cli/passing.h"
 #include "tools/cli/text.h"
 #include "tools/lmtp/worker.h"
-#include "tools/spool/passing.h"
 
 namespace Tessaly::tool::lmtp {
 
@@ -23,17 +23,11 @@ using std::string;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr std::size_t kMostQuestions = 16;  // that wait for an answer: more could fill the socket
-constexpr seconds kOwnerKnown{5};
-constexpr std::size_t kMostKnown = 4000;
 constexpr milliseconds kTick{250};
 constexpr int kMostLost = 3;       // workers on one task
 constexpr seconds kSlow{2};        // a task that takes longer
 constexpr seconds kPatience{2};    // between TERM and KILL
 constexpr seconds kAfterPass{10};  // for what is left to do once a message is delivered
-
-// A mailbox's name among those that are slow: its home.
-string mailbox_name(const string& address) { return mailbox_of(address).homepath(); }
 
 Failure failure_of(const Json& body) {
     return {static_cast<ExitCode>(body.value("code", int{kExitTryAgain})),
@@ -52,93 +46,19 @@ Failure ending() { return {kExitTryAgain, "the service ends"}; }
 Pool::Pool(boost::asio::io_context& context, int questions, std::size_t workers, seconds limit,
            const Log& log)
     : context_(context),
-      questions_(context, questions),
+      parent_(context, questions),
       timer_(context),
       most_(workers),
       limit_(limit),
       log_(log) {
-    listen_for_answers();
     tick();
-}
-
-// ---- questions to the parent
-
-void Pool::ask(Ask what, const string& address, Found found) {
-    Question question;
-    question.ask = what;
-    question.serial = ++serial_;
-    question.length = static_cast<std::uint32_t>(std::min(address.size(), sizeof question.address));
-    std::memcpy(question.address, address.data(), question.length);
-    asked_[question.serial] = std::move(found);
-    unasked_.push_back(question);
-    send_questions();
-}
-
-void Pool::send_questions() {
-    while (!unasked_.empty() && asked_.size() - unasked_.size() < kMostQuestions) {
-        const Question& question = unasked_.front();
-        if (!send_with(questions_.native_handle(), &question, sizeof question, -1))
-            return context_.stop();
-        unasked_.pop_front();
-    }
-}
-
-void Pool::listen_for_answers() {
-    questions_.async_wait(Stream::wait_read, [this](const error_code& error) {
-        if (error) return;
-        take_answer();
-        listen_for_answers();
-    });
-}
-
-// Without the parent there are no workers: the service ends.
-void Pool::take_answer() {
-    Answer answer;
-    Fd socket;
-    const ssize_t n = receive_with(questions_.native_handle(), &answer, sizeof answer, socket);
-    if (n < 0 && errno == EAGAIN) return;
-    if (n != sizeof answer) return context_.stop();
-    const auto asked = asked_.find(answer.serial);
-    if (asked == asked_.end()) return;
-    const Found found = std::move(asked->second);
-    asked_.erase(asked);
-    send_questions();
-    found(answer, std::move(socket));
-}
-
-// Remembers an owner for some seconds. A worker of a wrong owner finds no mailbox that it may write
-// to, which is a temporary failure.
-void Pool::find_owner(const string& address, std::function<void(const Answer&)> found) {
-    const string mailbox = mailbox_name(address);
-    const auto known = owners_.find(mailbox);
-    if (known != owners_.end() && Clock::now() < known->second.until) {
-        Answer answer;
-        answer.owner = known->second.owner;
-        return found(answer);
-    }
-    ask(Ask::owner, address, [this, mailbox, found = std::move(found)](const Answer& answer, Fd) {
-        if (owners_.size() >= kMostKnown) owners_.clear();
-        owners_.erase(mailbox);
-        if (answer.code == kExitOk) owners_[mailbox] = {answer.owner, Clock::now() + kOwnerKnown};
-        found(answer);
-    });
-}
-
-void Pool::signal(Worker& worker, int number) {
-    Question question;
-    question.ask = Ask::signal;
-    question.process = worker.process;
-    question.signal = number;
-    worker.signal = number;
-    worker.signalled = Clock::now();
-    send_with(questions_.native_handle(), &question, sizeof question, -1);
 }
 
 // ---- tasks
 
 void Pool::find(const string& address, const Task::Done& done) {
     try {
-        find_owner(address, [done](const Answer& answer) {
+        parent_.find_owner(address, [done](const Answer& answer) {
             done({answer.code == kExitOk ? Reply{250, "2.1.5", "OK"}
                                          : reply_to(failure_of(answer))});
         });
@@ -152,7 +72,7 @@ void Pool::submit(Task task) {
     const string address = task.address;
     const auto kept = std::make_shared<Task>(std::move(task));
     try {
-        find_owner(address, [this, kept](const Answer& answer) {
+        parent_.find_owner(address, [this, kept](const Answer& answer) {
             if (answer.code != kExitOk) return finish(*kept, {reply_to(failure_of(answer))});
             enqueue(std::move(*kept), answer.owner);
         });
@@ -164,7 +84,7 @@ void Pool::submit(Task task) {
 void Pool::enqueue(Task task, const Owner& owner) {
     if (stopped_) return finish(task, {reply_to(ending())});
     const Key key = {owner.user, owner.group};
-    string mailbox = mailbox_name(task.address);
+    string mailbox = home_of(task.address);
     queues_[key].waiting.push_back({std::move(task), std::move(mailbox), Clock::now()});
     dispatch(key);
 }
@@ -226,10 +146,10 @@ bool Pool::need_worker(const Key& key, Queue& queue) {
     if (workers_.size() - slow_workers_ + starting_ >= most_ && !retire_idle()) return false;
     ++starting_;
     ++queue.starting;
-    ask(Ask::worker, next->task.address,
-        [this, key, mailbox = next->mailbox](const Answer& answer, Fd socket) {
-            add_worker(key, mailbox, answer, std::move(socket));
-        });
+    parent_.start_worker(next->task.address,
+                         [this, key, mailbox = next->mailbox](const Answer& answer, Fd socket) {
+                             add_worker(key, mailbox, answer, std::move(socket));
+                         });
     return true;
 }
 
@@ -261,7 +181,7 @@ void Pool::add_worker(const Key& key, const string& mailbox, const Answer& answe
     workers_.emplace_back(Stream(context_, socket.get()), answer.process, owner);
     socket.release();
     listen_to(std::prev(workers_.end()));
-    if (owner != key) owners_.clear();
+    if (owner != key) parent_.forget_owners();
     if (owner != key)
         fail_waiting(queue, Failure(kExitTryAgain, "the mailbox has another owner now"));
     dispatch(owner);
@@ -376,7 +296,7 @@ void Pool::end_task(Worker& worker) {
         worker.failure = Failure(kExitSoftware, "a worker has no answer");
     }
     answer(worker, {worker.failure ? reply_to(*worker.failure) : Reply{250, "2.1.5", "OK"}});
-    if (worker.failure) owners_.erase(worker.current.mailbox);
+    if (worker.failure) parent_.forget_owner(worker.current.mailbox);
     forget_slow(worker);
     worker.busy = false;
     worker.proven = true;
@@ -421,6 +341,12 @@ void Pool::fail_task(Worker& worker) {
     const bool begun = task.what != "check" && mark.lost <= kMostLost;
     answer(worker, {reply_to(*worker.failure)});
     if (begun && !stopped_) submit(mark);
+}
+
+void Pool::signal(Worker& worker, int number) {
+    worker.signal = number;
+    worker.signalled = Clock::now();
+    parent_.signal(worker.process, number);
 }
 
 void Pool::tick() {

@@ -19,7 +19,7 @@
 #include "tools/lmtp/log.h"
 #include "tools/lmtp/message_file.h"
 #include "tools/lmtp/outcome.h"
-#include "tools/spool/service.h"
+#include "tools/lmtp/parent.h"
 #include "tools/work/report.h"
 
 namespace Tessaly::tool::lmtp {
@@ -57,7 +57,6 @@ class Pool {
     using Clock = std::chrono::steady_clock;
     using Stream = boost::asio::posix::stream_descriptor;
     using Key = std::pair<uid_t, gid_t>;
-    using Found = std::function<void(const Answer&, Fd)>;
 
     struct Waiting {
         Task task;
@@ -86,19 +85,6 @@ class Pool {
         std::deque<Waiting> waiting = {};
         std::size_t workers = 0, starting = 0;
     };
-    struct Known {
-        Owner owner;
-        Clock::time_point until;
-    };
-
-    // ---- questions to the parent
-    void ask(Ask what, const std::string& address, Found found);
-    void send_questions();
-    void listen_for_answers();
-    void take_answer();
-    void find_owner(const std::string& address, std::function<void(const Answer&)> found);
-    void signal(Worker& worker, int number);
-
     // ---- tasks
     void enqueue(Task task, const Owner& owner);
     void dispatch(const Key& key);
@@ -124,21 +110,17 @@ class Pool {
     void lose(Workers::iterator worker);
     bool take_back(Worker& worker);
     void fail_task(Worker& worker);
+    void signal(Worker& worker, int number);
     void tick();
     void look_at(Worker& worker, Clock::time_point now);
     void forget_slow(Worker& worker);
 
     boost::asio::io_context& context_;
-    Stream questions_;
+    Parent parent_;
     boost::asio::steady_timer timer_;
     const std::size_t most_;
     const std::chrono::seconds limit_;
     const Log& log_;
-
-    std::uint32_t serial_ = 0;
-    std::deque<Question> unasked_;
-    std::map<std::uint32_t, Found> asked_;
-    std::map<std::string, Known> owners_;
 
     Workers workers_;
     std::size_t slow_workers_ = 0, starting_ = 0;

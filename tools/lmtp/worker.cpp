@@ -3,8 +3,8 @@
 #include <new>
 
 #include "tools/cli/address.h"
+#include "tools/cli/passing.h"
 #include "tools/cli/text.h"
-#include "tools/spool/passing.h"
 #include "tools/work/delivery.h"
 #include "tools/work/quota_daemon.h"
 #include "tools/work/records.h"

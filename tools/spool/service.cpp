@@ -15,9 +15,9 @@
 #include <utility>
 
 #include "tools/cli/address.h"
+#include "tools/cli/passing.h"
 #include "tools/cli/text.h"
 #include "tools/spool/mailbox_job.h"
-#include "tools/spool/passing.h"
 
 namespace Tessaly::tool {
 

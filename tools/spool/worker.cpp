@@ -14,8 +14,8 @@
 #include <optional>
 #include <utility>
 
+#include "tools/cli/passing.h"
 #include "tools/cli/text.h"
-#include "tools/spool/passing.h"
 
 namespace Tessaly::tool {
 
@@ -43,7 +43,8 @@ struct Given {
 // Nothing if the parent has closed its end.
 std::optional<Given> receive_task() {
     Given given = {0, Fd()};
-    const ssize_t n = receive_with(kSocket, &given.task, sizeof given.task, given.input, true);
+    const ssize_t n =
+        receive_with(kSocket, &given.task, sizeof given.task, given.input, MSG_WAITALL);
     if (n != sizeof given.task) return std::nullopt;
     return given;
 }

@@ -102,21 +102,18 @@ void Report::send() {
 // what the worker has sent.
 bool Incoming::fill(int socket) {
     constexpr std::size_t kPiece = 65536;
-    bytes_.erase(0, std::exchange(begin_, 0));
-    const std::size_t had = bytes_.size();
-    bytes_.resize(had + kPiece);
-    const auto receive = [&] { return ::recv(socket, bytes_.data() + had, kPiece, 0); };
+    if (!piece_) piece_ = std::make_unique_for_overwrite<char[]>(kPiece);
+    const auto receive = [&] { return ::recv(socket, piece_.get(), kPiece, 0); };
     ssize_t n = retry(receive);
     if (n < 0 && errno == ECONNRESET) {
         unread_ = true;
         n = retry(receive);
     }
-    const int error = errno;
-    bytes_.resize(had + static_cast<std::size_t>(std::max<ssize_t>(n, 0)));
-    if (n >= 0) return n > 0;
-    if (error == EAGAIN) return true;
-    errno = error;
-    throw system_failure("reading from a worker");
+    if (n < 0 && errno == EAGAIN) return true;
+    if (n < 0) throw system_failure("reading from a worker");
+    bytes_.erase(0, std::exchange(begin_, 0));
+    bytes_.append(piece_.get(), static_cast<std::size_t>(n));
+    return n > 0;
 }
 
 std::optional<Message> Incoming::next() {

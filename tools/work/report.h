@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
@@ -78,6 +79,7 @@ class Incoming {
     std::optional<Message> next();
 
   private:
+    std::unique_ptr<char[]> piece_;
     std::string bytes_;
     std::size_t begin_ = 0;
     bool unread_ = false;

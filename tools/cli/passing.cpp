@@ -1,7 +1,8 @@
-#include "tools/spool/passing.h"
+#include "tools/cli/passing.h"
 
 #include <sys/socket.h>
 
+#include <cerrno>
 #include <cstring>
 
 namespace Tessaly::tool {
@@ -15,7 +16,7 @@ union Control {
 
 }  // namespace
 
-bool send_with(int socket, const void* bytes, std::size_t size, int descriptor) {
+bool send_with(int socket, const void* bytes, std::size_t size, int descriptor, int flags) {
     iovec part = {const_cast<void*>(bytes), size};
     msghdr message = {};
     message.msg_iov = &part;
@@ -30,11 +31,11 @@ bool send_with(int socket, const void* bytes, std::size_t size, int descriptor) 
         head->cmsg_len = CMSG_LEN(sizeof descriptor);
         std::memcpy(CMSG_DATA(head), &descriptor, sizeof descriptor);
     }
-    const ssize_t sent = retry([&] { return ::sendmsg(socket, &message, MSG_NOSIGNAL); });
+    const ssize_t sent = retry([&] { return ::sendmsg(socket, &message, flags | MSG_NOSIGNAL); });
     return sent == static_cast<ssize_t>(size);
 }
 
-ssize_t receive_with(int socket, void* bytes, std::size_t room, Fd& descriptor, bool whole) {
+ssize_t receive_with(int socket, void* bytes, std::size_t room, Fd& descriptor, int flags) {
     iovec part = {bytes, room};
     Control control = {};
     msghdr message = {};
@@ -42,15 +43,17 @@ ssize_t receive_with(int socket, void* bytes, std::size_t room, Fd& descriptor, 
     message.msg_iovlen = 1;
     message.msg_control = control.bytes;
     message.msg_controllen = sizeof control.bytes;
-    const int flags = MSG_CMSG_CLOEXEC | (whole ? MSG_WAITALL : 0);
-    const ssize_t n = retry([&] { return ::recvmsg(socket, &message, flags); });
-    const cmsghdr* head = n >= 0 ? CMSG_FIRSTHDR(&message) : nullptr;
+    const ssize_t n = retry([&] { return ::recvmsg(socket, &message, flags | MSG_CMSG_CLOEXEC); });
+    if (n < 0) return n;
+    const cmsghdr* head = CMSG_FIRSTHDR(&message);
     if (head != nullptr && head->cmsg_type == SCM_RIGHTS) {
         int received = -1;
         std::memcpy(&received, CMSG_DATA(head), sizeof received);
         descriptor.reset(received);
     }
-    return n;
+    if ((message.msg_flags & (MSG_TRUNC | MSG_CTRUNC)) == 0) return n;
+    errno = (message.msg_flags & MSG_TRUNC) != 0 ? EMSGSIZE : EMFILE;
+    return -1;
 }
 
 }  // namespace Tessaly::tool
