@@ -8,6 +8,7 @@
 
 #include <ctime>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 #include <vector>
@@ -17,12 +18,16 @@
 
 namespace Tessaly::tool {
 
+struct Survey;
+
 struct Patient {
     TSMailUserId id;
     FolderMaker maker;
     bool can_give;  // whether the parent process may change the owner of a file
     // Notes a part that a check cannot look at. The check goes on with the others.
     std::function<void(const Failure&)> cannot_look;
+    // For survey_of(). A repair makes it obsolete.
+    mutable std::shared_ptr<const Survey> survey = {};
 };
 
 struct Finding {

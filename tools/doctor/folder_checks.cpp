@@ -14,13 +14,13 @@
 #include "tools/cli/text.h"
 #include "tools/doctor/checks.h"
 #include "tools/doctor/folders.h"
+#include "tools/doctor/survey.h"
 #include "tools/work/folder_list.h"
 #include "tools/work/folder_lock.h"
 #include "tools/work/mailbox_lock.h"
 #include "tools/work/paths.h"
 #include "tools/work/recount.h"
 #include "tools/work/scan.h"
-#include "tools/work/tag.h"
 
 namespace Tessaly::tool {
 
@@ -195,10 +195,20 @@ std::vector<Finding> look_at_leftovers(const Patient& patient) {
 
 // ---- names without sizes
 
+// What the survey found in the folder, or `read`() if it did not come there.
+template <class Part, class Read>
+Part names_in_folder(const Patient& patient, const string& path, Part JudgedNames::*part,
+                     const Read& read) {
+    const auto& names = survey_of(patient).names;
+    const auto found = names.find(path);
+    return found != names.end() ? found->second.*part : read(path);
+}
+
 std::vector<Finding> look_at_names(const Patient& patient) {
     std::vector<Finding> findings;
     look_at_each_folder(patient, [&](const string& folder, const string& path) {
-        const Untagged untagged = untagged_in(path);
+        const Untagged untagged =
+            names_in_folder(patient, path, &JudgedNames::untagged, untagged_in);
         for (const string& message : untagged.stuck) {
             findings.push_back({message, "the name's size field holds no size", ""});
         }
@@ -227,7 +237,8 @@ std::vector<Finding> look_at_size_fields(const Patient& patient) {
     std::vector<Finding> findings;
     look_at_each_folder(patient, [&](const string& folder, const string& path) {
         std::uint64_t mendable = 0;
-        for (const WrongSize& message : wrong_sizes_in(path)) {
+        for (const WrongSize& message :
+             names_in_folder(patient, path, &JudgedNames::wrong, wrong_sizes_in)) {
             if (!message.right_path.empty()) {
                 ++mendable;
                 continue;

@@ -7,15 +7,13 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <optional>
 #include <utility>
 
-#include "base/dir_reader.h"
 #include "tools/cli/address.h"
-#include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 #include "tools/doctor/checks.h"
+#include "tools/doctor/survey.h"
 #include "tools/work/folder.h"
 #include "tools/work/folder_list.h"
 #include "tools/work/message_change.h"
@@ -29,106 +27,31 @@ namespace {
 
 using std::string;
 
-// Visits every entry below a home, one directory at a time. Follows no link, and says which
-// directories it cannot read.
-class HomeWalk {
-  public:
-    // An entry, and the open directory that contains it, with its path relative to the home.
-    struct Seen {
-        int directory;
-        const string& below;
-        const dirent64& entry;
-        string path() const { return below == "." ? entry.d_name : in(below, entry.d_name); }
-        // The status of the entry itself, or nothing if it is gone.
-        std::optional<struct stat> status() const {
-            struct stat st;
-            if (::fstatat(directory, entry.d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-                return std::nullopt;
-            return st;
-        }
-        bool is(unsigned char type) const {
-            if (entry.d_type != DT_UNKNOWN) return entry.d_type == type;
-            const auto st = status();
-            return st && IFTODT(st->st_mode) == type;
-        }
-    };
-    using Visit = std::function<void(const Seen&)>;
-
-    HomeWalk(const Patient& patient, Visit visit)
-        : patient_(patient), top_(patient.id.homepath()), visit_(std::move(visit)) {}
-
-    void run() {
-        home_.reset(
-            retry([&] { return ::open(top_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-        if (!home_) throw system_failure(printable(top_));
-        for (left_.emplace_back("."); !left_.empty();) {
-            const string directory = std::move(left_.back());
-            left_.pop_back();
-            read(directory);
-        }
-    }
-
-  private:
-    void read(const string& directory) {
-        const Fd fd(retry([&] {
-            return ::openat(home_.get(), directory.c_str(),
-                            O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        }));
-        if (!fd && errno == ENOENT) return;
-        if (!fd) return cannot_read(directory);
-        base::DirReader reader(fd.get());
-        while (const dirent64* entry = reader.next_real()) take(fd.get(), directory, *entry);
-        if (reader.failed()) cannot_read(directory);
-    }
-
-    void take(int fd, const string& directory, const dirent64& entry) {
-        const Seen seen = {fd, directory, entry};
-        visit_(seen);
-        if (seen.is(DT_DIR)) left_.push_back(seen.path());
-    }
-
-    void cannot_read(const string& directory) {
-        patient_.cannot_look(system_failure(printable(in(top_, directory))));
-    }
-
-    const Patient& patient_;
-    const string top_;
-    const Visit visit_;
-    Fd home_;
-    std::vector<string> left_;
-};
-
 // ---- symbolic links
 
 std::vector<Finding> look_at_links(const Patient& patient) {
     std::vector<Finding> findings;
-    const string home = patient.id.homepath();
-    HomeWalk(patient, [&](const HomeWalk::Seen& seen) {
-        if (seen.is(DT_LNK)) findings.push_back({in(home, seen.path()), "a symbolic link", ""});
-    }).run();
+    for (const string& path : survey_of(patient).links) {
+        findings.push_back({in(patient.id.homepath(), path), "a symbolic link", ""});
+    }
     return findings;
 }
 
 // ---- owners
 
-Finding stranger(const string& home, const string& path, const struct stat& st, bool can_give) {
-    Finding finding = {in(home, path), fmt::format("belongs to user {}", st.st_uid), ""};
-    if (!can_give || !S_ISREG(st.st_mode) || st.st_nlink != 1) return finding;
+Finding stranger(const string& home, const Stranger& found, bool can_give) {
+    Finding finding = {in(home, found.path), fmt::format("belongs to user {}", found.owner), ""};
+    if (!can_give || !found.is_single_file) return finding;
     finding.repair = "gives it to the mailbox's owner";
-    finding.give = path;
+    finding.give = found.path;
     return finding;
 }
 
 std::vector<Finding> look_at_owners(const Patient& patient) {
     std::vector<Finding> findings;
-    const string home = patient.id.homepath();
-    struct stat top;
-    if (::stat(home.c_str(), &top) != 0) throw system_failure(printable(home));
-    HomeWalk(patient, [&](const HomeWalk::Seen& seen) {
-        const auto st = seen.status();
-        if (!st || st->st_uid == top.st_uid) return;
-        findings.push_back(stranger(home, seen.path(), *st, patient.can_give));
-    }).run();
+    for (const Stranger& found : survey_of(patient).strangers) {
+        findings.push_back(stranger(patient.id.homepath(), found, patient.can_give));
+    }
     return findings;
 }
 

@@ -45,6 +45,7 @@ bool try_to_repair(const Finding& finding, Report& report) {
 void run_check(const Patient& patient, const Check& check, bool repair, Report& report) {
     for (const Finding& finding : check.look(patient)) {
         const bool repaired = repair && finding.mend && try_to_repair(finding, report);
+        if (repaired) patient.survey.reset();
         report.object({{"address", patient.id.address(true)},
                        {"check", check.name},
                        {"path", finding.path},

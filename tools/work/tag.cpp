@@ -31,8 +31,8 @@ void visit_all(const string& folder, const MessageVisit& visit) {
     }
 }
 
-string path_of(const string& folder, const SeenMessage& message) {
-    return in(in(folder, (message.is_new ? names::kNew : names::kCur).data()), message.name);
+string directory_of(const string& folder, const SeenMessage& message) {
+    return in(folder, (message.is_new ? names::kNew : names::kCur).data());
 }
 
 // Whether the name has a size field, with or without a size in it.
@@ -48,7 +48,7 @@ std::optional<std::uint64_t> size_of_file(const string& folder, const SeenMessag
         return static_cast<std::uint64_t>(st.st_size);
     }
     if (errno == ENOENT) return std::nullopt;
-    throw system_failure(printable(path_of(folder, message)));
+    throw system_failure(printable(in(directory_of(folder, message), message.name)));
 }
 
 // The name with the number in its size field replaced; "" if there is no such name.
@@ -81,18 +81,33 @@ bool is_gone(const NotRenamed& message) { return message.error == ENOENT; }
 
 }  // namespace
 
-Untagged untagged_in(const string& path) {
-    Untagged untagged;
-    visit_all(path, [&](const SeenMessage& message) {
-        if (message.has_size_field) return;
-        if (has_field(message.name)) {
-            untagged.stuck.push_back(path_of(path, message));
-        } else {
-            ++untagged.taggable;
-        }
-    });
+void JudgedNames::add(const string& directory, const char* name, std::uint64_t size) {
+    const long long named = get_maildir_msg_len_from_name(name);
+    if (named >= 0 && static_cast<std::uint64_t>(named) == size) return;
+    if (named >= 0) {
+        const string right = with_size(name, size);
+        wrong.push_back({in(directory, name), static_cast<std::uint64_t>(named), size,
+                         right.empty() ? "" : in(directory, right)});
+    } else if (has_field(name)) {
+        untagged.stuck.push_back(in(directory, name));
+    } else {
+        ++untagged.taggable;
+    }
+}
+
+void JudgedNames::sort() {
     std::sort(untagged.stuck.begin(), untagged.stuck.end());
-    return untagged;
+    std::sort(wrong.begin(), wrong.end(),
+              [](const WrongSize& a, const WrongSize& b) { return a.path < b.path; });
+}
+
+Untagged untagged_in(const string& path) {
+    JudgedNames judged;
+    visit_all(path, [&](const SeenMessage& seen) {
+        if (!seen.has_size_field) judged.add(directory_of(path, seen), seen.name, 0);
+    });
+    judged.sort();
+    return std::move(judged.untagged);
 }
 
 Tagged tag_folder(const TSMailUserId& id, const string& folder) {
@@ -108,19 +123,15 @@ Tagged tag_folder(const TSMailUserId& id, const string& folder) {
 }
 
 std::vector<WrongSize> wrong_sizes_in(const string& path) {
-    std::vector<WrongSize> wrong;
+    JudgedNames judged;
     visit_all(path, [&](const SeenMessage& seen) {
         if (!seen.has_size_field) return;
-        const auto size = size_of_file(path, seen);
-        if (!size || *size == seen.bytes) return;
-        const string message = path_of(path, seen);
-        const string right = with_size(seen.name, *size);
-        const string right_path = message.substr(0, message.rfind('/') + 1) + right;
-        wrong.push_back({message, seen.bytes, *size, right.empty() ? "" : right_path});
+        if (const auto size = size_of_file(path, seen)) {
+            judged.add(directory_of(path, seen), seen.name, *size);
+        }
     });
-    std::sort(wrong.begin(), wrong.end(),
-              [](const WrongSize& a, const WrongSize& b) { return a.path < b.path; });
-    return wrong;
+    judged.sort();
+    return std::move(judged.wrong);
 }
 
 std::vector<NotRenamed> correct_sizes(const TSMailUserId& id, const string& folder) {

@@ -41,6 +41,17 @@ struct WrongSize {
     std::string right_path;
 };
 
+// What is wrong with the names of some messages.
+struct JudgedNames {
+    Untagged untagged;
+    std::vector<WrongSize> wrong;
+
+    // Judges a message: its directory's path, its name and the size of its file.
+    void add(const std::string& directory, const char* name, std::uint64_t size);
+    // Sorts by path.
+    void sort();
+};
+
 // The messages of a folder with a wrong size, sorted by path. A Failure if one cannot be read.
 std::vector<WrongSize> wrong_sizes_in(const std::string& path);
 
