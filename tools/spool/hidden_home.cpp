@@ -129,11 +129,11 @@ bool is_older(const Place& domain, const HiddenHome& home, std::chrono::seconds 
 
 void hide_home(int domain, const TSMailUserId& id, const PartnerLists& lists) {
     const string prefix = hidden_prefix(id.tilde_name()), text = text_of(lists);
-    std::vector<string> lost;
+    std::vector<HiddenHome> lost;
     for (unsigned number = 1;; ++number) {
         const HiddenHome home{id, fmt::format("{}{:x}", prefix, number), false};
         if (!make_record(domain, home.record(), text, home.path())) {
-            if (!exists(domain, home)) lost.push_back(home.record());
+            if (!exists(domain, home)) lost.push_back(home);
             continue;
         }
         if (move_within(domain, id.tilde_name(), home.name)) break;
@@ -142,8 +142,10 @@ void hide_home(int domain, const TSMailUserId& id, const PartnerLists& lists) {
         if (error != EEXIST) throw system_failure(printable(id.homepath()), error);
     }
     // A command that was killed left these behind. Now that the home is hidden, nobody else needs
-    // them.
-    for (const string& record : lost) ::unlinkat(domain, record.c_str(), 0);
+    // them, unless another command has hidden an earlier home of the same name meanwhile.
+    for (const HiddenHome& home : lost) {
+        if (!exists(domain, home)) ::unlinkat(domain, home.record().c_str(), 0);
+    }
     flush_directory(domain, id.homepath());
 }
 
