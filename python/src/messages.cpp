@@ -57,18 +57,20 @@ using Tessaly::base::retry;
 
 constexpr std::size_t kPiece = 1 << 17;  // bytes of names that are turned into Python's at a time
 
-bool is_directory(int dir, const dirent64& entry) {
+// Whether an entry is not a message: hidden, or a directory.
+bool is_other(int dir, const dirent64& entry) {
+    if (entry.d_name[0] == '.') return true;
     if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type == DT_DIR;
     struct stat st;
     return ::fstatat(dir, entry.d_name, &st, 0) == 0 && S_ISDIR(st.st_mode);
 }
 
-// The next names of a directory, without those of directories, each ended by NUL. False at the end.
+// The names of the next messages of a directory, each ended by NUL. False at the end.
 bool next_names(int dir, DirReader& reader, std::string& names) {
     names.clear();
     const dirent64* entry = nullptr;
     while (names.size() < kPiece && (entry = reader.next_real()) != nullptr) {
-        if (!is_directory(dir, *entry)) names.append(entry->d_name, std::strlen(entry->d_name) + 1);
+        if (!is_other(dir, *entry)) names.append(entry->d_name, std::strlen(entry->d_name) + 1);
     }
     return entry != nullptr;
 }

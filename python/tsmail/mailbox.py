@@ -47,6 +47,8 @@ class Maildir(standard.Maildir):
       "maildirfolder"; add_folder refuses names that tsmail.folders.name_verdict does.
     - A key is a message's name without flags. Replacing a message keeps its key; where its size
       changed, the file's name then carries the new one behind the key.
+    - A hidden file is not a message, as for the command; before Python 3.13 mailbox.Maildir takes it
+      for one.
     - iterkeys, keys and len read the folder once, and do not ask for each message whether it is
       still there.
     """

@@ -11,6 +11,7 @@ import socket
 import subprocess
 import sys
 import threading
+import time
 import unittest
 
 from package import BUILD, MAIL, PLACE, SOURCE, lines, make_mailbox, tsmail
@@ -252,7 +253,7 @@ class MaildirTest(Case):
         self.assertEqual(self.inbox.get_bytes(key), MESSAGE)
 
     def test_entries_of_every_kind(self):
-        """As many as the standard library finds, whatever they are."""
+        """Those that the standard library finds, whatever they are. It found hidden ones until Python 3.13."""
         os.mkdir(f"{MAIL}/Inbox/cur/directory")
         os.symlink("directory", f"{MAIL}/Inbox/cur/to-directory")
         os.symlink("nowhere", f"{MAIL}/Inbox/cur/to-nowhere")
@@ -262,8 +263,21 @@ class MaildirTest(Case):
         ours, theirs = Maildir(self.box), standard.Maildir(f"{MAIL}/Inbox")
         ours._refresh()
         theirs._refresh()
-        self.assertEqual(ours._toc, theirs._toc)
-        self.assertEqual(set(ours._toc), {"to-nowhere", "fifo", ".hidden"})
+        hidden = {} if sys.version_info >= (3, 13) else {".hidden": "new/.hidden"}
+        self.assertEqual(theirs._toc, {**ours._toc, **hidden})
+        self.assertEqual(ours._toc, {"to-nowhere": "cur/to-nowhere", "fifo": "new/fifo"})
+
+    def test_a_hidden_file_is_not_a_message(self):
+        """The command does not count it, so it cannot be taken out of the totals."""
+        self.inbox.add(MESSAGE)
+        with open(f"{MAIL}/Inbox/new/.hidden", "wb") as file:
+            file.write(MESSAGE)
+        with self.assertRaises(KeyError):
+            self.inbox.remove(".hidden")
+        self.assertEqual(len(self.inbox), 1)
+        done = subprocess.run([TSMAIL, "recount", "ann@site.test", "--json"], check=True,
+                              stdout=subprocess.PIPE, text=True)
+        self.assertIn('"corrected":[]', done.stdout)
 
     def test_a_folder_that_went_away(self):
         self.inbox.add(MESSAGE)
@@ -373,6 +387,24 @@ class NetworkTest(Case):
         self.addCleanup(process.kill)
         return process
 
+    def wait_until_closed(self, gate):
+        """Until another process has the gate to itself. It makes the file first."""
+        end = time.monotonic() + 30
+        while not os.path.exists(gate) or self.is_open(gate):
+            self.assertLess(time.monotonic(), end, "nobody closed the gate")
+            time.sleep(0.01)
+
+    @staticmethod
+    def is_open(gate):
+        fd = os.open(gate, os.O_RDWR)
+        try:
+            fcntl.flock(fd, fcntl.LOCK_SH | fcntl.LOCK_NB)
+            return True
+        except BlockingIOError:
+            return False
+        finally:
+            os.close(fd)
+
     def assert_waits(self, process):
         with self.assertRaises(subprocess.TimeoutExpired):
             process.wait(0.7)
@@ -416,11 +448,8 @@ class NetworkTest(Case):
     def test_removing_a_folder_waits_and_closes_the_gate(self):
         held = self.lock("Work/2024", ".ts_folder_lock", fcntl.LOCK_SH)
         process = self.begin_far("Maildir(box, 'Work').remove_folder('2024')")
+        self.wait_until_closed(f"{MAIL}/Work/2024/.ts_folder_gate")
         self.assert_waits(process)
-        gate = os.open(f"{MAIL}/Work/2024/.ts_folder_gate", os.O_RDWR)
-        self.addCleanup(os.close, gate)
-        with self.assertRaises(BlockingIOError):
-            fcntl.flock(gate, fcntl.LOCK_SH | fcntl.LOCK_NB)
         os.close(held)
         self.assertEqual(process.wait(30), 0)
         self.assertFalse(os.path.exists(f"{MAIL}/Work/2024"))
