@@ -6,6 +6,7 @@ import imaplib
 import os
 import random
 import re
+import subprocess
 import threading
 import time
 
@@ -15,7 +16,15 @@ from toolkit import HOME, SAMPLES, SpoolCase, content, mail, messages, record, t
 LOG = "/tmp/dovecot.log"
 CONF = "/etc/dovecot/dovecot.conf"
 ADDRESS = "ann@site.test"
+# Here no master process tells imap its user, but the environment, of which 2.4 keeps what is named.
+STARTED_ALONE = {"2.3": "", "2.4": "import_environment {\n  USER = %{env:USER}\n}\n"}
 FLAGS = {"\\Seen": "S", "\\Flagged": "F", "\\Answered": "R", "\\Deleted": "T", "\\Draft": "D"}
+
+
+def version():
+    """2.3 or 2.4, which want different configurations."""
+    shown = subprocess.run(["dovecot", "--version"], check=True, stdout=subprocess.PIPE, text=True).stdout
+    return re.match(r"\d+\.\d+(?=\.)", shown).group()
 
 
 def network(text):
@@ -48,12 +57,13 @@ def from_wire(text):
 class Imap:
     """A new session that is logged in."""
 
-    def __init__(self, folder=None):
+    def __init__(self, folder=None, lists=True):
         home = os.path.dirname(mail(ADDRESS))
         step_down = "setpriv --reuid vmail --regid vmail --clear-groups"
-        self.session = imaplib.IMAP4_stream(
+        self.session = imaplib.IMAP4_stream(  # HOME: 2.3 alone reads it
             f"HOME={home} USER={ADDRESS} {step_down} /usr/lib/dovecot/imap -c {CONF} 2>>{LOG}")
-        self("list")  # as a client does; see the page about what happens without
+        if lists:
+            self("list")  # as a client does; see the page about what happens without
         if folder:
             self("select", f'"{folder}"')
 
@@ -92,7 +102,8 @@ class DovecotCase(SpoolCase):
         os.chown("/var/spool/dovecot", neighbours.VMAIL, neighbours.VMAIL)
         os.makedirs(os.path.dirname(CONF), exist_ok=True)
         with open(CONF, "w") as file:
-            file.write(neighbours.configuration("dovecot.md", "dovecot.conf"))
+            file.write(neighbours.configuration("dovecot.md", "dovecot.conf", of=f"Dovecot {version()}"))
+            file.write(STARTED_ALONE[version()])
         with open(LOG, "w"):
             pass
 
@@ -169,10 +180,26 @@ class ReadTest(DovecotCase):
 
     def test_the_one_kind_of_name_that_it_refuses(self):
         self.deliver("~x", b"Subject: x\n\nx\n")
+        {"2.3": self.assert_refused, "2.4": self.assert_ends_at_it}[version()]()
+        os.rename(f"{mail(ADDRESS)}/~x", f"{mail(ADDRESS)}/x")
+        with Imap("x") as imap:
+            self.assertEqual(len(imap.messages()), 1)
+
+    def assert_refused(self):
         with Imap() as imap:
             status, reason = imap.session.select('"~x"')
             self.assertEqual(status, "NO")
             self.assertIn(b"Begins with '~'", reason[0])
+
+    def assert_ends_at_it(self):
+        """imap ends when it lists the folders, and says why in the log."""
+        session = Imap(lists=False).session
+        with self.assertRaises(imaplib.IMAP4.abort):
+            session.list()
+        session.process.wait(30)
+        with open(LOG, "r+") as log:
+            self.assertIn("assertion failed: (mailbox_list_is_valid_name(", log.readline())
+            log.truncate(0)
 
     def test_a_folder_made_over_imap_has_its_name_in_the_store(self):
         with Imap() as imap:

@@ -96,12 +96,14 @@ def make_home():
     os.chmod("/var/spool/home", 0o755)
 
 
-def configuration(page, name):
-    """The file that a page below docs/neighbours shows: its code block with that name."""
+def configuration(page, name, of=""):
+    """The file that a page below docs/neighbours shows: its code block with that name, of that
+    program if there are several."""
     text = pathlib.Path(os.environ["TSMAIL_SOURCE"], "docs", "neighbours", page).read_text()
-    found = re.search(rf"^`{re.escape(name)}`[^\n]*:\n\n```\w*\n(.*?)^```$", text, re.M | re.S)
+    heading = re.escape(f"`{name}`" + (of and f" of {of} "))
+    found = re.search(rf"^{heading}[^\n]*:\n\n```\w*\n(.*?)^```$", text, re.M | re.S)
     if not found:
-        raise AssertionError(f"{page} shows no {name}")
+        raise AssertionError(f"{page} shows no {name} {of}")
     return found.group(1)
 
 
