@@ -7,6 +7,7 @@ import random
 import re
 import select
 import subprocess
+import termios
 import time
 import unittest
 
@@ -85,6 +86,7 @@ class MuttTest(ReaderCase):
                      "-e", "set folder=/tmp/reader mbox_type=Maildir move=no delete=yes confirmappend=no quit=yes "
                            "beep=no mark_old=no sort=subject", "-e", f'push "{keys}"']
         master, slave = pty.openpty()
+        termios.tcsetwinsize(slave, (24, 80))  # newer curses refuse a terminal without a size
         env = environment(HOME="/tmp/reader", TERM="xterm")
         os.makedirs("/tmp/reader", exist_ok=True)
         os.chown("/tmp/reader", neighbours.VMAIL, neighbours.VMAIL)
