@@ -49,9 +49,9 @@ bool pwrite_all(int fd, std::string_view text, off_t offset) {
 }
 
 bool replace_content(int fd, std::string_view text) {
-    // Another process may have written a longer text since the file was emptied, so that this text
-    // covers only its beginning. The last writer sees that and begins again. The limit guards
-    // against a process that makes the file grow all the time.
+    // Another process may have written since the file was emptied, so that there is more than this
+    // text. The last writer sees that and begins again. The limit guards against a process that
+    // makes the file grow all the time.
     constexpr int kAttempts = 100;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         if (!pwrite_all(fd, text, 0)) {

@@ -17,7 +17,8 @@ bool pwrite_all(int fd, std::string_view text, off_t offset);
 
 // Makes the text the whole content of a file that has just been emptied. Takes no lock: if several
 // processes do so at the same time, the last one's text stays. False with errno if the text could
-// not be written whole; the file is empty then. The descriptor must not be in append mode.
+// not be written whole; the file is empty then. Meanwhile a reader may find one text over another,
+// or, if the descriptors are in append mode, one behind another.
 bool replace_content(int fd, std::string_view text);
 
 // Reads up to `room` bytes from the offset on, until the room is full or the file ends. The count,
