@@ -4,8 +4,10 @@
 usage: lmtp_report.py FOUND DIRECTORY NOTE     writes lmtp.md and lmtp.svg into the directory
 """
 import json
+import pathlib
 import statistics
 import sys
+import tomllib
 
 import matplotlib
 matplotlib.use("svg")
@@ -109,7 +111,15 @@ All processes of the service, with shared pages in equal shares, and the message
 What {count:,} messages leave, in one service, after those above:
 
 {growth}
-"""
+{missed}"""
+
+
+def missed(rates):
+    """What was aimed at and missed, with the reason."""
+    if "| no |" not in rates:
+        return ""
+    with open(pathlib.Path(__file__).with_name("reasons.toml"), "rb") as file:
+        return "\n## Missed\n\n" + " ".join(tomllib.load(file)["lmtp"].split()) + "\n"
 
 
 def main(found, directory, note):
@@ -119,7 +129,8 @@ def main(found, directory, note):
     ways = list(rows[0]["seconds"])
     peer = (f"{PEER}'s LMTP service flushes as it does by default." if PEER in ways else
             f"{PEER} could not be had on this machine.")
-    page = PAGE.format(note=note, peer=peer, rates=table(rows, ways), idle=results["memory"]["idle"],
+    rates = table(rows, ways)
+    page = PAGE.format(note=note, peer=peer, rates=rates, missed=missed(rates), idle=results["memory"]["idle"],
                        memory=memory_table(results["memory"]), count=results["growth"][-1][0],
                        growth=growth_table(results["growth"]))
     with open(f"{directory}/lmtp.md", "w", encoding="utf-8") as file:
