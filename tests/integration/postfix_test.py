@@ -325,7 +325,8 @@ class PolicyTest(PostfixCase):
                                   re.S | re.M).groups()
         subprocess.run(["postconf", "-e", line], check=True)
         self.assertEqual(postfix("reload").returncode, 0)
-        self.addCleanup(Service("/var/spool/postfix/private/tsmail-policy", *command.split()).stop)
+        self.service = Service("/var/spool/postfix/private/tsmail-policy", *command.split())
+        self.addCleanup(self.service.stop)
 
     def test_a_full_mailbox_is_refused_when_it_is_named(self):
         self.succeed("quota", "set", "ann@site.test", "exceeded", **neighbours.as_vmail())
@@ -343,7 +344,6 @@ class PolicyTest(PostfixCase):
 
     def test_mail_comes_in_while_the_service_is_away(self):
         self.service.kill()
-        self.service.wait()
         with smtplib.SMTP("127.0.0.1") as smtp:
             self.assertEqual(smtp.sendmail("bob@site.test", ["ann@site.test"], b"Subject: x\r\n\r\nx\r\n"), {})
         wait_until(everything_delivered, "delivery")

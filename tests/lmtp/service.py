@@ -30,9 +30,10 @@ def open_files(pid):
                 yield os.readlink(f"{directory}/{name}"), os.stat(f"{directory}/{name}").st_size
 
 
-def sleeps(pid):
+def state_of(pid):
+    """"S" for a process that waits, "T" for one that is stopped."""
     with open(f"/proc/{pid}/stat", encoding="ascii") as file:
-        return file.read().split(") ")[1].startswith("S")
+        return file.read().rsplit(") ", 1)[1][0]
 
 
 class Service:
@@ -72,7 +73,7 @@ class Service:
 
     def is_idle(self):
         """Whether all processes wait for something."""
-        return all(sleeps(pid) for pid in self.children())
+        return all(state_of(pid) == "S" for pid in self.children())
 
     def writes_below(self, directory):
         """Whether a worker has a message open below the directory."""

@@ -14,7 +14,7 @@ import threading
 import time
 import unittest
 
-from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files, sleeps
+from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files, state_of
 from tools.toolkit import (TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
                            left_in_tmp, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
 
@@ -301,10 +301,11 @@ class PrivilegesTest(LmtpCase):
             self.deliver_and_rest(service, client)
             [worker] = service.workers()
             os.kill(worker, signal.SIGSTOP)
+            wait_until(lambda: state_of(worker) == "T")
             client.begin(ANN)
             client.say("DATA")
             client.send(b"x\r\n.\r\n")
-            wait_until(lambda: client.unheard() == 0 and sleeps(service.network()))  # the worker has the task
+            wait_until(lambda: client.unheard() == 0 and state_of(service.network()) == "S")  # the worker has the task
             os.kill(worker, signal.SIGKILL)
             self.assertEqual(client.reply()[:3], "250")
             service.end()
@@ -317,6 +318,7 @@ class PrivilegesTest(LmtpCase):
             client.begin(ANN)
             client.say("DATA")
             os.kill(service.network(), signal.SIGSTOP)
+            wait_until(lambda: state_of(service.network()) == "T")
             client.send(b"x\r\n.\r\n")  # this is heard before the end of the worker
             for worker in service.workers():
                 os.kill(worker, signal.SIGKILL)
