@@ -68,9 +68,6 @@ class Service:
     def workers(self):
         return self.children()[1:]
 
-    def descriptors_of_network(self):
-        return len(os.listdir(f"/proc/{self.network()}/fd"))
-
     def is_idle(self):
         """Whether all processes wait for something."""
         return all(state_of(pid) == "S" for pid in self.children())
