@@ -31,9 +31,9 @@ def wait_until(condition, what, seconds=60):
 
 
 def queue():
-    """The identifiers of the messages that Exim still holds."""
+    """The identifiers of the messages that Exim still holds; their parts are longer from 4.97 on."""
     done = subprocess.run(["exim4", "-bpr"], stdout=subprocess.PIPE, check=True, text=True)
-    return re.findall(r"^ *\S+ +\S+ +([\w-]{16}) <", done.stdout, re.M)
+    return re.findall(r"^ *\S+ +\S+ +(\w+-\w+-\w+) <", done.stdout, re.M)
 
 
 def accepts_connections():
