@@ -83,8 +83,8 @@ class AddressTest(SpoolCase):
     REFUSED = [
         ("../x@site.test", "'/'"), ("a/b@site.test", "'/'"), ("ann@site/test", "'/'"),
         ("ann@../x", "'/'"), ("/etc/passwd", "'/'"), ("ann+../../x@site.test", "'/'"),
-        ("ann+a/b@site.test", "'/'"), ("ann@.", "no names"), ("ann@..", "no names"),
-        ("ann+.@site.test", "no names"), ("ann+..@site.test", "no names"), (".", "no domain"),
+        ("ann+a/b@site.test", "'/'"), ("ann@.", "not names"), ("ann@..", "not names"),
+        ("ann+.@site.test", "not names"), ("ann+..@site.test", "not names"), (".", "no domain"),
         ("..", "no domain"), ("", "before the domain"), ("@site.test", "before the domain"),
         ("+tag@site.test", "before the domain"), ("~site.test", "before the domain"),
         ("ann", "no domain"), ("ann@", "no domain"), ("site.test", "no domain"),
@@ -130,7 +130,7 @@ class AddressTest(SpoolCase):
 
     def test_types_with_other_texts(self):
         self.fail_with(65, "paths", "a/b", "--type", "deferred", saying="'/'")
-        self.fail_with(65, "paths", "..", "--type", "deferred", saying="no names")
+        self.fail_with(65, "paths", "..", "--type", "deferred", saying="not names")
         self.fail_with(65, "paths", "", "--type", "given-path", saying="empty")
         self.fail_with(65, "paths", "/x\n", "--type", "given-path", saying="control")
         self.succeed("paths", "/x/y", "--type", "given-path")
