@@ -56,7 +56,7 @@ class FieldsTest(SpoolCase):
         return {
             "paths": [["paths", ANN], ["paths", ANN, "--kind", "inbox"]],
             "create": [["create", ANN]],
-            "folders": [["folders", ANN]],
+            "folders": [["folders", "--all"]],
             "deliver": [["deliver", ANN, "/tmp/entries"], ["deliver", ANN, "/tmp/none"]],
             "export": [["export", ANN, "/tmp/exported"]],
             "import": [["import", ANN, "/tmp/mbox", "--folder", "Imported"]],
@@ -64,24 +64,24 @@ class FieldsTest(SpoolCase):
             "policy": [["policy", "--listen", "nowhere"]],
             "size": [["size", ANN]],
             "recount": [["recount", ANN]],
-            "tag": [["tag", ANN]],
-            "messages": [["messages", ANN, "Inbox"]],
+            "tag": [["tag", "--all"]],
+            "messages": [["messages", "--all", "Inbox"]],
             "usage": [["usage"], ["usage", "--verify"], ["usage", "--by-domain"]],
             "metrics": [["metrics"]],
             "pref show": [["pref", "show", ANN]],
             "pref get": [["pref", "get", ANN, "npage"]],
             "pref set": [["pref", "set", ANN, "npage=50"]],
             "pref reset": [["pref", "reset", ANN, "npage"]],
-            "list add": [["list", "add", ANN, "whitelist", "a@site.test", "b@site.test"]],
-            "list names": [["list", "names", ANN]],
-            "list show": [["list", "show", ANN, "whitelist"]],
-            "list find": [["list", "find", ANN, "whitelist", "a@site.test"]],
-            "list match": [["list", "match", ANN, "whitelist", "a@site.test"]],
+            "list add": [["list", "add", "--all", "whitelist", "a@site.test", "b@site.test"]],
+            "list names": [["list", "names", "--all"]],
+            "list show": [["list", "show", "--all", "whitelist"]],
+            "list find": [["list", "find", "--all", "whitelist", "a@site.test"]],
+            "list match": [["list", "match", "--all", "whitelist", "a@site.test"]],
             "list replace": [["list", "replace", ANN, "whitelist", "2", "c@site.test", "--dry-run"],
                              ["list", "replace", ANN, "whitelist", "2", "c@site.test"]],
             "list import": [["list", "import", ANN, "whitelist", "/tmp/entries"]],
             "list export": [["list", "export", ANN, "whitelist"]],
-            "list remove": [["list", "remove", ANN, "whitelist", "a@site.test"]],
+            "list remove": [["list", "remove", "--all", "whitelist", "a@site.test"]],
             "quota set": [["quota", "set", ANN, "warning"]],
             "quota show": [["quota", "show", ANN]],
             "quota clear": [["quota", "clear", ANN, "warning"]],
@@ -148,7 +148,7 @@ class FieldsTest(SpoolCase):
         self.assertEqual(one["name"], "add")
         self.assertEqual([a["names"] for a in one["arguments"]], [["ADDRESS"], ["LIST"], ["ENTRY"]])
         self.assertEqual([a["many"] for a in one["arguments"]], [False, False, True])
-        scope = one["options"][1]
+        [scope] = [option for option in one["options"] if option["names"] == ["--scope"]]
         self.assertEqual((scope["names"], scope["value"], scope["required"], scope["words"]),
                          (["--scope"], True, False, ["user", "home", "system"]))
 

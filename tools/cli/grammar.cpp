@@ -182,7 +182,8 @@ void declare_command(CLI::App& app, Session& session) {
 
 // The grammar, or the part of it that has only verbs with some names.
 struct Grammar {
-    Grammar(Session& session, const std::vector<string>* names) : context{session, {}, names} {
+    Grammar(Session& session, const std::vector<string>& words, bool whole)
+        : context{session, words, {}, whole ? nullptr : &words} {
         declare_command(app, session);
         for (const auto add : kVerbFamilies) add({&app, context});
         app.add_subcommand(kHelp, "Show the manual page of a verb")
@@ -216,6 +217,32 @@ void show_manual(const Grammar& grammar, Session& session) {
     std::replace(page.begin(), page.end(), ' ', '-');
     if (!session.json) become_manual(page, session.callers_umask);
     show_help(*at, session, grammar.context.choices);
+}
+
+// Whether the words ask for many mailboxes.
+bool asks_for_many(std::span<const string> words) {
+    for (const string& word : words) {
+        if (word == "--") return false;
+        if (word == "--all" || word == "--domain" || word.starts_with("--domain=")) return true;
+    }
+    return false;
+}
+
+// An address where the next argument is expected. A setting may contain one.
+string against_address(const string& word) {
+    const bool is_address = word.find('@') != string::npos && word.find('=') == string::npos;
+    return is_address ? "give an address, or --all, or --domain" : "";
+}
+
+// Without the address the first word is the next argument. If there is none, the address stays, as
+// the verb says best that it is one word too many.
+void leave_out(CLI::Option& address, CLI::App& app) {
+    for (CLI::Option* option : app.get_options()) {
+        if (option == &address || !option->get_positional()) continue;
+        option->check(against_address);
+        app.remove_option(&address);
+        return;
+    }
 }
 
 }  // namespace
@@ -254,7 +281,7 @@ Verb& Verb::one_of(std::span<const Word> words) {
 }
 
 Verb& Verb::one_of(std::vector<string> words) {
-    (*choices_)[last_] = std::move(words);
+    context_->choices[last_] = std::move(words);
     return *this;
 }
 
@@ -267,9 +294,18 @@ Verb& Verb::address(string& value) {
     return text("ADDRESS", value, "The mailbox, as ann@site.test").required();
 }
 
+Verb& Verb::address(std::optional<string>& value) {
+    return text("ADDRESS", value, "The mailbox, as ann@site.test");
+}
+
 Verb& Verb::choice(Choice& choice) {
-    return text("ADDRESS", choice.address, "The mailbox, as ann@site.test")
-        .flag("--all", choice.all, "All mailboxes")
+    address(choice.address);
+    const auto leave_out_address = [app = app_, address = last_,
+                                    words = context_->words](std::size_t left) {
+        if (asks_for_many(words.last(left))) leave_out(*address, *app);
+    };
+    app_->preparse_callback(leave_out_address);
+    return flag("--all", choice.all, "All mailboxes")
         .text("--domain", choice.domain, "All mailboxes of this domain");
 }
 
@@ -294,7 +330,7 @@ Verb VerbGroup::add_to_app(const string& name, const string& help,
                            std::function<int()> work) const {
     CLI::App* app = app_->add_subcommand(name, help);
     app->callback([session = &context_->session, work = std::move(work)] { session->verb = work; });
-    return {*app, context_->choices};
+    return {*app, *context_};
 }
 
 int run_reader(const std::function<int()>& work) {
@@ -356,7 +392,7 @@ std::vector<string> as_parsed(const std::vector<string>& words) {
 // Reads a correct command line that runs a verb. False for any other; throws if it asks for the
 // version.
 bool read_for_verb(const std::vector<string>& words, Session& session) {
-    Grammar grammar(session, &words);
+    Grammar grammar(session, words, false);
     try {
         grammar.app.parse(as_parsed(words));
         return !grammar.app.got_subcommand(kHelp);
@@ -369,7 +405,7 @@ bool read_for_verb(const std::vector<string>& words, Session& session) {
 
 // Answers a command line for which the whole grammar is needed: help, wrong usage.
 void answer(const std::vector<string>& words, Session& session) {
-    Grammar grammar(session, nullptr);
+    Grammar grammar(session, words, true);
     CLI::App& app = grammar.app;
     try {
         app.parse(as_parsed(words));

@@ -40,11 +40,13 @@ struct Choice {
     std::optional<std::string> domain;
 };
 
+struct GrammarContext;
+
 // Declares a verb's arguments: "--name" for an option, a word for a positional argument. Values are
 // not interpreted. The variables must live as long as the verb can run.
 class Verb {
   public:
-    Verb(CLI::App& app, Choices& choices) : app_(&app), choices_(&choices) {}
+    Verb(CLI::App& app, GrammarContext& context) : app_(&app), context_(&context) {}
 
     Verb& text(const std::string& name, std::string& value, const std::string& help);
     Verb& text(const std::string& name, std::optional<std::string>& value, const std::string& help);
@@ -60,20 +62,23 @@ class Verb {
     Verb& one_of(std::vector<std::string> words);
     // Declares the address of the mailbox to work on, which nearly every verb takes.
     Verb& address(std::string& value);
-    // Declares an address, or all mailboxes, or those of a domain.
+    Verb& address(std::optional<std::string>& value);
+    // Declares an address, or all mailboxes, or those of a domain. If the command line asks for
+    // many mailboxes, the first word is the next argument and not an address.
     Verb& choice(Choice& choice);
     // Declares how many mailboxes are worked on at a time.
     Verb& jobs(std::optional<std::string>& value);
 
   private:
     CLI::App* app_;
-    Choices* choices_;
+    GrammarContext* context_;
     CLI::Option* last_ = nullptr;
 };
 
 // What the parts of a grammar share.
 struct GrammarContext {
     Session& session;
+    std::span<const std::string> words;  // the command line, without the command itself
     Choices choices = {};
     // Only verbs with one of these names are declared; null: all. The words of the command line are
     // enough to run it, and to declare the other verbs takes longer than many a verb's work.

@@ -108,7 +108,7 @@ class Results {
     void finish(int code) {
         ++shown_;
         result_.code = std::max(result_.code, code);
-        result_.left_out += code != kExitOk ? 1 : 0;
+        result_.left_out += code != kExitOk && code != kExitNo ? 1 : 0;
         if (!job_.progress.empty() && job_.count > 1) progress_.advance(shown_, job_.count);
     }
 

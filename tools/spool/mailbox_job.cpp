@@ -147,9 +147,13 @@ Mailboxes every_mailbox(const std::optional<string>& domain) {
     return mailboxes;
 }
 
-Mailboxes mailboxes_of(const Choice& choice) {
+void check_choice(const Choice& choice) {
     const int given = (choice.address ? 1 : 0) + (choice.all ? 1 : 0) + (choice.domain ? 1 : 0);
     if (given != 1) throw Failure(kExitUsage, "give an address, or --all, or --domain");
+}
+
+Mailboxes mailboxes_of(const Choice& choice) {
+    check_choice(choice);
     return choice.address ? one_mailbox(*choice.address) : every_mailbox(choice.domain);
 }
 

@@ -50,8 +50,9 @@ Mailboxes one_mailbox(const std::string& address);
 // All mailboxes of users below the usual place, in byte order of their directories. With `domain`,
 // only those of this domain; a Failure with kExitData if the domain does not exist.
 Mailboxes every_mailbox(const std::optional<std::string>& domain = {});
-// The mailboxes that a command line asks for. A Failure with kExitUsage unless exactly one of
-// address, all and domain is given.
+// A Failure with kExitUsage unless exactly one of address, all and domain is given.
+void check_choice(const Choice& choice);
+// The mailboxes that a command line asks for. Checks the choice.
 Mailboxes mailboxes_of(const Choice& choice);
 
 // The directories of the domains that a command line asks for, as far as they can be opened.

@@ -5,7 +5,7 @@
 #include <algorithm>
 
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder_list.h"
 #include "tools/work/scan.h"
@@ -17,7 +17,8 @@ namespace {
 using std::string;
 
 struct FoldersArguments {
-    string address;
+    Choice choice;
+    std::optional<string> jobs;
 };
 
 // As the mailbox's owner.
@@ -58,35 +59,60 @@ std::vector<string> cells(const string& name, const FolderCount& count) {
             size_text(count.bytes)};
 }
 
-void show_folder_table(Session& session, const std::vector<Json>& folders) {
-    Table table(
-        {{"folder"}, {"messages", Align::right}, {"new", Align::right}, {"size", Align::right}});
-    FolderCount total;
-    for (const Json& folder : folders) {
+// The folders of one mailbox are indented; among those of many each has its whole name.
+class FolderTable {
+  public:
+    explicit FolderTable(const Mailboxes& mailboxes)
+        : mailboxes_(mailboxes),
+          table_(with_mailbox<Table::Column>(mailboxes, {"mailbox"},
+                                             {{"folder"},
+                                              {"messages", Align::right},
+                                              {"new", Align::right},
+                                              {"size", Align::right}})) {}
+
+    void add(const TSMailUserId& id, const Json& folder) {
         const FolderCount count = count_in(folder);
-        table.row(cells(indented(folder.at("folder").get<string>()), count));
-        total.messages += count.messages;
-        total.fresh += count.fresh;
-        total.bytes += count.bytes;
+        const auto name = folder.at("folder").get<string>();
+        row(id.address(true), cells(mailboxes_.all ? name : indented(name), count));
+        total_.messages += count.messages;
+        total_.fresh += count.fresh;
+        total_.bytes += count.bytes;
+        empty_ = false;
     }
-    table.row(cells("total", total));
-    table.print(session.out);
-}
+    bool empty() const { return empty_; }
+    void print(Output& out) {
+        row("", cells("total", total_));
+        table_.print(out);
+    }
+
+  private:
+    void row(const string& address, std::vector<string> cells) {
+        table_.row(with_mailbox(mailboxes_, address, std::move(cells)));
+    }
+
+    const Mailboxes& mailboxes_;
+    Table table_;
+    FolderCount total_;
+    bool empty_ = true;
+};
 
 int run_folders(Session& session, const FoldersArguments& arguments) {
-    std::vector<Json> folders;
+    session.out.end_with_reader();
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    FolderTable table(mailboxes);
     MailboxJob job;
+    job.progress = mailboxes.all ? "looking at mailboxes" : "";
+    job.jobs = jobs_of(arguments.jobs);
     job.work = list_folders_of;
-    job.show = [&](const TSMailUserId&, const Json& folder) {
-        session.json ? session.out.object(folder) : folders.push_back(folder);
-    };
-    const JobResult result = run_quietly_on(session, one_mailbox(arguments.address), job);
-    const bool table = !session.json && (result.code == kExitOk || !folders.empty());
-    if (table) show_folder_table(session, folders);
-    return result.code;
+    job.show = [&](const TSMailUserId& id, const Json& folder) { table.add(id, folder); };
+    return run_on_each(session, mailboxes, job, [&](int code) {
+        if (code == kExitOk || !table.empty()) table.print(session.out);
+    });
 }
 
-void declare_folders(Verb& verb, FoldersArguments& arguments) { verb.address(arguments.address); }
+void declare_folders(Verb& verb, FoldersArguments& arguments) {
+    verb.choice(arguments.choice).jobs(arguments.jobs);
+}
 
 }  // namespace
 

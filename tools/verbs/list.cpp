@@ -41,14 +41,16 @@ Failure full(const AddressList& list) {
 
 string entry_of(const Json& object) { return object.at("entry").get<string>(); }
 
+string lead(const string& whose) { return whose.empty() ? "" : printable(whose) + ": "; }
+
 // Shows entries as they stand in the list: escaped for people, exact for programs.
-void show_plain(Session& session, const Json& object) {
+void show_plain(Session& session, const string& whose, const Json& object) {
     const string entry = entry_of(object);
-    session.out.line(::isatty(STDOUT_FILENO) == 1 ? printable(entry) : entry);
+    session.out.line(lead(whose) + (::isatty(STDOUT_FILENO) == 1 ? printable(entry) : entry));
 }
 
-void show_numbered(Session& session, const Json& object) {
-    session.out.line(fmt::format("{:>5}  {}", object.at("line").get<std::size_t>(),
+void show_numbered(Session& session, const string& whose, const Json& object) {
+    session.out.line(fmt::format("{}{:>5}  {}", lead(whose), object.at("line").get<std::size_t>(),
                                  printable(entry_of(object))));
 }
 
@@ -66,23 +68,24 @@ int report_entries(const std::vector<string>& entries, Report& report) {
 }
 
 int run_show(Session& session, const Arguments& arguments) {
-    if (!arguments.sorted) {
-        return run_on_list(session, arguments, report_lines,
-                           [&](const Json& object) { show_numbered(session, object); });
-    }
-    const auto work = [](const AddressList& list, Report& report) {
-        return report_entries(list.sorted(), report);
+    session.out.end_with_reader();
+    const auto show = arguments.sorted ? show_plain : show_numbered;
+    const auto work = [&](const AddressList& list, Report& report) {
+        return arguments.sorted ? report_entries(list.sorted(), report)
+                                : report_lines(list, report);
     };
-    return run_on_list(session, arguments, work,
-                       [&](const Json& object) { show_plain(session, object); });
+    return run_on_list(session, arguments, work, [&](const string& whose, const Json& object) {
+        show(session, whose, object);
+    });
 }
 
 int run_export(Session& session, const Arguments& arguments) {
     const auto work = [](const AddressList& list, Report& report) {
         return report_entries(list.lines(), report);
     };
-    return run_on_list(session, arguments, work,
-                       [&](const Json& object) { show_plain(session, object); });
+    return run_on_list(session, arguments, work, [&](const string& whose, const Json& object) {
+        show_plain(session, whose, object);
+    });
 }
 
 // The words for the outcome of an entry: "added ann@site.test", or an object with the word as a
@@ -94,18 +97,18 @@ struct Answers {
 
 int run_on_words(Session& session, const Arguments& arguments, const Answers& answers,
                  const std::function<int(const AddressList&, Report&)>& work) {
-    return run_on_list(session, arguments, work, [&](const Json& object) {
+    return run_on_list(session, arguments, work, [&](const string& whose, const Json& object) {
         const bool yes = object.at(answers.field).get<bool>();
-        session.out.line(
-            fmt::format("{} {}", yes ? answers.yes : answers.no, printable(entry_of(object))));
+        session.out.line(fmt::format("{}{} {}", lead(whose), yes ? answers.yes : answers.no,
+                                     printable(entry_of(object))));
     });
 }
 
 // A list that nothing reads is mostly a name that was mistyped.
-void check_known(const Arguments& arguments, const AddressList& list) {
+void check_known(const Arguments& arguments, const AddressList* list) {
     const std::vector<string> known = known_lists();
     const bool is_known = std::find(known.begin(), known.end(), arguments.list) != known.end();
-    if (is_known || arguments.any_name || list.exists()) return;
+    if (is_known || arguments.any_name || (list != nullptr && list->exists())) return;
     const string near = nearest(arguments.list, known);
     throw Failure(
         kExitData,
@@ -129,8 +132,10 @@ Added add(const AddressList& list, const string& entry, bool dry_run) {
 
 int run_add(Session& session, const Arguments& arguments) {
     std::for_each(arguments.words.begin(), arguments.words.end(), check_entry);
+    const bool many = !arguments.choice.address;
+    if (many) check_known(arguments, nullptr);
     const auto work = [&](const AddressList& list, Report& report) {
-        check_known(arguments, list);
+        if (!many) check_known(arguments, &list);
         for (const string& entry : arguments.words) {
             const Added added = add(list, entry, arguments.dry_run);
             if (added == Added::full) throw full(list);
@@ -194,7 +199,7 @@ int run_replace(Session& session, const Arguments& arguments) {
         }
         return kExitOk;
     };
-    return run_on_list(session, arguments, work, [&](const Json& object) {
+    return run_on_list(session, arguments, work, [&](const string&, const Json& object) {
         session.out.line(fmt::format("would replace {} by {}", printable(entry_of(object)),
                                      printable(arguments.entry)));
     });
@@ -242,7 +247,7 @@ int run_import(Session& session, const Arguments& arguments) {
     job.owner = [&](std::size_t) { return owner_of_list(named); };
     job.input = [&](std::size_t) { return Fd(::fcntl(input.fd, F_DUPFD_CLOEXEC, 0)); };
     job.work = [&](std::size_t, int fd, Report& report) {
-        check_known(arguments, named.list);
+        check_known(arguments, &named.list);
         return import_all(named.list, {Fd(), fd, input.name}, arguments.dry_run, report);
     };
     job.show = [&](std::size_t, const Json& tally) {
@@ -255,51 +260,23 @@ int run_import(Session& session, const Arguments& arguments) {
     return run_job(session, job).code;
 }
 
-int run_names(Session& session, const Arguments& arguments) {
-    Table table({{"list"}, {"entries", Align::right}});
-    Arguments any = arguments;
-    any.list = known_lists().front();  // lies in the same directory
-    const auto scope = static_cast<unsigned>(word_of(kListScopes, "scope", arguments.scope).number);
-    const auto work = [&](const AddressList&, Report& report) {
-        for (const string& name : list_names(arguments.address, scope)) {
-            try {
-                const auto entries = AddressList(arguments.address, name, scope).sorted().size();
-                report.object({{"list", name}, {"entries", entries}});
-            } catch (const Failure& failure) {
-                report.error(failure);
-            }
-        }
-        return kExitOk;
-    };
-    const int code = run_on_list(session, any, work, [&](const Json& list) {
-        table.row(
-            {list.at("list").get<string>(), std::to_string(list.at("entries").get<std::size_t>())});
-    });
-    if (!session.json && code == kExitOk) table.print(session.out);
-    return code;
-}
-
-Verb& declare_scope(Verb& verb, Arguments& arguments) {
-    return verb
-        .text("--scope", arguments.scope,
-              "user (default): the user's own; home: the list in the directory ADDRESS below the "
-              "homes; system: the system's, ADDRESS is not looked at")
-        .one_of(kListScopes);
-}
-
-Verb& declare_list(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address)
-        .text("LIST", arguments.list, "The list's name, as whitelist")
-        .required();
+Verb& declare_name(Verb& verb, Arguments& arguments) {
+    verb.text("LIST", arguments.list, "The list's name, as whitelist").required();
     return declare_scope(verb, arguments);
 }
 
-void declare_names(Verb& verb, Arguments& arguments) {
-    declare_scope(verb.address(arguments.address), arguments);
+// The list of one mailbox.
+Verb& declare_list(Verb& verb, Arguments& arguments) {
+    return declare_name(verb.address(arguments.choice.address).required(), arguments);
+}
+
+// The lists of this name of one or many mailboxes.
+Verb& declare_lists(Verb& verb, Arguments& arguments) {
+    return declare_name(verb.choice(arguments.choice), arguments);
 }
 
 void declare_show(Verb& verb, Arguments& arguments) {
-    declare_list(verb, arguments)
+    declare_lists(verb, arguments)
         .flag("--sorted", arguments.sorted, "In the order of the alphabet, without line numbers");
 }
 
@@ -310,7 +287,7 @@ void declare_any_name(Verb& verb, Arguments& arguments) {
 }
 
 void declare_entries(Verb& verb, Arguments& arguments) {
-    declare_list(verb, arguments).texts("ENTRY", arguments.words, "Entries").required();
+    declare_lists(verb, arguments).texts("ENTRY", arguments.words, "Entries").required();
 }
 
 void declare_dry_run(Verb& verb, Arguments& arguments) {
@@ -328,7 +305,7 @@ void declare_add(Verb& verb, Arguments& arguments) {
 }
 
 void declare_addresses(Verb& verb, Arguments& arguments) {
-    declare_list(verb, arguments)
+    declare_lists(verb, arguments)
         .texts("WHO", arguments.words, "Addresses to match with the list's patterns")
         .required();
 }
@@ -353,7 +330,7 @@ void declare_import(Verb& verb, Arguments& arguments) {
 
 void add_list_verbs(const VerbGroup& top) {
     const VerbGroup list = top.group("list", "About address lists");
-    list.reader("names", "Show which lists there are", declare_names, run_names);
+    add_list_names(list);
     list.reader("show", "Show the lines with their numbers", declare_show, run_show);
     list.verb("add", "Add entries", declare_add, run_add);
     list.verb("remove", "Remove entries", declare_remove, run_remove);

@@ -16,7 +16,7 @@
 namespace Tessaly::tool {
 
 struct ListArguments {
-    std::string address;
+    Choice choice;
     std::string list;
     std::string scope = "user";
     std::vector<std::string> words;
@@ -31,7 +31,10 @@ struct ListArguments {
 inline constexpr Word kListScopes[] = {
     {MAIL_LIST_USER, "user"}, {MAIL_LIST_HOME, "home"}, {MAIL_LIST_SYSTEM, "system"}};
 
-// The list that the arguments name.
+Verb& declare_scope(Verb& verb, ListArguments& arguments);
+unsigned scope_of(const ListArguments& arguments);
+
+// The list that the arguments name, which have an address.
 struct NamedList {
     AddressList list;
     std::optional<TSMailUserId> user;  // the user whose list it is, if it is a user's list
@@ -40,10 +43,16 @@ struct NamedList {
 NamedList named_list(const ListArguments& arguments);
 Owner owner_of_list(const NamedList& named);
 
-// Works on the list in a worker that runs as the owner of the list's directory.
+// Works on the list in a worker that runs as the owner of the list's directory, or on the lists of
+// many mailboxes. `show` shows a result to people, with the address of the list's mailbox if there
+// are many, else with an empty text; `end` gets the exit code and shows people what comes behind.
 int run_on_list(Session& session, const ListArguments& arguments,
                 const std::function<int(const AddressList&, Report&)>& work,
-                const std::function<void(const Json&)>& show = {});
+                const std::function<void(const std::string& whose, const Json&)>& show = {},
+                const std::function<void(int)>& end = {});
+
+// Adds the verb "names", which has a file of its own.
+void add_list_names(const VerbGroup& group);
 
 }  // namespace Tessaly::tool
 

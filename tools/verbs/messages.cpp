@@ -9,7 +9,7 @@
 
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder.h"
 #include "tools/work/message_name.h"
@@ -22,7 +22,7 @@ namespace {
 using std::string;
 
 struct Arguments {
-    string address;
+    Choice choice;
     string folder;
 };
 
@@ -79,13 +79,14 @@ string date_text(const Json& time) {
     return parts ? fmt::format("{:%Y-%m-%d %H:%M:%S}", *parts) : "-";
 }
 
-Table message_table() {
-    return Table({{"received (UTC)"},
-                  {"created (UTC)"},
-                  {"size", Align::right},
-                  {"place"},
-                  {"flags"},
-                  {"name"}});
+Table message_table(const Mailboxes& mailboxes) {
+    return Table(with_mailbox<Table::Column>(mailboxes, {"mailbox"},
+                                             {{"received (UTC)"},
+                                              {"created (UTC)"},
+                                              {"size", Align::right},
+                                              {"place"},
+                                              {"flags"},
+                                              {"name"}}));
 }
 
 std::vector<string> cells(const Json& row) {
@@ -100,24 +101,25 @@ std::vector<string> cells(const Json& row) {
 int run_messages(Session& session, const Arguments& arguments) {
     session.out.end_with_reader();
     check_folder_name(arguments.folder);
-    Table table = message_table();
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    Table table = message_table(mailboxes);
     bool any = false;
     MailboxJob job;
+    job.progress = mailboxes.all ? "looking at mailboxes" : "";
     job.work = [&](const TSMailUserId& id, Report& report) {
         return list_messages(id, arguments.folder, report);
     };
-    job.show = [&](const TSMailUserId&, const Json& row) {
-        if (session.json) return session.out.object(row);
-        table.row(cells(row));
+    job.show = [&](const TSMailUserId& id, const Json& row) {
+        table.row(with_mailbox(mailboxes, id.address(true), cells(row)));
         any = true;
     };
-    const int code = run_on(session, one_mailbox(arguments.address), job);
-    if (!session.json && (any || code == kExitOk)) table.print(session.out);
-    return code;
+    return run_on_each(session, mailboxes, job, [&](int code) {
+        if (any || code == kExitOk) table.print(session.out);
+    });
 }
 
 void declare_messages(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address);
+    verb.choice(arguments.choice);
     verb.text("FOLDER", arguments.folder, "The folder, as Work/2024").required();
 }
 

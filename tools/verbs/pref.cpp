@@ -4,7 +4,7 @@
 
 #include "tools/cli/input.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/preferences.h"
 
@@ -17,7 +17,7 @@ using std::string;
 using Keys = std::vector<const pref_property*>;
 
 struct Arguments {
-    string address;
+    Choice choice;
     std::vector<string> words;
     bool dry_run = false;
 };
@@ -46,44 +46,53 @@ Json object_of(const Preferences& preferences, const Keys& keys) {
     return object;
 }
 
-// Reads the user's preferences in a worker and shows those with the keys.
-int run_reading(Session& session, const Arguments& arguments, const Keys& keys,
-                const std::function<void(const Json&)>& show) {
+// Reads the preferences with the keys in workers.
+MailboxJob reading(const Mailboxes& mailboxes, const Keys& keys) {
     MailboxJob job;
-    job.work = [&](const TSMailUserId& id, Report& report) {
+    job.progress = mailboxes.all ? "looking at mailboxes" : "";
+    job.work = [&keys](const TSMailUserId& id, Report& report) {
         report.object(object_of(Preferences::of(id), keys));
         return kExitOk;
     };
-    job.show = [&](const TSMailUserId&, const Json& object) {
-        session.json ? session.out.object(object) : show(object);
-    };
-    return run_on(session, one_mailbox(arguments.address), job);
-}
-
-void show_table(Session& session, const Json& object) {
-    const Preferences defaults;
-    Table table({{"preference"}, {"value"}, {"default, where it differs"}});
-    for (const pref_property& property : all_preferences()) {
-        const string value = preference_text(object.at(property.name));
-        const string usual = defaults.text(property);
-        table.row({property.name, value, value == usual ? "" : usual});
-    }
-    table.print(session.out);
+    return job;
 }
 
 int run_show(Session& session, const Arguments& arguments) {
-    return run_reading(session, arguments, all_keys(),
-                       [&](const Json& object) { show_table(session, object); });
+    session.out.end_with_reader();
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    const Keys keys = all_keys();
+    const Preferences defaults;
+    Table table(with_mailbox<Table::Column>(
+        mailboxes, {"mailbox"}, {{"preference"}, {"value"}, {"default, where it differs"}}));
+    bool any = mailboxes.all;
+    MailboxJob job = reading(mailboxes, keys);
+    job.show = [&](const TSMailUserId& id, const Json& object) {
+        any = true;
+        for (const pref_property* key : keys) {
+            const string value = preference_text(object.at(key->name));
+            const string usual = defaults.text(*key);
+            table.row(with_mailbox(mailboxes, id.address(true),
+                                   {key->name, value, value == usual ? "" : usual}));
+        }
+    };
+    return run_on_each(session, mailboxes, job, [&](int) {
+        if (any) table.print(session.out);
+    });
 }
 
 int run_get(Session& session, const Arguments& arguments) {
+    session.out.end_with_reader();
     const Keys keys = keys_of(arguments.words);
-    return run_reading(session, arguments, keys, [&](const Json& object) {
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    MailboxJob job = reading(mailboxes, keys);
+    job.show = [&](const TSMailUserId& id, const Json& object) {
         for (const pref_property* key : keys) {
             const string value = printable(preference_text(object.at(key->name)));
-            session.out.line(keys.size() == 1 ? value : fmt::format("{}={}", key->name, value));
+            session.out.line(lead(mailboxes, id) +
+                             (keys.size() == 1 ? value : fmt::format("{}={}", key->name, value)));
         }
-    });
+    };
+    return run_on_each(session, mailboxes, job);
 }
 
 int report_changes(const Preferences& before, const Preferences& after, Report& report) {
@@ -95,24 +104,28 @@ int report_changes(const Preferences& before, const Preferences& after, Report& 
     return kExitOk;
 }
 
-void show_change(Session& session, const Json& change) {
+void show_change(Session& session, const string& mailbox, const Json& change) {
     if (session.json) return;
-    session.out.line(fmt::format("would set {}={}", change.at("key").get<string>(),
+    session.out.line(fmt::format("{}would set {}={}", mailbox, change.at("key").get<string>(),
                                  printable(change.at("to").get<string>())));
 }
 
-// Changes the user's preferences in a worker, under their lock.
+// Changes preferences in workers, under their lock. With --json a dry run shows nothing either.
 int run_changing(Session& session, const Arguments& arguments,
                  const std::function<Preferences(const TSMailUserId&)>& changed) {
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
     MailboxJob job;
+    job.progress = mailboxes.all ? "changing preferences" : "";
     job.work = [&](const TSMailUserId& id, Report& report) {
         if (arguments.dry_run) return report_changes(Preferences::of(id), changed(id), report);
         const PreferencesLock lock(id);
         changed(id).store(id);
         return int{kExitOk};
     };
-    job.show = [&](const TSMailUserId&, const Json& change) { show_change(session, change); };
-    return run_on(session, one_mailbox(arguments.address), job);
+    job.show = [&](const TSMailUserId& id, const Json& change) {
+        show_change(session, lead(mailboxes, id), change);
+    };
+    return run_on(session, mailboxes, job);
 }
 
 // "key=value"
@@ -156,24 +169,24 @@ int run_reset(Session& session, const Arguments& arguments) {
     });
 }
 
-void declare_show(Verb& verb, Arguments& arguments) { verb.address(arguments.address); }
+void declare_show(Verb& verb, Arguments& arguments) { verb.choice(arguments.choice); }
 
 void declare_get(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .texts("KEY", arguments.words, "Preferences to show")
         .one_of(all_names())
         .required();
 }
 
 void declare_set(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .texts("SETTING", arguments.words,
                "What to set, as KEY=VALUE; none with --json: an object is read from standard input")
         .flag("--dry-run", arguments.dry_run, "Only say what would change");
 }
 
 void declare_reset(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .texts("KEY", arguments.words, "Preferences to reset (default: all)")
         .one_of(all_names())
         .flag("--dry-run", arguments.dry_run, "Only say what would change");

@@ -10,7 +10,7 @@
 #include "base/number.h"
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/verbs.h"
 
 namespace Tessaly::tool {
@@ -34,15 +34,15 @@ string time_text(std::time_t time) {
     return text;
 }
 
-struct AddressArguments {
-    string address;
+struct ChoiceArguments {
+    Choice choice;
     bool dry_run = false;
 };
 
-void declare_address(Verb& verb, AddressArguments& arguments) { verb.address(arguments.address); }
+void declare_choice(Verb& verb, ChoiceArguments& arguments) { verb.choice(arguments.choice); }
 
-void declare_reset(Verb& verb, AddressArguments& arguments) {
-    verb.address(arguments.address)
+void declare_reset(Verb& verb, ChoiceArguments& arguments) {
+    verb.choice(arguments.choice)
         .flag("--dry-run", arguments.dry_run, "Only say what would be done");
 }
 
@@ -78,36 +78,70 @@ string last_notice_text(const Json& time) {
     return time.is_null() ? "never" : time_text(time.get<std::time_t>());
 }
 
+string yes_or_no(const Json& answer) { return answer.get<bool>() ? "yes" : "no"; }
+
+// What people see of a state.
+struct StateText {
+    const char* what;
+    string (*of)(const Json& state);
+};
+constexpr StateText kStateTexts[] = {
+    {"warning flag", [](const Json& state) { return flag_text(state.at("warning")); }},
+    {"exceeded flag", [](const Json& state) { return flag_text(state.at("exceeded")); }},
+    {"kept total", kept_text},
+    {"to be recounted", [](const Json& state) { return yes_or_no(state.at("dirty")); }},
+    {"last notice", [](const Json& state) { return last_notice_text(state.at("last_notice")); }},
+    {"notice due", [](const Json& state) { return yes_or_no(state.at("notice_due")); }},
+};
+
 void show_state_table(Session& session, const Json& state) {
-    const auto yes_or_no = [&](const char* field) {
-        return state.at(field).get<bool>() ? "yes" : "no";
-    };
     Table table({{"what"}, {"state"}});
-    table.row({"warning flag", flag_text(state.at("warning"))});
-    table.row({"exceeded flag", flag_text(state.at("exceeded"))});
-    table.row({"kept total", kept_text(state)});
-    table.row({"to be recounted", yes_or_no("dirty")});
-    table.row({"last notice", last_notice_text(state.at("last_notice"))});
-    table.row({"notice due", yes_or_no("notice_due")});
+    for (const StateText& text : kStateTexts) table.row({text.what, text.of(state)});
     table.print(session.out);
 }
 
-int run_show(Session& session, const AddressArguments& arguments) {
+// The states of many mailboxes, a row for each.
+class StateRows {
+  public:
+    void add(const Json& state) {
+        std::vector<string> cells = {state.at("address").get<string>()};
+        for (const StateText& text : kStateTexts) cells.push_back(text.of(state));
+        table_.row(std::move(cells));
+    }
+    void print(Output& out) const { table_.print(out); }
+
+  private:
+    static std::vector<Table::Column> columns() {
+        std::vector<Table::Column> columns = {{"mailbox"}};
+        for (const StateText& text : kStateTexts) columns.push_back({text.what});
+        return columns;
+    }
+
+    Table table_{columns()};
+};
+
+int run_show(Session& session, const ChoiceArguments& arguments) {
+    session.out.end_with_reader();
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    StateRows rows;
     MailboxJob job;
+    job.progress = mailboxes.all ? "looking at mailboxes" : "";
     job.work = [](const TSMailUserId& id, Report& report) {
         report.object(json_of(id, quota_state(id)));
         return kExitOk;
     };
     job.show = [&](const TSMailUserId&, const Json& state) {
-        session.json ? session.out.object(state) : show_state_table(session, state);
+        mailboxes.all ? rows.add(state) : show_state_table(session, state);
     };
-    return run_on(session, one_mailbox(arguments.address), job);
+    return run_on_each(session, mailboxes, job, [&](int) {
+        if (mailboxes.all) rows.print(session.out);
+    });
 }
 
 // ---- set, clear, reset
 
 struct FlagArguments {
-    string address;
+    Choice choice;
     string flag;
     string value = "1";
     bool dry_run = false;
@@ -119,34 +153,37 @@ int value_of(const string& text) {
 }
 
 // Runs work that shows nothing. A dry run says to people what the work would do.
-int run_silently(Session& session, const string& address, bool dry_run, const string& what,
+int run_silently(Session& session, const Choice& choice, bool dry_run, const string& what,
                  const std::function<void(const TSMailUserId&)>& work) {
+    const Mailboxes mailboxes = mailboxes_of(choice);
     MailboxJob job;
-    job.work = [&](const TSMailUserId& id, Report&) {
-        if (!dry_run) work(id);
+    job.progress = mailboxes.all ? "changing mailboxes" : "";
+    job.work = [&](const TSMailUserId& id, Report& report) {
+        dry_run ? report.object(Json::object()) : work(id);
         return kExitOk;
     };
-    const int code = run_on(session, one_mailbox(address), job);
-    if (dry_run && code == kExitOk && !session.json) session.out.line("would " + what);
-    return code;
+    job.show = [&](const TSMailUserId& id, const Json&) {
+        if (!session.json) session.out.line(lead(mailboxes, id) + "would " + what);
+    };
+    return run_on(session, mailboxes, job);
 }
 
 int run_set(Session& session, const FlagArguments& arguments) {
     const QuotaFlag flag = flag_of(arguments.flag);
     const int value = value_of(arguments.value);
-    return run_silently(session, arguments.address, arguments.dry_run,
+    return run_silently(session, arguments.choice, arguments.dry_run,
                         fmt::format("set the flag to {}", value),
                         [=](const TSMailUserId& id) { set_quota_flag(id, flag, value); });
 }
 
 int run_clear(Session& session, const FlagArguments& arguments) {
     const QuotaFlag flag = flag_of(arguments.flag);
-    return run_silently(session, arguments.address, arguments.dry_run, "remove the flag",
+    return run_silently(session, arguments.choice, arguments.dry_run, "remove the flag",
                         [=](const TSMailUserId& id) { clear_quota_flag(id, flag); });
 }
 
 void declare_clear(Verb& verb, FlagArguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .text("FLAG", arguments.flag, "warning or exceeded")
         .one_of(kFlagWords)
         .required()
@@ -158,8 +195,8 @@ void declare_set(Verb& verb, FlagArguments& arguments) {
     verb.text("VALUE", arguments.value, "The number in the flag (default: 1)");
 }
 
-int run_reset(Session& session, const AddressArguments& arguments) {
-    return run_silently(session, arguments.address, arguments.dry_run,
+int run_reset(Session& session, const ChoiceArguments& arguments) {
+    return run_silently(session, arguments.choice, arguments.dry_run,
                         "mark the mailbox for a recount", mark_totals_untrusted);
 }
 
@@ -290,7 +327,7 @@ void declare_archive(Verb& verb, ArchiveArguments& arguments) {
 
 void add_quota_verbs(const VerbGroup& top) {
     const VerbGroup quota = top.group("quota", "Quota flags, notices and the archive share");
-    quota.reader("show", "Show a mailbox's flags, kept total and notice state", declare_address,
+    quota.reader("show", "Show a mailbox's flags, kept total and notice state", declare_choice,
                  run_show);
     quota.verb("set", "Set a flag", declare_set, run_set);
     quota.verb("clear", "Remove a flag", declare_clear, run_clear);

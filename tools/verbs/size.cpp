@@ -1,7 +1,9 @@
 // size - compares the stored sizes of a mailbox with its folders.
+#include <fmt/format.h>
+
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/size_report.h"
 
@@ -12,8 +14,9 @@ namespace {
 using std::string;
 
 struct Arguments {
-    string address;
+    Choice choice;
     std::optional<string> folder;
+    std::optional<string> jobs;
 };
 
 string size_or_dash(const Json& bytes) {
@@ -35,41 +38,55 @@ std::vector<string> cells(const Json& row) {
             row.at("agrees").get<bool>() ? "" : "differs"};
 }
 
-Table size_table() {
-    return Table({{"folder"},
-                  {"kept", Align::right},
-                  {"size", Align::right},
-                  {"cached", Align::right},
-                  {"actual", Align::right},
-                  {"size", Align::right},
-                  {""}});
+Table size_table(const Mailboxes& mailboxes) {
+    return Table(with_mailbox<Table::Column>(mailboxes, {"mailbox"},
+                                             {{"folder"},
+                                              {"kept", Align::right},
+                                              {"size", Align::right},
+                                              {"cached", Align::right},
+                                              {"actual", Align::right},
+                                              {"size", Align::right},
+                                              {""}}));
+}
+
+void show_marked(Session& session, const Mailboxes& mailboxes, int marked) {
+    if (marked == 0) return;
+    if (!mailboxes.all) return session.out.line("The mailbox is marked for a recount.");
+    session.out.line(
+        fmt::format("{} marked for a recount.",
+                    marked == 1 ? "1 mailbox is" : fmt::format("{} mailboxes are", marked)));
 }
 
 int run_size(Session& session, const Arguments& arguments) {
+    session.out.end_with_reader();
     if (arguments.folder) check_folder_name(*arguments.folder);
-    Table table = size_table();
-    bool any = false, marked = false;
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    Table table = size_table(mailboxes);
+    bool any = false;
+    int marked = 0;
     MailboxJob job;
+    job.progress = mailboxes.all ? "looking at mailboxes" : "";
+    job.jobs = jobs_of(arguments.jobs);
     job.work = [&](const TSMailUserId& id, Report& report) {
         report_sizes(id, arguments.folder, report);
         return kExitOk;
     };
-    job.show = [&](const TSMailUserId&, const Json& row) {
-        if (session.json) return session.out.object(row);
-        table.row(cells(row));
+    job.show = [&](const TSMailUserId& id, const Json& row) {
+        table.row(with_mailbox(mailboxes, id.address(true), cells(row)));
         any = true;
-        marked = marked || row.value("dirty", false);
+        marked += row.value("dirty", false) ? 1 : 0;
     };
-    const int code = run_on(session, one_mailbox(arguments.address), job);
-    if (any) table.print(session.out);
-    if (marked) session.out.line("The mailbox is marked for a recount.");
-    return code;
+    return run_on_each(session, mailboxes, job, [&](int) {
+        if (any) table.print(session.out);
+        show_marked(session, mailboxes, marked);
+    });
 }
 
 void declare_size(Verb& verb, Arguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .text("FOLDER", arguments.folder,
-              "The folder, as Work/2024 (default: all, and the mailbox)");
+              "The folder, as Work/2024 (default: all, and the mailbox)")
+        .jobs(arguments.jobs);
 }
 
 }  // namespace

@@ -28,6 +28,7 @@ class AddressList {
     // `scope` is one of enum mail_list_scope. The caller has checked the names.
     AddressList(std::string user, std::string list, unsigned scope);
 
+    const std::string& user() const { return user_; }
     const std::string& path() const { return path_; }
     // A Failure if that cannot be determined.
     bool exists() const;
