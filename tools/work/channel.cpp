@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <utility>
 #include <vector>
 
 #include "tools/cli/failure.h"
@@ -38,8 +39,8 @@ bool Channel::send(const Json& head, int file) const {
 
 std::optional<Item> Channel::receive() const {
     std::vector<char> bytes(kLongest);
-    Item item;
-    const auto take = [&] { return receive_with(socket_, bytes.data(), bytes.size(), item.file); };
+    Fd file;
+    const auto take = [&] { return receive_with(socket_, bytes.data(), bytes.size(), file); };
     wait(POLLIN);
     ssize_t n = take();
     // A process that ends with items unread resets the connection. The reset is told once and in
@@ -47,9 +48,9 @@ std::optional<Item> Channel::receive() const {
     if (n < 0 && errno == ECONNRESET) n = take();
     if (n == 0 || (n < 0 && is_gone(errno))) return std::nullopt;
     if (n < 0) throw system_failure("receiving a message from another process");
-    item.head = Json::from_msgpack(bytes.data(), bytes.data() + n, true, false);
-    if (!item.head.is_object()) throw garbled();
-    return item;
+    Json head = Json::from_msgpack(bytes.data(), bytes.data() + n, true, false);
+    if (!head.is_object()) throw garbled();
+    return Item{std::move(head), std::move(file)};
 }
 
 }  // namespace Tessaly::tool
