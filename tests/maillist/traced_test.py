@@ -59,10 +59,6 @@ def result(*words, trace=()):
 def calls_of(*words, extra=()):
     """The system calls from the lock file on: (name, its number among those of the name, its line)."""
     run(*words, trace=["-s", "0", *extra])
-    return calls_in_trace()
-
-
-def calls_in_trace():
     counts, calls, begun = {}, [], False
     with open(TRACE, encoding="ascii", errors="replace") as trace:
         for line in trace:
@@ -88,28 +84,17 @@ def call_with(calls, pattern):
 
 
 class KilledTest(unittest.TestCase):
-    @staticmethod
-    def kill_at(calls, index, words, extra):
-        """Kills the program at a call. A sanitizer reads the process's mappings, before the lock, with a number of
-        calls that varies; if the program ended before it came to the number, its own trace has the right one."""
-        for _ in range(3):
-            name, number, _ = calls[index]
-            put(OLD)
-            code = run(*words, trace=["-s", "0", *extra, *inject(name, number, "signal=KILL")]).returncode
-            if code != 0:
-                break
-            calls = calls_in_trace()
-        return code
-
     def check_kills(self, words, after, extra=(), left_out=()):
         put(OLD)
         calls = calls_of(*words, extra=extra)
         self.assertEqual(content(), after)
         moved = killed = 0
-        for index, (name, _, line) in enumerate(calls):
+        for name, number, line in calls:
             if name in left_out:
                 continue
-            self.assertEqual(self.kill_at(calls, index, words, extra), -9, line)
+            put(OLD)
+            trace = [*extra, *inject(name, number, "signal=KILL")]
+            self.assertEqual(run(*words, trace=trace).returncode, -9, line)
             killed += 1
             self.assertIn(content(), (OLD, after), line)
             moved += content() == after
