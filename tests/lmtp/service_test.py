@@ -16,7 +16,7 @@ import unittest
 
 from lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files, state_of
 from tools.toolkit import (TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
-                           left_in_tmp, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
+                           left_in_tmp, limited, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
 
 ROOT = os.geteuid() == 0
 
@@ -329,6 +329,22 @@ class PrivilegesTest(LmtpCase):
             service.end()
         self.assertEqual(len(messages(ANN)), 2)
         self.assert_true_records(ANN)
+
+    def test_no_room_for_a_workers_socket(self):
+        """The service puts the message off, and goes on."""
+        few = 40
+        with Service("--workers", "1", preexec_fn=limited(NOFILE=few)) as service, Client() as client:
+            self.assertEqual(client.begin(ANN), ["250 2.1.5 OK"])
+            client.say("DATA")
+            client.send(b"x\r\n")
+            with contextlib.ExitStack() as stack:
+                for _ in range(few):
+                    stack.enter_context(Client(greet=False))
+                wait_until(lambda: len(os.listdir(f"/proc/{service.network()}/fd")) == few)
+                client.send(b".\r\n")
+                self.assertEqual(client.reply()[:9], "451 4.3.0")
+            wait_until(lambda: client.deliver(ANN)[0][:3] == "250")
+        self.assertEqual(len(messages(ANN)), 1)
 
     def test_a_worker_that_is_heard_too_early(self):
         with Service("--workers", "1") as service, Client() as client:

@@ -85,13 +85,15 @@ void Parent::listen() {
     });
 }
 
-// A descriptor may be reported as readable although nothing has come.
+// A descriptor may be reported as readable although nothing has come. An answer whose socket this
+// process has no room for, because of many peers, is one without a worker.
 void Parent::take_answer() {
     Answer answer;
     Fd socket;
     const ssize_t n = receive_with(socket_.native_handle(), &answer, sizeof answer, socket);
     if (n < 0 && errno == EAGAIN) return;
-    if (n != sizeof answer) return context_.stop();
+    const bool lost_socket = n < 0 && errno == EMFILE;
+    if (n != sizeof answer && !lost_socket) return context_.stop();
     const auto asked = asked_.find(answer.serial);
     if (asked == asked_.end()) return;
     const Started answered = std::move(asked->second);
