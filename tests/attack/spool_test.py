@@ -8,8 +8,8 @@ import sys
 import time
 import unittest
 
-from tools.toolkit import HOME, Lock, SpoolCase, TSMAIL, mail, snapshot, tsmail, write
-from tools.tracing import failing, traced_worker
+from testing.toolkit import HOME, Lock, SpoolCase, TSMAIL, mail, snapshot, tsmail, write
+from testing.tracing import failing, traced_worker
 
 USERS = {"ann@site.test": 20001, "bert@site.test": 20002, "carl@site.test": 20003}
 ANN, BERT, CARL = USERS

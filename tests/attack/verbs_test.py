@@ -14,8 +14,8 @@ import sys
 import time
 import unittest
 
-from tools.toolkit import SANITIZED, TSMAIL, Lock, SpoolCase, content, environment, mail, run, tsmail, write
-from tools.tracing import STEP, from_the_first_in_the_spool, killed, traced_parent
+from testing.toolkit import SANITIZED, TSMAIL, Lock, SpoolCase, content, environment, mail, run, tsmail, write
+from testing.tracing import STEP, from_the_first_in_the_spool, killed, traced_parent
 
 ANN, BERT, MAILMAN = "ann@site.test", "bert@site.test", 20009
 USERS = {ANN: 20001, BERT: 20002}

@@ -1,6 +1,6 @@
 // A conversation over LMTP, whole and in pieces.
 #include "fuzz/fuzz.h"
-#include "lmtp/conversation.h"
+#include "tools/lmtp/conversation.h"
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     fuzz::Input input(data, size);

@@ -7,7 +7,7 @@ import smtplib
 import subprocess
 import time
 
-from toolkit import TSMAIL, content, environment, messages
+from testing.toolkit import TSMAIL, content, environment, messages
 
 SENDER = "bob@site.test"
 

@@ -4,7 +4,7 @@ import os
 import subprocess
 import unittest
 
-from toolkit import (BUILD, SOURCE, SpoolCase, content, environment, folder_record, left_in_tmp,
+from testing.toolkit import (BUILD, SOURCE, SpoolCase, content, environment, folder_record, left_in_tmp,
                      mailbox_record, messages)
 
 PREFIX = "/tmp/installed"

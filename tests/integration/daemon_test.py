@@ -10,7 +10,7 @@ import sys
 import unittest
 from multiprocessing import Process
 
-from toolkit import (BUILD, SAMPLES, SOURCE, SpoolCase, mail, mailbox_record,
+from testing.toolkit import (BUILD, SAMPLES, SOURCE, SpoolCase, mail, mailbox_record,
                      messages, record, tsmail)
 
 ADDRESSES = ["ann@site.test", "bob@site.test", "eve@other.test"]

@@ -11,7 +11,7 @@ import threading
 import time
 
 import neighbours
-from toolkit import HOME, SAMPLES, SpoolCase, content, mail, messages, record, tsmail
+from testing.toolkit import HOME, SAMPLES, SpoolCase, content, mail, messages, record, tsmail
 
 LOG = "/tmp/dovecot.log"
 CONF = "/etc/dovecot/dovecot.conf"

@@ -11,7 +11,7 @@ import time
 
 import neighbours
 from arrivals import Service, numbers, send
-from toolkit import SOURCE, SpoolCase, content, folder_record, left_in_tmp, mailbox_record, messages
+from testing.toolkit import SOURCE, SpoolCase, content, folder_record, left_in_tmp, mailbox_record, messages
 
 LOG = "/var/spool/log/exim"
 SOCKET = "/run/tsmail/lmtp"

@@ -35,7 +35,7 @@ def outside(source, build, cache, packages, file, test_class):
         roots.append(os.path.join(cache, package))
     command = [f"{source}/scripts/sandbox", "--rw", build]
     for name, value in {"TSMAIL_BUILD": build, "TSMAIL_SOURCE": source,
-                        "PYTHONPATH": f"{source}/tests:{source}/tests/tools",
+                        "PYTHONPATH": f"{source}/tests",
                         "PYTHONDONTWRITEBYTECODE": "1"}.items():
         command += ["--bwrap", "--setenv", "--bwrap", name, "--bwrap", value]
     for root in roots:

@@ -12,7 +12,7 @@ import time
 
 import neighbours
 from arrivals import Service, numbers, send
-from toolkit import (HOME, SOURCE, SpoolCase, content, folder_record, left_in_tmp, mail,
+from testing.toolkit import (HOME, SOURCE, SpoolCase, content, folder_record, left_in_tmp, mail,
                      mailbox_record, messages)
 
 LOG = "/var/spool/log/postfix"

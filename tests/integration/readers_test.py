@@ -12,7 +12,7 @@ import time
 import unittest
 
 import neighbours
-from toolkit import SAMPLES, SpoolCase, content, environment, mail, messages, record, tsmail
+from testing.toolkit import SAMPLES, SpoolCase, content, environment, mail, messages, record, tsmail
 
 ADDRESS = "ann@site.test"
 FOLDERS = ["Inbox", "Work", "Trash"]

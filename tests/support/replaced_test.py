@@ -6,7 +6,7 @@ import re
 import subprocess
 import unittest
 
-from tools.toolkit import BUILD, HOME, SANITIZED, TSMAIL, SpoolCase, environment, mail, record, run
+from testing.toolkit import BUILD, HOME, SANITIZED, TSMAIL, SpoolCase, environment, mail, record, run
 
 THEIRS = os.path.join(BUILD, "tests/support/recording")
 CALLS = "/tmp/calls"

@@ -9,8 +9,8 @@ import subprocess
 import time
 import unittest
 
-from tools.schemas import grammar, verb_of
-from tools.toolkit import (BUILD, NOBODY, SANITIZED, SOURCE, TSMAIL, SpoolCase, is_marked, mailbox_record,
+from testing.schemas import grammar, verb_of
+from testing.toolkit import (BUILD, NOBODY, SANITIZED, SOURCE, TSMAIL, SpoolCase, is_marked, mailbox_record,
                            own_by_nobody, run)
 
 UNITS = pathlib.Path(BUILD, "systemd")
