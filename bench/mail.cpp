@@ -1,4 +1,5 @@
-// The command's work from its start to its end: one delivery, and the recount of all mailboxes.
+// The command's work from its start to its end: one delivery, its mere start, and the recount of
+// all mailboxes.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/file.h>
@@ -101,6 +102,20 @@ Item deliver(long size) {
     return item;
 }
 
+// ---- The start of a program ---------------------------------------------------------------------
+
+Item start(long) {
+    const auto none = [](const string&, int) { return 0LL; };
+    Item item = {"start", 1, {}};
+    bench::add_program(item, "limit", {{"true"}, {}, "/dev/null", {}, none}, {}, {});
+    bench::add_program(item, "library", {{TSMAIL_TOOL, "--version"}, {}, "/dev/null", {}, none}, {},
+                       {});
+    bench::add_program(item, "dovecot",
+                       {bench::dovecot_version(), {}, "/dev/null", bench::dovecot_version(), none},
+                       {}, {});
+    return item;
+}
+
 // ---- Recounting all mailboxes -------------------------------------------------------------------
 
 constexpr long kMessagesEach = 1000;
@@ -193,6 +208,7 @@ Item recount(long count) {
 }
 
 const bench::Registration kDeliver({"deliver", {1000, 30000, 1000000}, {1000}, deliver, 30000});
+const bench::Registration kStart({"start", {1}, {}, start, 1});
 const bench::Registration kRecount({"recount", {10, 100, 1000}, {4}, recount, 10});
 
 }  // namespace

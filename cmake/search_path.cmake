@@ -6,12 +6,16 @@ if(CMAKE_SKIP_INSTALL_RPATH)
   return()
 endif()
 
-foreach(target IN ITEMS tsmail tssupport kqfquery tsmail_tool)
+# tsmail_search(<target> <directory>). One directory: the loader asks for twenty below each at every start.
+function(tsmail_search target directory)
   if(TARGET ${target})
-    set_target_properties(${target} PROPERTIES BUILD_WITH_INSTALL_RPATH ON
-      INSTALL_RPATH "$ORIGIN;$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
+    set_target_properties(${target} PROPERTIES BUILD_WITH_INSTALL_RPATH ON INSTALL_RPATH ${directory})
   endif()
+endfunction()
+foreach(library IN ITEMS tsmail tssupport kqfquery)
+  tsmail_search(${library} "$ORIGIN")
 endforeach()
+tsmail_search(tsmail_tool "$ORIGIN/../${CMAKE_INSTALL_LIBDIR}")
 
 # tsmail_link_library(<path> <directory>): a link to a library of the build tree.
 function(tsmail_link_library path directory)
