@@ -12,6 +12,13 @@ void Pieces::put(std::string_view text) {
     held_ += text.size();
 }
 
+void Pieces::put_line(std::string_view text) {
+    if (held_ + text.size() >= text_.size()) return put(text), put("\n");
+    std::memcpy(text_.data() + held_, text.data(), text.size());
+    held_ += text.size();
+    text_[held_++] = '\n';
+}
+
 void Pieces::finish() {
     if (held_ != 0) sink_({text_.data(), held_});
     held_ = 0;
@@ -27,6 +34,8 @@ std::size_t Decoder::take(std::string_view bytes, const Sink& sink) {
     Pieces out(sink);
     std::size_t taken = 0;
     while (taken < bytes.size() && !ended()) {
+        taken += take_lines(bytes.substr(taken), out);
+        if (taken == bytes.size()) break;
         const std::size_t line = take_line(bytes.substr(taken), out);
         taken += line;
         if (line == 0) take_byte(bytes[taken++], out);
@@ -40,6 +49,23 @@ void Decoder::finish(const Sink& sink) {
     if (state_ == State::cr) put("\r", out);
     out.finish();
     state_ = State::ended;
+}
+
+// Takes whole lines in which nothing decides but their ends: nearly all of a message.
+std::size_t Decoder::take_lines(std::string_view bytes, Pieces& out) {
+    if (state_ != State::line) return 0;
+    const char* from = bytes.data();
+    const char* const end = from + bytes.size();
+    while (from != end && !(dots_ && *from == '.')) {
+        const auto left = static_cast<std::size_t>(end - from);
+        const auto* cr = static_cast<const char*>(std::memchr(from, '\r', left));
+        if (cr == nullptr || cr + 1 == end || cr[1] != '\n') break;
+        out.put_line({from, static_cast<std::size_t>(cr - from)});
+        from = cr + 2;
+    }
+    const auto taken = static_cast<std::size_t>(from - bytes.data());
+    size_ += taken;
+    return taken;
 }
 
 // Takes a line with its end, or what comes before a CR whose next byte decides. Returns 0 where a

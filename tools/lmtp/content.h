@@ -19,6 +19,7 @@ class Pieces {
     Pieces& operator=(const Pieces&) = delete;
 
     void put(std::string_view text);
+    void put_line(std::string_view text);  // and its end, LF
     // Hands out what is held back.
     void finish();
 
@@ -51,6 +52,7 @@ class Decoder {
     // What came last: the beginning of a line, a dot there, a dot and a CR there, a CR, other text.
     enum class State { line, dot, dot_cr, cr, text, ended };
 
+    std::size_t take_lines(std::string_view bytes, Pieces& out);
     std::size_t take_line(std::string_view bytes, Pieces& out);
     void take_byte(char byte, Pieces& out);
     void after_cr(char byte, Pieces& out);
