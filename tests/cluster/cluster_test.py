@@ -5,6 +5,7 @@ One cluster serves all the tests; each test has mailboxes of its own. How many m
 depends on the machine: agents deliver for a fixed time."""
 
 import glob
+import json
 import os
 import re
 import subprocess
@@ -186,6 +187,28 @@ class TogetherTest(ClusterCase):
         self.assert_healthy(ann, *others)
 
 
+    def test_deliveries_beside_expiry(self):
+        address = "old@site.test"
+        self.create(address)
+        agents = [start(machine, AGENT, f"{machine}-old", SECONDS, address) for machine in "ab"]
+        expiry = start("b", LOOP, SECONDS, "--json", "expire", address, "--folder", "Inbox", "--older", "2s",
+                       "--by", "received")
+        answers = Answers(agents)
+        code, out, err = end(expiry)
+        self.assertEqual((code, answers.codes), (0, {0}), err)
+        removed = sum(json.loads(line)["messages"] for line in out.splitlines())
+        print(f"{len(answers.acknowledged)} messages, {removed} expired", file=sys.stderr)
+        self.assertGreater(removed, 0)
+        for machine in "ab":
+            texts = self.found(machine, address)
+            self.assertEqual(len(texts), len(answers.acknowledged) - removed)
+            names = {text.split("\n", 1)[0].removeprefix("Subject: ") for text in texts}
+            self.assertEqual(len(names), len(texts))
+            self.assertLessEqual(names, answers.acknowledged)
+        self.assert_counted(address)
+        self.assert_healthy(address)
+
+
 class FilesTest(ClusterCase):
     """The library's files, from both machines at the same time."""
 
@@ -243,6 +266,44 @@ for i in range(count):
                  for machine in "ab"}
         self.assertEqual(len(shown), 1)
         self.assertIn(shown.pop(), ("20", "90"))
+
+    def test_flags_are_the_last_setters(self):
+        address = "flags@site.test"
+        self.create(address)
+        shown = "$T --json quota show $1"
+        for one, other, number in (("a", "b", 7), ("b", "a", 8)):
+            self.succeed(one, "$T quota set $1 exceeded $2", address, number)
+            self.assertEqual(json.loads(self.succeed(other, shown, address))["exceeded"]["value"], number)
+            self.succeed(other, "$T quota clear $1 exceeded", address)
+            self.assertFalse(json.loads(self.succeed(one, shown, address))["exceeded"]["set"])
+        script = "for i in 1 2 3 4 5; do $T quota set $1 warning $2 || exit; done"
+        for process in [start("a", script, address, 333333333), start("b", script, address, 22)]:
+            code, _, err = end(process)
+            self.assertEqual(code, 0, err)
+        values = [json.loads(self.succeed(machine, shown, address))["warning"]["value"] for machine in "ab"]
+        self.assertEqual(values[0], values[1])
+        self.assertIn(values[0], (22, 333333333))
+
+    def test_one_notice_a_day(self):
+        """Two machines that look at the same moment may both send; nobody sends after that."""
+        address, recorder = "notice@site.test", f"{TOP}/recorder"
+        self.create(address)
+        with open(recorder, "w", encoding="ascii") as file:
+            file.write("#!/bin/sh\ncat >/dev/null\n")
+        os.chmod(recorder, 0o755)
+        script = "for i in 1 2 3; do $T --json quota notify $1 --subject x || exit; done"
+        sent = []
+        for process in [start(machine, script, address, sendmail=recorder) for machine in "ab"]:
+            code, out, err = end(process)
+            self.assertEqual(code, 0, err)
+            sent.append([json.loads(line)["sent"] for line in out.splitlines()])
+        print(f"notices: {sent}", file=sys.stderr)
+        self.assertTrue(sent[0][0] or sent[1][0])
+        for later in (*sent[0][1:], *sent[1][1:]):
+            self.assertFalse(later)
+        for machine in "ab":
+            out = self.succeed(machine, "$T --json quota notify $1 --subject x", address, sendmail=recorder)
+            self.assertFalse(json.loads(out)["sent"])
 
     def test_a_reader_sees_what_the_other_machine_delivered(self):
         self.create("reader@site.test")
