@@ -9,7 +9,7 @@
 #include <new>
 
 #include "tools/cli/failure.h"
-#include "tools/cli/grammar.h"
+#include "tools/cli/command_line.h"
 #include "tools/cli/text.h"
 
 namespace Tessaly::tool {

@@ -1,4 +1,4 @@
-// The command line: one grammar for all verbs.
+// How verbs declare their arguments: one grammar for all of them.
 #ifndef TSMAIL_TOOLS_CLI_GRAMMAR_H
 #define TSMAIL_TOOLS_CLI_GRAMMAR_H
 
@@ -13,6 +13,7 @@
 
 #include "tools/cli/failure.h"
 #include "tools/cli/session.h"
+#include "tools/cli/values.h"
 
 namespace CLI {
 class App;
@@ -20,15 +21,6 @@ class Option;
 }  // namespace CLI
 
 namespace Tessaly::tool {
-
-// The letters of a message's flags. No verb has an option with one of these letters.
-inline constexpr std::string_view kMessageFlags = "DFPRST";
-
-// A word that people write and the number that it stands for.
-struct Word {
-    int number;
-    std::string_view word;
-};
 
 // The words that an argument may be, if only a few are allowed: for completion and documents.
 using Choices = std::map<const CLI::Option*, std::vector<std::string>>;
@@ -136,27 +128,6 @@ class VerbGroup {
 // Runs work that only reads. Where it could not, the exit code is kExitNoInput and not
 // kExitCannotCreate.
 int run_reader(const std::function<int()>& work);
-
-// The row with the given word (letter case does not matter, '_' equals '-') or number. If there is
-// no such row, a Failure with code kExitUsage lists the words; `what` says what they are.
-const Word& word_of(std::span<const Word> words, std::string_view what, std::string_view given);
-
-// Converts a whole number between the limits. A Failure with code kExitUsage for anything else.
-long long whole_number(std::string_view what, std::string_view given, long long least,
-                       long long most);
-
-// Converts an age: a whole number followed by s, h, d or w for seconds, hours, days or weeks. A
-// Failure with code kExitUsage for anything else.
-std::chrono::seconds age_of(std::string_view what, std::string_view given);
-
-// Converts the value of --jobs; one job for each processor if it was not given. A Failure with code
-// kExitUsage for anything but a number within the limits.
-std::size_t jobs_of(const std::optional<std::string>& given);
-
-// Reads the command line into the session. Returns true if there is a verb to run; false if nothing
-// is left to do (help, version). A Failure with code kExitUsage for words that the grammar does not
-// allow.
-bool read_command_line(int argc, const char* const* argv, Session& session);
 
 }  // namespace Tessaly::tool
 

@@ -6,6 +6,7 @@
 #include "tools/cli/address.h"
 #include "tools/cli/input.h"
 #include "tools/cli/text.h"
+#include "tools/cli/word_mark.h"
 #include "tools/spool/mailbox_job.h"
 #include "tools/verbs/removal.h"
 #include "tools/verbs/verbs.h"
