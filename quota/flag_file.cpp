@@ -84,13 +84,13 @@ int read_number(const std::string& path) {
     return 0;
 }
 
-void write_number(const std::string& path, int number) {
+bool write_number(const std::string& path, int number) {
     char digits[std::numeric_limits<int>::digits10 + 3];  // sign, first digit and one to spare
     const char* end = std::to_chars(digits, digits + sizeof digits, number).ptr;
     const std::string_view text(digits, static_cast<std::size_t>(end - digits));
 
     const Fd fd = open_emptied(path);
-    if (fd) base::replace_content(fd.get(), text);
+    return fd && base::replace_content(fd.get(), text);
 }
 
 }  // namespace Tessaly::quota

@@ -18,8 +18,8 @@ void remove(const std::string& path);
 int read_number(const std::string& path);
 
 // Replaces the file's content by the number. If several processes write at once, the number of the
-// last one stays, whole.
-void write_number(const std::string& path, int number);
+// last one stays, whole. False with errno if it could not be written.
+bool write_number(const std::string& path, int number);
 
 }  // namespace Tessaly::quota
 

@@ -13,6 +13,7 @@
 
 #include "base/store_names.h"
 #include "quota/archive.h"
+#include "quota/flag_file.h"
 #include "tools/cli/descriptors.h"
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
@@ -35,11 +36,10 @@ constexpr int kNotFoundByShell = 127, kShellsSignals = 128;
 struct FlagRow {
     MailUserFileKind file;
     int (*get)(const char* user);
-    void (*set)(const char* user, int value);
 };
 constexpr FlagRow kFlags[] = {
-    /* kWarningFlag */ {MUF_QUOTA_WARNING_FLAG, tsl_get_quota_warning, tsl_set_quota_warning},
-    /* kExceededFlag */ {MUF_QUOTA_EXCEEDED_FLAG, tsl_get_quota_exceeded, tsl_set_quota_exceeded},
+    /* kWarningFlag */ {MUF_QUOTA_WARNING_FLAG, tsl_get_quota_warning},
+    /* kExceededFlag */ {MUF_QUOTA_EXCEEDED_FLAG, tsl_get_quota_exceeded},
 };
 static_assert(std::size(kFlags) == kExceededFlag + 1, "a row for each flag");
 
@@ -169,19 +169,18 @@ QuotaState quota_state(const TSMailUserId& id) {
 }
 
 void set_quota_flag(const TSMailUserId& id, QuotaFlag flag, int value) {
-    kFlags[flag].set(id.address().c_str(), value);
-    const FlagState state = flag_state(id, flag);
-    if (!state.set || state.value != value) throw not_written(id.fname(kFlags[flag].file));
+    const string path = id.fname(kFlags[flag].file);
+    if (!quota::write_number(path, value)) throw system_failure(printable(path));
 }
 
 void clear_quota_flag(const TSMailUserId& id, QuotaFlag flag) {
     const MailUserFileKind file = kFlags[flag].file;
+    const string path = id.fname(file);
     if (tsl_delete_user_file(file, id.address().c_str()) != 0) {
-        throw system_failure(printable(id.fname(file)));
+        throw system_failure(printable(path));
     }
-    if (flag_state(id, flag).set) {
-        throw Failure(kExitIo, printable(id.fname(file)) + " could not be removed");
-    }
+    status_of(
+        path);  // a Failure in a directory that may not be entered, which counts as empty there
 }
 
 void mark_totals_untrusted(const TSMailUserId& id) {

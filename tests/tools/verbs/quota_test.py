@@ -3,11 +3,12 @@
 import email
 import email.policy
 import os
+import threading
 import time
 import unittest
 
-from testing.toolkit import (NOBODY, SpoolCase, as_nobody, content, environment, is_marked, mail,
-                           snapshot, tsmail)
+from testing.toolkit import (NOBODY, SpoolCase, as_nobody, content, environment, is_marked, limited, mail,
+                             snapshot, tsmail)
 
 ANN = "ann@site.test"
 HOME = os.path.dirname(mail(ANN))
@@ -83,10 +84,29 @@ class FlagsTest(QuotaCase):
 
     def test_what_was_not_written_is_said(self):
         os.mkdir(FLAGS["warning"])
-        self.fail_with(74, "quota", "set", ANN, "warning", "3", saying="quota_warning_flag")
+        self.fail_with(73, "quota", "set", ANN, "warning", "3", saying="quota_warning_flag: Is a directory")
+        self.fail_with(75, "quota", "set", ANN, "exceeded", "3", saying="quota_exceeded_flag: File too large",
+                       preexec_fn=limited(FSIZE=0))
         self.assertNotEqual(tsmail("quota", "clear", ANN, "warning").code, 0)
 
     @unittest.skipIf(os.geteuid() != 0, "only root can be somebody else")
+    def test_another_setter_at_the_same_time(self):
+        """The last writer wins; the other one's flag was written, too."""
+        done = threading.Event()
+
+        def keep_writing():
+            while not done.is_set():
+                write(FLAGS["warning"], "5")
+
+        other = threading.Thread(target=keep_writing)
+        other.start()
+        try:
+            for _ in range(20):
+                self.succeed("quota", "set", ANN, "warning", "7")
+        finally:
+            done.set()
+            other.join()
+
     def test_a_home_that_may_not_be_written(self):
         for directory, _, _ in os.walk("/var/spool"):
             os.chmod(directory, 0o755)
