@@ -291,6 +291,7 @@ for i in range(count):
         with open(recorder, "w", encoding="ascii") as file:
             file.write("#!/bin/sh\ncat >/dev/null\n")
         os.chmod(recorder, 0o755)
+        self.addCleanup(os.remove, recorder)
         script = "for i in 1 2 3; do $T --json quota notify $1 --subject x || exit; done"
         sent = []
         for process in [start(machine, script, address, sendmail=recorder) for machine in "ab"]:

@@ -5,7 +5,7 @@ import subprocess
 import unittest
 
 from testing.toolkit import (BUILD, SOURCE, SpoolCase, content, environment, folder_record, left_in_tmp,
-                     mailbox_record, messages)
+                             mailbox_record, messages)
 
 PREFIX = "/tmp/installed"
 NOTE = "Do not forget the milk"

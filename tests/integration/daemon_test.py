@@ -11,7 +11,7 @@ import unittest
 from multiprocessing import Process
 
 from testing.toolkit import (BUILD, SAMPLES, SOURCE, SpoolCase, mail, mailbox_record,
-                     messages, record, tsmail)
+                             messages, record, tsmail)
 
 ADDRESSES = ["ann@site.test", "bob@site.test", "eve@other.test"]
 FOLDERS = ["Inbox", "Work", "Work/2024"]

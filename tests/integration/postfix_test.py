@@ -13,7 +13,7 @@ import time
 import neighbours
 from arrivals import Service, numbers, send
 from testing.toolkit import (HOME, SOURCE, SpoolCase, content, folder_record, left_in_tmp, mail,
-                     mailbox_record, messages)
+                             mailbox_record, messages)
 
 LOG = "/var/spool/log/postfix"
 CONF = "/etc/postfix"

@@ -11,7 +11,7 @@ import unittest
 
 from testing.schemas import grammar, verb_of
 from testing.toolkit import (BUILD, NOBODY, SANITIZED, SOURCE, TSMAIL, SpoolCase, is_marked, mailbox_record,
-                           own_by_nobody, run)
+                             own_by_nobody, run)
 
 UNITS = pathlib.Path(BUILD, "systemd")
 SYSTEMD = pathlib.Path(SOURCE, "systemd")

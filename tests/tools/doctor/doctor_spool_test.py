@@ -8,7 +8,7 @@ import time
 import unittest
 
 from testing.toolkit import (BUILD, NOBODY, TSMAIL, SpoolCase, as_nobody, environment, preloading, traced, tsmail,
-                           wait_until)
+                             wait_until)
 
 ANN = "ann@site.test"
 HOMES = "/var/spool/home"

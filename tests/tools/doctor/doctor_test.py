@@ -9,8 +9,8 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (NOBODY, Lock, SpoolCase, as_nobody, content, folder_record, held_by_folders,
-                           is_marked, mail, mailbox_record, messages, mode, numbered, own_by_nobody, snapshot,
-                           traced, tsmail, wait_until, write)
+                             is_marked, mail, mailbox_record, messages, mode, numbered, own_by_nobody, snapshot,
+                             traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOP = mail(ANN)

@@ -16,7 +16,7 @@ import unittest
 
 from tools.lmtp.service import ANN, BOB, OWNERS, SOCKET, Client, Service, open_files, state_of
 from testing.toolkit import (TSMAIL, Lock, SpoolCase, as_nobody, content, environment, folder_record, is_marked,
-                           left_in_tmp, limited, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
+                             left_in_tmp, limited, mail, mailbox_record, messages, own_by_nobody, run, wait_until)
 
 ROOT = os.geteuid() == 0
 

@@ -8,7 +8,7 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (SANITIZED, TSMAIL, Kept, SpoolCase, environment, folder_record, is_marked,
-                           left_in_tmp, mail, mailbox_record, messages)
+                             left_in_tmp, mail, mailbox_record, messages)
 from testing.tracing import STEP, failing, from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
 
 ANN = "ann@site.test"

@@ -4,7 +4,7 @@ import os
 import unittest
 
 from testing.toolkit import (SpoolCase, content, folder_record, is_marked, left_in_tmp, mail,
-                           mailbox_record, messages, snapshot)
+                             mailbox_record, messages, snapshot)
 
 ANN = "ann@site.test"
 

@@ -11,8 +11,8 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (DAEMON, TSMAIL, Lock, SpoolCase, content, environment, folder_record,
-                           held_by_folders, is_marked, left_in_tmp, mail, mailbox_record, messages,
-                           run, wait_until)
+                             held_by_folders, is_marked, left_in_tmp, mail, mailbox_record, messages,
+                             run, wait_until)
 from testing.tracing import INJECT, failing, numbered, traced_worker
 
 ANN = "ann@site.test"

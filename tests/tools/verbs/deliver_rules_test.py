@@ -8,7 +8,7 @@ import time
 import unittest
 
 from testing.toolkit import (SYSTEM_FOLDERS, TSMAIL, Lock, SpoolCase, as_nobody, content, environment, mail,
-                           mailbox_record, messages, own_by_nobody, write)
+                             mailbox_record, messages, own_by_nobody, write)
 
 ANN = "ann@site.test"
 MESSAGE = b"Subject: x\n\nbody\n"

@@ -11,8 +11,8 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (SAMPLES, SANITIZED, SYSTEM_FOLDERS, TSMAIL, SpoolCase, as_nobody, content,
-                           environment, folder_record, is_marked, left_in_tmp, limited, mail,
-                           mailbox_record, messages, mode, own_by_nobody, snapshot)
+                             environment, folder_record, is_marked, left_in_tmp, limited, mail,
+                             mailbox_record, messages, mode, own_by_nobody, snapshot)
 
 ANN = "ann@site.test"
 

@@ -5,7 +5,7 @@ import time
 import unittest
 
 from testing.toolkit import (TSMAIL, Kept, SpoolCase, as_nobody, folder_record, is_marked, mail, mailbox_record,
-                           messages, own_by_nobody, snapshot, tsmail, write)
+                             messages, own_by_nobody, snapshot, tsmail, write)
 from testing.tracing import all_killed, numbered, traced_worker
 
 ANN, BERT, CARL = "ann@site.test", "bert@site.test", "carl@other.test"

@@ -7,7 +7,7 @@ import time
 import unittest
 
 from testing.toolkit import (TSMAIL, Kept, SpoolCase, content, folder_record, is_marked, left_in_tmp, mail,
-                           mailbox_record, messages, run, snapshot, tsmail, write)
+                             mailbox_record, messages, run, snapshot, tsmail, write)
 from testing.tracing import STEP, all_killed, from_the_first_in_the_spool, killed, numbered, traced_parent, traced_worker
 
 ANN = "ann@site.test"

@@ -10,7 +10,7 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (TSMAIL, SpoolCase, as_nobody, content, environment, mail, own_by_nobody,
-                           snapshot, tsmail)
+                             snapshot, tsmail)
 
 ANN = "ann@site.test"
 PREF = mail(ANN) + "/../pref"

@@ -6,7 +6,7 @@ import time
 import unittest
 
 from testing.toolkit import (SANITIZED, TSMAIL, Kept, Lock, SpoolCase, as_nobody, content, folder_record, is_marked,
-                           mail, mailbox_record, messages, own_by_nobody, snapshot, tsmail, write)
+                             mail, mailbox_record, messages, own_by_nobody, snapshot, tsmail, write)
 from testing.tracing import all_killed, killed, numbered, traced_parent, traced_worker
 
 ANN = "ann@site.test"

@@ -7,7 +7,7 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (TSMAIL, SpoolCase, as_nobody, content, environment, mail, mode, own_by_nobody,
-                           snapshot, tsmail)
+                             snapshot, tsmail)
 
 ANN = "ann@site.test"
 FILE = mail(ANN) + "/../pref/ann~site.test.pref"

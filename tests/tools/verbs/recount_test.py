@@ -10,9 +10,9 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (BUILD, SANITIZED, TSMAIL, Lock, SpoolCase, as_nobody, content,
-                           environment, folder_record, held_by_folders, is_marked, mail,
-                           mailbox_record, messages, numbered, own_by_nobody, preloading,
-                           processes_of, snapshot, traced, tsmail, wait_until, write)
+                             environment, folder_record, held_by_folders, is_marked, mail,
+                             mailbox_record, messages, numbered, own_by_nobody, preloading,
+                             processes_of, snapshot, traced, tsmail, wait_until, write)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 TOTAL = mail(ANN) + "/.maildirsize"

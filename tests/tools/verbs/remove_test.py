@@ -7,8 +7,8 @@ import time
 import unittest
 
 from testing.toolkit import (NOBODY, SYSTEM_FOLDERS, TSMAIL, Lock, SpoolCase, as_nobody,
-                           environment, folder_record, is_marked, mail, mailbox_record, messages,
-                           run, snapshot, tsmail)
+                             environment, folder_record, is_marked, mail, mailbox_record, messages,
+                             run, snapshot, tsmail)
 
 ANN, BERT = "ann@site.test", "bert@site.test"
 HOME = os.path.dirname(mail(ANN))

@@ -7,7 +7,7 @@ from functools import partial
 
 from testing.toolkit import TSMAIL, Kept, SpoolCase, content, mail, mailbox_record, messages, snapshot, tsmail, write
 from testing.tracing import (STEP, all_killed, failing, from_the_first_in_the_spool, killed, numbered, traced_parent,
-                           traced_worker)
+                             traced_worker)
 
 ANN, EVE, BERT, CLEO = "ann@site.test", "eve@site.test", "bert@site.test", "cleo@other.test"
 SPOOL = "/var/spool/home"

@@ -5,7 +5,7 @@ import time
 import unittest
 
 from testing.toolkit import (TSMAIL, Kept, SpoolCase, folder_record, held_by_folders, is_marked, mail, mailbox_record,
-                           messages, snapshot, write)
+                             messages, snapshot, write)
 from testing.tracing import all_killed, numbered, traced_worker
 
 ANN = "ann@site.test"

@@ -6,8 +6,8 @@ import time
 import unittest
 
 from testing.toolkit import (SYSTEM_FOLDERS, Lock, SpoolCase, as_nobody, content, folder_record,
-                           is_marked, mail, mailbox_record, messages, own_by_nobody, snapshot,
-                           tsmail, write)
+                             is_marked, mail, mailbox_record, messages, own_by_nobody, snapshot,
+                             tsmail, write)
 
 ANN = "ann@site.test"
 

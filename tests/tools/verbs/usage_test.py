@@ -7,7 +7,7 @@ import time
 import unittest
 
 from testing.toolkit import (SANITIZED, TSMAIL, SpoolCase, as_nobody, content, mail, mode, own_by_nobody, snapshot, traced,
-                           tsmail, write)
+                             tsmail, write)
 
 ANN, BERT, CARL = "ann@site.test", "bert@site.test", "carl@other.test"
 
