@@ -32,10 +32,10 @@ say "lintian"
 plain=$(mktemp -d)
 trap 'rm -rf "$plain"' EXIT
 cp "$top"/build/debs/* "$plain/"
-# One set of overrides serves the lintian of each supported release: a tag may be unknown to the one and not
-# given by the other.
+# The packages are made for Debian 12, too: they follow the policy that was the newest there, and their overrides
+# name tags that a newer lintian no longer knows.
 lintian --no-cfg --pedantic --display-info --fail-on error,warning,info,pedantic --tag-display-limit 0 \
-    --suppress-tags alien-tag,unused-override \
+    --suppress-tags alien-tag,out-of-date-standards-version \
     "$plain"/*.changes ||
     die "lintian found something"
 say "In build/debs: $(cd "$top/build/debs" && echo *.deb)"
