@@ -8,8 +8,8 @@
 #include <cstdio>
 #include <new>
 
-#include "tools/cli/failure.h"
 #include "tools/cli/command_line.h"
+#include "tools/cli/failure.h"
 #include "tools/cli/text.h"
 
 namespace Tessaly::tool {
