@@ -29,6 +29,7 @@ struct Arguments {
     bool new_folders = false;
     bool refuse_exceeded = false;
     bool defer_exceeded = false;
+    bool dry_run = false;
 };
 
 // ---- as the mailbox's owner
@@ -114,9 +115,65 @@ class Messages {
     const std::vector<string>& files_;
 };
 
+// Failures name the message; as JSON they are shown among the results, too.
+void show_failures(Job& job, Session& session, const Messages& messages) {
+    job.failed = [&](std::size_t n, const string& text) { return messages.failed(n, text); };
+    if (!session.json) return;
+    job.show_failure = [&](std::size_t n, const string& text, int code) {
+        session.out.object(messages.object(n, {{"error", text}, {"code", code}}));
+        write_out(session);
+    };
+}
+
+// ---- a dry run
+
+// Nothing if a delivery would make the mailbox.
+std::optional<Owner> owner_if_any(const DeliveryPlan& plan) {
+    try {
+        return Homes().owner(plan.id);
+    } catch (const Failure& failure) {
+        if (failure.code() == kExitNoUser && plan.may_make_mailbox) return std::nullopt;
+        throw for_queue(explained(failure, plan.id.mailpath()));
+    }
+}
+
+void show_planned(Session& session, const DeliveryPlan& plan, const Json& object) {
+    if (session.json) return session.out.object(object);
+    const auto folder = object.at("folder").get<string>();
+    session.out.line("would be delivered into " + printable(plan.id.mailfolder(folder)));
+}
+
+Json planned(const string& folder) { return {{"folder", folder}, {"done", false}}; }
+
+// Standard input is not read.
+int look(Session& session, const DeliveryPlan& plan, const Messages& messages) {
+    const std::optional<Owner> owner = owner_if_any(plan);
+    Job job;
+    job.count = messages.count();
+    job.owner = [&](std::size_t n) {
+        if (owner) return owner;
+        messages.open(n);  // a Failure if that is not possible
+        const Json object = planned(planned_folder_of_new_mailbox(plan));
+        show_planned(session, plan, messages.object(n, object));
+        return owner;
+    };
+    job.input = [&](std::size_t n) { return messages.open(n); };
+    job.work = [&](std::size_t n, int input, Report& report) {
+        if (messages.is_file(n)) refuse_mbox(messages.opened(n, input));
+        report.object(planned(planned_folder(plan)));
+        return kExitOk;
+    };
+    job.show = [&](std::size_t n, const Json& object) {
+        show_planned(session, plan, messages.object(n, object));
+    };
+    show_failures(job, session, messages);
+    return run_job(session, job).code;
+}
+
 int run_deliver(Session& session, const Arguments& arguments) {
     const DeliveryPlan plan = plan_of(session, arguments);
     const Messages messages(arguments.files);
+    if (arguments.dry_run) return look(session, plan, messages);
     const SignalHold signals;
     const Owner owner = owner_for(session, plan);
     QuotaDaemon daemon;
@@ -132,13 +189,7 @@ int run_deliver(Session& session, const Arguments& arguments) {
         deliver(plan, opened, SignalHold(), report);
         return kExitOk;
     };
-    job.failed = [&](std::size_t n, const string& text) { return messages.failed(n, text); };
-    if (session.json) {
-        job.show_failure = [&](std::size_t n, const string& text, int code) {
-            session.out.object(messages.object(n, {{"error", text}, {"code", code}}));
-            write_out(session);
-        };
-    }
+    show_failures(job, session, messages);
     job.show = [&](std::size_t n, const Json& delivered) {
         if (session.json) {
             session.out.object(messages.object(n, delivered));
@@ -166,7 +217,8 @@ void declare_deliver(Verb& verb, Arguments& arguments) {
               "Deliver to Inbox if the folder of --folder is missing (default: make it)")
         .flag("--refuse-exceeded", arguments.refuse_exceeded,
               "Refuse messages for a mailbox over its quota (exit code 69)")
-        .flag("--defer-exceeded", arguments.defer_exceeded, "Put them off (exit code 75)");
+        .flag("--defer-exceeded", arguments.defer_exceeded, "Put them off (exit code 75)")
+        .flag("--dry-run", arguments.dry_run, "Only say into which folder");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
@@ -64,6 +65,11 @@ string folder_of_tag(const string& tag, const string& inbox) {
     return is_folder_name(tag) ? tag : inbox;
 }
 
+// Whether or not it exists.
+string wanted_folder(const TSMailUserId& id, const std::optional<string>& option) {
+    return option.value_or(folder_of_tag(id.tag(), system_folders().front()));
+}
+
 // The first of the directories on the way that this process may not enter; the last one if it may
 // enter all of them.
 string refusing_directory(const string& path) {
@@ -91,7 +97,7 @@ string permissions_text(const string& path) {
 
 string choose_folder(const TSMailUserId& id, const std::optional<string>& option, bool may_make) {
     const string inbox = system_folders().front();
-    const string wanted = option.value_or(folder_of_tag(id.tag(), inbox));
+    const string wanted = wanted_folder(id, option);
     const bool usable = may_make || tsl_is_mail_folder(id.mailfolder(wanted).c_str(), nullptr) != 0;
     return usable ? wanted : inbox;
 }
@@ -247,6 +253,23 @@ string folder_of(const DeliveryPlan& plan) {
 }
 
 }  // namespace
+
+string planned_folder(const DeliveryPlan& plan) {
+    try {
+        demand_mailbox(plan.id);
+        if (plan.over_quota) demand_room(plan.id, *plan.over_quota);
+        return choose_folder(plan.id, plan.folder, plan.may_make_folder);
+    } catch (const Failure& failure) {
+        throw for_queue(explained(failure, plan.id.mailpath()));
+    }
+}
+
+string planned_folder_of_new_mailbox(const DeliveryPlan& plan) {
+    const std::vector<string> made = system_folders();
+    const string wanted = wanted_folder(plan.id, plan.folder);
+    const bool usable = plan.may_make_folder || std::ranges::find(made, wanted) != made.end();
+    return usable ? wanted : made.front();
+}
 
 std::optional<Delivered> deliver(const DeliveryPlan& plan, const Input& input,
                                  const SignalHold& signals, Report& report) {

@@ -64,6 +64,12 @@ struct Delivered {
 std::optional<Delivered> deliver(const DeliveryPlan& plan, const Input& input,
                                  const SignalHold& signals, Report& report);
 
+// The folder that a message would be delivered into, for a dry run. Makes nothing. As the mailbox's
+// owner; a Failure as the queue needs it.
+std::string planned_folder(const DeliveryPlan& plan);
+// The same for a mailbox that does not exist and would be made.
+std::string planned_folder_of_new_mailbox(const DeliveryPlan& plan);
+
 // A folder to deliver into.
 class Delivery {
   public:

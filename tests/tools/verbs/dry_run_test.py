@@ -1,5 +1,6 @@
 """--dry-run of verbs that change preferences, lists, flags and names: it says what would change, and changes nothing."""
 
+import json
 import os
 import unittest
 
@@ -48,6 +49,36 @@ class DryRunTest(SpoolCase):
         done = tsmail("list", "import", ANN, "whitelist", "/tmp/entries", "--dry-run")
         self.assertEqual((done.code, done.out), (65, "1 would be added, 1 were there, 1 refused\n"))
         self.assertEqual(content(f"{HOME}/pref/ann~site.test.whitelist"), before)
+
+    def test_a_delivery(self):
+        write("/tmp/one", "Subject: x\n\nx\n")
+        write("/tmp/two", "From a@site.test Thu Jan  1 00:00:00 1970\nx\n\n" * 2)
+        self.succeed("quota", "set", ANN, "exceeded")
+        other = "bob@other.test"
+        rows = (((ANN,), "Inbox"), ((ANN, "/tmp/one"), "Inbox"), (("ann+sent@site.test",), "Sent"),
+                (("ann+Project@site.test",), "Inbox"), (("ann+Project@site.test", "--new-folders"), "Project"),
+                ((ANN, "--folder", "Work/2024"), "Work/2024"),
+                ((ANN, "--folder", "Work/2024", "--no-new-folder"), "Inbox"),
+                ((other, "--create"), "Inbox"), (("bob+Trash@other.test", "--create", "/tmp/one"), "Trash"),
+                (("bob+Project@other.test", "--create"), "Inbox"))
+        before = snapshot("/var/spool")
+        for words, folder in rows:
+            with self.subTest(words=words):
+                path = f"{mail(other if 'other' in words[0] else ANN)}/{folder}"
+                # Standard input stays open and empty: it is not read.
+                reader, writer = os.pipe()
+                done = tsmail("deliver", *words, "--dry-run", stdin=reader)
+                shown = tsmail("--json", "deliver", *words, "--dry-run", stdin=reader)
+                os.close(reader)
+                os.close(writer)
+                self.assertEqual((done.code, done.out), (0, f"would be delivered into {path}\n"), done)
+                file = {"file": "/tmp/one"} if "/tmp/one" in words else {}
+                self.assertEqual(json.loads(shown.out), {**file, "folder": folder, "done": False})
+        for code, words in ((67, (other,)), (69, (ANN, "--refuse-exceeded")), (75, (ANN, "--defer-exceeded")),
+                            (65, (ANN, "/tmp/two")), (66, (ANN, "/tmp/none")), (66, (other, "--create", "/tmp/none"))):
+            with self.subTest(words=words):
+                self.assertEqual(tsmail("deliver", *words, "--dry-run").code, code)
+        self.assertEqual(snapshot("/var/spool"), before)
 
     def test_a_recount(self):
         write(mail(ANN) + "/.maildirsize", "70 7\n")

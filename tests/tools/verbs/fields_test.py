@@ -57,7 +57,8 @@ class FieldsTest(SpoolCase):
             "paths": [["paths", ANN], ["paths", ANN, "--kind", "inbox"]],
             "create": [["create", ANN]],
             "folders": [["folders", "--all"]],
-            "deliver": [["deliver", ANN, "/tmp/entries"], ["deliver", ANN, "/tmp/none"]],
+            "deliver": [["deliver", ANN, "/tmp/entries"], ["deliver", ANN, "--dry-run"],
+                        ["deliver", ANN, "/tmp/none"]],
             "export": [["export", ANN, "/tmp/exported"]],
             "import": [["import", ANN, "/tmp/mbox", "--folder", "Imported"]],
             "lmtp": [["lmtp", "--listen", "nowhere"]],  # it shows nothing
