@@ -221,7 +221,7 @@ show_removal() {
     tsmail_shown rm ann@site.test Inbox
     expect "not a system folder, just so: 65" answered 65
     local message
-    message=$(find "$mailbox/Inbox/new" -type f -printf '%f\n' | head -n 1)
+    message=$(find "$mailbox/Inbox/new" -type f -printf '%f\n' -quit)
     tsmail_shown message rm ann@site.test Inbox "$message"
     expect "a single message goes, and the kept total is true" kept_total_is_true "$mailbox"
     tsmail_shown mailbox remove bert@site.test </dev/null
