@@ -33,7 +33,7 @@ mkdir -p "$work/$suite.archives/partial"
 
 # The mirror and the proxy that apt uses on this machine.
 mirror=$(apt-get indextargets --format "\$(REPO_URI)" "Created-By: Packages" "Label: Debian" \
-    "Component: main" | head -n 1)
+    "Component: main" | sed -n 1p)
 [ -n "$mirror" ] || die "apt knows no Debian mirror (apt-get update?)"
 proxy=''
 eval "$(apt-config shell proxy Acquire::http::Proxy)"

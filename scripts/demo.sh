@@ -47,7 +47,7 @@ expect() {
 }
 
 answered() { [ "$code" = "$1" ]; }
-says() { printf '%s\n' "$output" | grep -qE -- "$1"; }
+says() { grep -qE -- "$1" <<<"$output"; }
 says_not() { ! says "$1"; }
 
 # The sum of a size record file, first or second column, by plain means.

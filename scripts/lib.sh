@@ -40,7 +40,7 @@ known_package() {
     for package in $(alternatives "$1"); do
         apt-cache show "$package" >/dev/null 2>&1 && echo "$package" && return
     done
-    alternatives "$1" | head -n 1
+    alternatives "$1" | sed -n 1p
 }
 
 # ensure_packages SECTION... - installs the Debian packages of these sections that are missing.
