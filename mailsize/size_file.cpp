@@ -97,6 +97,8 @@ bool SizeFile::replace(const Record& record) {
     return last_line >= 0 && replace_text(text_of(record).view(), last_line);
 }
 
+bool SizeFile::is_replaced_at_once() const { return length_ >= 0 && length_ <= kPage; }
+
 bool SizeFile::holds_only(const Record& record) const {
     const RecordText text = text_of(record);
     char there[RecordText::kRoom + 1];

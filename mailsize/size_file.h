@@ -43,6 +43,9 @@ class SizeFile {
     // Makes this record the file's only one, as a compaction leaves it. False with errno if the
     // file is as it was.
     bool replace(const Record& record);
+    // Whether a process that is killed in the middle of a replacement leaves the old or the new
+    // sum. A file that has outgrown a page by more than one line has no such promise.
+    bool is_replaced_at_once() const;
     // Whether the file is as a replacement with this record leaves it.
     bool holds_only(const Record& record) const;
 

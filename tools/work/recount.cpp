@@ -1,11 +1,14 @@
 #include "tools/work/recount.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <ctime>
+#include <list>
 #include <optional>
+#include <utility>
 
 #include "tools/cli/failure.h"
 #include "tools/cli/text.h"
@@ -13,6 +16,7 @@
 #include "tools/work/mailbox_lock.h"
 #include "tools/work/records.h"
 #include "tools/work/scan.h"
+#include "tools/work/signals.h"
 
 namespace Tessaly::tool {
 
@@ -54,10 +58,9 @@ FileStamp stamp_of(const SizeFile& file, const string& path) {
     return stamp_of(st);
 }
 
-// The mark that the records are not to be trusted. It exists while they are rewritten, and is
-// removed at the end unless another process has set it again, perhaps for a change after the count.
-// The mark's time shows that. A mark so young that a new one could have the same time is made older
-// first.
+// The mark that the records are not to be trusted. A recount removes it at the end unless another
+// process has set it again, perhaps for a change after the count. The mark's time shows that. A
+// mark so young that a new one could have the same time is made older first.
 class Mark {
   public:
     explicit Mark(const TSMailUserId& id) : path_(dirty_marker(id)) {
@@ -115,33 +118,98 @@ Totals count(const LockedFolder& folder) {
     return total_of(count);
 }
 
-// A Failure if the file could not be opened and locked.
-void demand(const SizeFile& file, const string& path) {
-    if (!file) throw system_failure(printable(path));
+// A size file that is locked, and the total that is to replace its records.
+class Rewrite {
+  public:
+    Rewrite(string path, SizeFile::Kind kind) : path_(std::move(path)), file_(path_.c_str(), kind) {
+        if (!file_) throw system_failure(printable(path_));
+    }
+    Rewrite(const Rewrite&) = delete;
+    Rewrite& operator=(const Rewrite&) = delete;
+
+    const SizeFile& file() const { return file_; }
+    // Whether anything has to be written for this total.
+    bool changes(const Totals& total) {
+        total_ = total;
+        return !file_.holds_only(total);
+    }
+    // Usually leaves the old or the new total, whenever it is stopped. Otherwise the mailbox is
+    // marked first.
+    void write(Mark& mark) {
+        if (!file_.is_replaced_at_once()) mark.set();
+        if (!file_.replace(total_)) throw system_failure(printable(path_));
+    }
+
+  private:
+    string path_;
+    SizeFile file_;
+    Totals total_;
+};
+
+// Whether nobody holds the file's lock, this process included: two records may be one file, by
+// links.
+bool is_free(const string& path) {
+    const Fd fd(
+        retry([&] { return ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC | O_NOCTTY); }));
+    return !fd || ::flock(fd.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
-void rewrite(SizeFile& file, const string& path, const Totals& total, Mark& mark) {
-    if (file.holds_only(total)) return;
-    mark.set();
-    if (!file.replace(total)) throw system_failure(printable(path));
-}
+// What is to be written. It is written once everything is counted, and each file stays locked until
+// then. So a recount that is stopped leaves all records as they were, or the mailbox marked.
+class Rewrites {
+  public:
+    explicit Rewrites(const TSMailUserId& id, Mark& mark) : id_(id), mark_(mark) {}
+
+    Rewrite& open(const string& path, SizeFile::Kind kind) {
+        if (rewrites_.size() == kMost || (!rewrites_.empty() && !is_free(path))) write_early();
+        return rewrites_.emplace_back(path, kind);
+    }
+    // Leaves the file that was opened last as it is, and unlocks it.
+    void drop() { rewrites_.pop_back(); }
+
+    // Writes them, and `last` unless it is null. Nothing is waited for here, and no signal ends the
+    // process in between. If a worker is killed, its parent marks the mailbox.
+    void write(Rewrite* last) {
+        const SignalBlock block;
+        try {
+            for (Rewrite& rewrite : rewrites_) rewrite.write(mark_);
+            if (last != nullptr) last->write(mark_);
+        } catch (const Failure&) {
+            mark_for_recount(id_);
+            throw;
+        }
+        rewrites_.clear();
+    }
+
+  private:
+    // Nobody has to wait for these files while this process waits for another one.
+    void write_early() {
+        mark_.set();
+        write(nullptr);
+    }
+
+    static constexpr std::size_t kMost = 64;  // open files beside the folders' own
+
+    const TSMailUserId& id_;
+    Mark& mark_;
+    std::list<Rewrite> rewrites_;
+};
 
 // A program that appends to the record without the folder's lock adds its message before that, or
 // removes it after that. So the count covers all that was appended before the record was locked
 // (but for a message that is about to be removed), and later entries add to the count.
-Recounted recount_folder(const TSMailUserId& id, const LockedFolder& folder, Mark& mark) {
-    const string path = folder_size_file(id.mailfolder(folder.name));
+Recounted recount_folder(const TSMailUserId& id, const LockedFolder& folder, Rewrites& rewrites) {
     std::optional<Totals> counted;
     if (!folder.has_record) {
         counted = count(folder);
         // A folder that never had a message needs no record.
         if (counted->count == 0) return {folder.name, {}, {}};
     }
-    SizeFile file(path.c_str(), SizeFile::Kind::folder);
-    demand(file, path);
-    if (!counted || file.length() != 0) counted = count(folder);
-    Recounted result = {folder.name, shown(file.totals()), *counted};
-    rewrite(file, path, *counted, mark);
+    Rewrite& record =
+        rewrites.open(folder_size_file(id.mailfolder(folder.name)), SizeFile::Kind::folder);
+    if (!counted || record.file().length() != 0) counted = count(folder);
+    Recounted result = {folder.name, shown(record.file().totals()), *counted};
+    if (!record.changes(*counted)) rewrites.drop();
     return result;
 }
 
@@ -149,17 +217,18 @@ using Done = std::function<void(std::size_t, std::size_t)>;
 
 // Recounts. The caller has locked all folders and the mailbox's record.
 MailboxRecount recount_locked(const TSMailUserId& id, const LockedFolders& folders,
-                              const string& path, SizeFile& file, const Done& done) {
+                              Rewrite& mailbox, const Done& done) {
     Mark mark(id);
     MailboxRecount result;
     result.was_marked = mark.found();
-    result.mailbox.before = shown(file.totals());
+    result.mailbox.before = shown(mailbox.file().totals());
+    Rewrites rewrites(id, mark);
     for (const LockedFolder& folder : folders) {
-        result.folders.push_back(recount_folder(id, folder, mark));
+        result.folders.push_back(recount_folder(id, folder, rewrites));
         add(result.mailbox.after, result.folders.back().after);
         if (done) done(result.folders.size(), folders.size());
     }
-    rewrite(file, path, result.mailbox.after, mark);
+    rewrites.write(mailbox.changes(result.mailbox.after) ? &mailbox : nullptr);
     result.is_marked = !mark.remove();
     return result;
 }
@@ -176,10 +245,11 @@ std::optional<MailboxRecount> try_recount(const TSMailUserId& id, const Done& do
     const string path = mailbox_size_file(id);
     const FileStamp before = stamp_of(path);
     const LockedFolders folders = lock_folders(id);
-    SizeFile file(path.c_str(), SizeFile::Kind::mailbox);
-    demand(file, path);
-    if (!(stamp_of(file, path) == before) && has_other_folders(id, folders)) return std::nullopt;
-    return recount_locked(id, folders, path, file, done);
+    Rewrite record(path, SizeFile::Kind::mailbox);
+    if (!(stamp_of(record.file(), path) == before) && has_other_folders(id, folders)) {
+        return std::nullopt;
+    }
+    return recount_locked(id, folders, record, done);
 }
 
 Recounted expected(const LockedFolder& folder, const string& path) {

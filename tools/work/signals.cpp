@@ -21,12 +21,17 @@ bool wait(int signals, int fd, int milliseconds) {
     return ready > 0;
 }
 
+sigset_t ending_signals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&set, signal);
+    return set;
+}
+
 }  // namespace
 
 SignalHold::SignalHold() {
-    sigset_t held;
-    sigemptyset(&held);
-    for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) sigaddset(&held, signal);
+    const sigset_t held = ending_signals();
     ::sigprocmask(SIG_BLOCK, &held, nullptr);
     signals_.reset(::signalfd(-1, &held, SFD_CLOEXEC));
     if (!signals_) throw system_failure("signalfd");
@@ -39,5 +44,12 @@ bool SignalHold::wait_readable(int fd, int milliseconds) const {
 void SignalHold::wait_milliseconds(int milliseconds) const {
     wait(signals_.get(), -1, milliseconds);
 }
+
+SignalBlock::SignalBlock() {
+    const sigset_t held = ending_signals();
+    ::sigprocmask(SIG_BLOCK, &held, &before_);
+}
+
+SignalBlock::~SignalBlock() { ::sigprocmask(SIG_SETMASK, &before_, nullptr); }
 
 }  // namespace Tessaly::tool

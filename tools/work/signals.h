@@ -1,6 +1,9 @@
-// SignalHold - prevents signals from ending the process between steps that belong together.
+// SignalHold, SignalBlock - prevent signals from ending the process between steps that belong
+// together.
 #ifndef TSMAIL_TOOLS_WORK_SIGNALS_H
 #define TSMAIL_TOOLS_WORK_SIGNALS_H
+
+#include <csignal>
 
 #include "tools/cli/descriptors.h"
 
@@ -24,6 +27,18 @@ class SignalHold {
 
   private:
     Fd signals_;
+};
+
+// Blocks the same signals until the object's end; one that has come takes effect then.
+class SignalBlock {
+  public:
+    SignalBlock();
+    ~SignalBlock();
+    SignalBlock(const SignalBlock&) = delete;
+    SignalBlock& operator=(const SignalBlock&) = delete;
+
+  private:
+    sigset_t before_;
 };
 
 }  // namespace Tessaly::tool

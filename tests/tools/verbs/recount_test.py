@@ -321,6 +321,41 @@ class MeanwhileTest(RecountCase):
         self.assertEqual(appended[0].wait(timeout=30), 0)
         self.assertEqual(mailbox_record(ANN), (1123, 4))
 
+    def test_nobody_waits_for_a_record_while_it_waits_for_another(self):
+        """What it has counted is written then, and the mailbox is marked until the rest is."""
+        for path in (self.size_file("Inbox"), self.size_file("Work/2024")):
+            write(path, "7 7\n")
+        with Lock(self.size_file("Work/2024")):
+            process = self.begin("recount", ANN)
+            wait_until(lambda: self.is_waiting_for(process, self.size_file("Work/2024")))
+            wait_until(lambda: is_marked(ANN))
+            wait_until(lambda: folder_record(ANN) == (100, 1))
+            with Lock(self.size_file("Inbox")):
+                pass
+        self.end(process)
+        self.assert_true()
+
+    def test_records_that_are_one_file(self):
+        """A folder that was copied with links."""
+        for link in (os.link, os.symlink):
+            with self.subTest(link=link):
+                write(self.size_file("Inbox"), "7 7\n")
+                os.unlink(self.size_file("Work/2024"))
+                link(self.size_file("Inbox"), self.size_file("Work/2024"))
+                self.succeed("recount", ANN)
+                self.assertEqual(mailbox_record(ANN), (123, 3))
+                self.assertEqual(folder_record(ANN, "Work/2024"), (23, 2))
+                self.assertFalse(is_marked(ANN))
+
+    def test_more_wrong_records_than_are_held(self):
+        folders = [f"F{n}" for n in range(70)]
+        self.succeed("create", ANN, *[f"--folder={name}" for name in folders])
+        for name in folders:
+            write(self.size_file(name), "7 7\n")
+        self.succeed("recount", ANN)
+        self.assertEqual({folder_record(ANN, name) for name in folders}, {(0, 0)})
+        self.assertEqual((mailbox_record(ANN), is_marked(ANN)), ((123, 3), False))
+
     def test_a_mark_that_is_set_stays(self):
         for before in (None, time.time() - 1000, time.time()):
             with self.subTest(before=before):
@@ -420,17 +455,24 @@ class FaultTest(RecountCase):
                     self.check(done)
         self.assertGreater(failed, 5)
 
-    def test_the_mark_stands_while_records_are_written(self):
-        self.spoil()
+    STEPS = {"mark": r"maildirsize\.dirty\".*O_EXCL", "write": r"pwrite64\(",
+             "unmark": r"unlink\(\".*maildirsize\.dirty", "no signals": r"rt_sigprocmask\(SIG_BLOCK, \[HUP",
+             "signals": r"rt_sigprocmask\(SIG_SETMASK"}
+
+    def steps(self):
+        """The steps of a recount that concern what it leaves if it is stopped."""
         _, calls = traced([], [TSMAIL, "recount", ANN])
-        text = "\n".join(calls)
-        place = 0
-        for step in (r"flock\(\d+, LOCK_EX", r"maildirsize\.dirty\".*O_EXCL", r"pwrite64\(",
-                     r"pwrite64\(", r"pwrite64\(", r"unlink\(\".*maildirsize\.dirty"):
-            match = re.compile(step).search(text, place)
-            self.assertIsNotNone(match, step)
-            place = match.end()
-        self.assertIsNone(re.compile(r"pwrite64\(").search(text, place))
+        return [name for line in calls for name, form in self.STEPS.items() if re.search(form, line)]
+
+    def test_no_signal_comes_between_the_records(self):
+        self.spoil()
+        self.assertEqual(self.steps(), ["no signals", "write", "write", "write", "signals"])
+
+    def test_the_mark_stands_while_a_long_file_is_written(self):
+        """The kernel does not write it at once."""
+        self.spoil()
+        write(TOTAL, "0S, 0C\n" + "10 1\n" * 900)
+        self.assertEqual(self.steps(), ["no signals", "write", "write", "mark", "write", "signals", "unmark"])
 
 
 class TogetherTest(RecountCase):
