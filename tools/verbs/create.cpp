@@ -72,13 +72,30 @@ Json row(const TSMailUserId& id, const string& name, bool created, bool done) {
             {"done", done}};
 }
 
+void make(const TSMailUserId& id, const std::vector<string>& folders, FolderBatch& batch,
+          std::vector<Json>& rows) {
+    rows.push_back(row(id, "", batch.make_roots(id), true));
+    for (const string& name : folders) {
+        rows.push_back(row(id, name, batch.make_folder(id, name), true));
+    }
+}
+
+// What is reported as made is on the disk.
 int create(const TSMailUserId& id, const std::vector<string>& folders, mode_t umask,
            Report& report) {
-    const FolderMaker maker(umask);
-    report.object(row(id, "", maker.make_roots(id), true));
-    for (const string& name : folders) {
-        report.object(row(id, name, maker.make_folder(id, name), true));
+    FolderBatch batch(umask);
+    std::vector<Json> rows;
+    const auto finish = [&] {
+        batch.flush();
+        for (const Json& row : rows) report.object(row);
+    };
+    try {
+        make(id, folders, batch, rows);
+    } catch (const Failure&) {
+        finish();
+        throw;
     }
+    finish();
     return kExitOk;
 }
 

@@ -5,6 +5,7 @@
 #include <tessaly/support.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <utility>
 
 #include "tools/cli/descriptors.h"
@@ -42,12 +43,6 @@ void sync_directory(const string& path) {
 
 string parent_of(const string& path) { return path.substr(0, path.rfind('/')); }
 
-// Flushes the directory and those above it up to the spool, as these may be new as well.
-void sync_upwards(string path) {
-    constexpr std::string_view kSpool = "/var/spool";
-    for (; path.size() >= kSpool.size(); path = parent_of(path)) sync_directory(path);
-}
-
 // Makes one folder, and its parent if that is missing.
 void make_level(const string& folder) {
     if (tsl_mkdir_maildir(folder.c_str()) == 0) return;
@@ -75,7 +70,7 @@ string existing_folder(const TSMailUserId& id, const string& name) {
     throw Failure(kExitNoInput, "there is no folder \"" + printable(name) + '"');
 }
 
-bool FolderMaker::make_roots(const TSMailUserId& id) const {
+bool FolderBatch::make_roots(const TSMailUserId& id) {
     const Umask mask(umask_);
     const string address = id.address();
     bool missing = false;
@@ -84,12 +79,12 @@ bool FolderMaker::make_roots(const TSMailUserId& id) const {
         if (exists(path)) continue;
         missing = true;
         if (make(address.c_str(), 1) != 0) throw system_failure("making " + printable(path));
-        sync_upwards(path);
+        is_new(path);
     }
     return missing;
 }
 
-bool FolderMaker::make_folder(const TSMailUserId& id, const string& name) const {
+bool FolderBatch::make_folder(const TSMailUserId& id, const string& name) {
     const Umask mask(umask_);
     bool missing = false;
     for (std::size_t end = 0; end != string::npos;) {
@@ -98,14 +93,34 @@ bool FolderMaker::make_folder(const TSMailUserId& id, const string& name) const 
         if (is_complete(path)) continue;
         missing = true;
         make_level(path);
-        sync_upwards(path);
+        is_new(path);
     }
     return missing;
 }
 
+// The directories above it, up to the spool, may be new as well.
+void FolderBatch::is_new(string path) {
+    constexpr std::string_view kSpool = "/var/spool";
+    for (; path.size() >= kSpool.size(); path = parent_of(path)) unflushed_.insert(path);
+}
+
+void FolderBatch::flush() {
+    std::for_each(unflushed_.rbegin(), unflushed_.rend(), sync_directory);
+    unflushed_.clear();
+}
+
+bool FolderMaker::make_folder(const TSMailUserId& id, const string& name) const {
+    FolderBatch batch(umask_);
+    const bool missing = batch.make_folder(id, name);
+    batch.flush();
+    return missing;
+}
+
 void FolderMaker::make_mailbox(const TSMailUserId& id) const {
-    make_roots(id);
-    for (const string& name : system_folders()) make_folder(id, name);
+    FolderBatch batch(umask_);
+    batch.make_roots(id);
+    for (const string& name : system_folders()) batch.make_folder(id, name);
+    batch.flush();
 }
 
 std::vector<string> system_folders() {

@@ -1,9 +1,10 @@
 """create: several mailboxes at a time, folders, and what a dry run says."""
 
 import os
+import re
 import unittest
 
-from testing.toolkit import HOME, SYSTEM_FOLDERS, SpoolCase, mail, snapshot, tsmail
+from testing.toolkit import HOME, SYSTEM_FOLDERS, TSMAIL, SpoolCase, mail, snapshot, traced, tsmail
 
 ANN, BERT, CLEO = "ann@site.test", "bert@site.test", "cleo@other.test"
 
@@ -57,6 +58,39 @@ class DryRunTest(SpoolCase):
         self.assertEqual(out, [f"existed {mail(ANN)}"] + [f"existed {mail(ANN)}/{name}" for name in SYSTEM_FOLDERS] +
                          [f"would create {mail(ANN)}/Work"])
         self.assertEqual(snapshot("/var/spool"), before)
+
+
+class DiskTest(SpoolCase):
+    OF_ANN = os.path.dirname(mail(ANN))
+
+    def flushes(self, calls):
+        """The directories that were flushed, and those that got an entry after their flush."""
+        flushed, late = [], set()
+        for line in calls:
+            if match := re.match(r'mkdir\("([^"]+)"', line):
+                late.add(os.path.dirname(match.group(1)))
+            elif match := re.match(r'fsync\(\d+<([^>]+)>\) += 0', line):
+                flushed.append(match.group(1))
+                late.discard(match.group(1))
+        return flushed, late
+
+    def test_what_was_made_is_flushed_once(self):
+        done, calls = traced(["-y", "-e", "trace=mkdir,fsync"], [TSMAIL, "create", ANN, "--folder", "Work/2024"])
+        self.assertEqual(done.code, 0, done)
+        flushed, late = self.flushes(calls)
+        made = {os.path.dirname(path) for path, subs, _ in os.walk(self.OF_ANN) if path.startswith(self.OF_ANN + "/")}
+        made |= {path for path, subs, _ in os.walk(self.OF_ANN + "/mail") if "cur" in subs}
+        self.assertEqual(made - set(flushed), set())
+        self.assertEqual(late, set())
+        of_home = [path for path in flushed if path.startswith(self.OF_ANN)]
+        self.assertEqual(sorted(of_home), sorted(set(of_home)))
+
+    def test_what_cannot_be_flushed_is_not_reported_as_made(self):
+        self.succeed("-q", "create", ANN)
+        os.rename(self.OF_ANN + "/mail/Inbox", self.OF_ANN + "/was")
+        done, _ = traced(["-e", "inject=fsync:error=EIO"], [TSMAIL, "create", ANN])
+        self.assertEqual((done.code, done.out), (74, ""), done)
+        self.assertIn("Input/output error", done.err)
 
 
 if __name__ == "__main__":
