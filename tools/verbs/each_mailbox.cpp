@@ -5,13 +5,11 @@
 
 namespace Tessaly::tool {
 
-namespace {
-
 using std::string;
-using Work = std::function<int(const TSMailUserId&, Report&)>;
 
 // In a worker.
-Work passing_over(Work work) {
+MailboxWork passing_over(const Mailboxes& mailboxes, MailboxWork work) {
+    if (!mailboxes.all) return work;
     return [work = std::move(work)](const TSMailUserId& id, Report& report) {
         try {
             return work(id, report);
@@ -22,21 +20,19 @@ Work passing_over(Work work) {
     };
 }
 
-Json with_address(const TSMailUserId& id, const Json& object) {
-    if (object.contains("address")) return object;
+Json addressed(const Mailboxes& mailboxes, const TSMailUserId& id, const Json& object) {
+    if (!mailboxes.all || object.contains("address")) return object;
     Json addressed = {{"address", id.address(true)}};
     addressed.update(object);
     return addressed;
 }
 
-}  // namespace
-
 int run_on_each(Session& session, const Mailboxes& mailboxes, MailboxJob job,
                 const std::function<void(int)>& end) {
-    if (mailboxes.all) job.work = passing_over(std::move(job.work));
+    job.work = passing_over(mailboxes, std::move(job.work));
     job.show = [&, show = std::move(job.show)](const TSMailUserId& id, const Json& object) {
         if (!session.json) return show(id, object);
-        session.out.object(mailboxes.all ? with_address(id, object) : object);
+        session.out.object(addressed(mailboxes, id, object));
     };
     const JobResult result = run_quietly_on(session, mailboxes, job);
     if (end && !session.json) end(result.code);

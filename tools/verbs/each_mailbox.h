@@ -18,6 +18,13 @@ namespace Tessaly::tool {
 int run_on_each(Session& session, const Mailboxes& mailboxes, MailboxJob job,
                 const std::function<void(int)>& end = {});
 
+// A verb that has its own way to show results needs these two of run_on_each().
+using MailboxWork = std::function<int(const TSMailUserId&, Report&)>;
+// Of many mailboxes, the work passes over one that vanished or lacks the folder.
+MailboxWork passing_over(const Mailboxes& mailboxes, MailboxWork work);
+// A result as JSON; of many mailboxes with the address in front.
+Json addressed(const Mailboxes& mailboxes, const TSMailUserId& id, const Json& object);
+
 // What stands in front of a line: nothing if there is only one mailbox, else its address and
 // `between`.
 std::string lead(const Mailboxes& mailboxes, const TSMailUserId& id, const char* between = ": ");

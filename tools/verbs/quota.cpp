@@ -4,11 +4,13 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <ctime>
 #include <functional>
 
 #include "base/number.h"
 #include "tools/cli/address.h"
+#include "tools/cli/progress.h"
 #include "tools/cli/text.h"
 #include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/verbs.h"
@@ -202,8 +204,10 @@ int run_reset(Session& session, const ChoiceArguments& arguments) {
 
 // ---- notify
 
+constexpr char kRecent[] = ": the last notice is less than a day old";
+
 struct NotifyArguments {
-    string address;
+    Choice choice;
     string subject;
     std::optional<string> body_file;
     std::optional<string> from;
@@ -211,19 +215,20 @@ struct NotifyArguments {
     bool dry_run = false;
 };
 
-void show_sent(Session& session, const TSMailUserId& id, bool sent, bool dry_run) {
+void show_sent(Session& session, const string& mailbox, const TSMailUserId& id, bool sent,
+               bool dry_run) {
     if (session.json) {
         return session.out.object(
             Json{{"address", id.address(true)}, {"sent", sent}, {"done", !dry_run}});
     }
-    constexpr char kRecent[] = ": the last notice is less than a day old";
-    if (dry_run)
-        return session.out.line(sent ? "would be sent" : string("would not be sent") + kRecent);
-    session.out.line(sent ? "sent" : string("not sent") + kRecent);
+    const char* what = dry_run ? "would be sent" : "sent";
+    const char* what_not = dry_run ? "would not be sent" : "not sent";
+    session.out.line(mailbox + (sent ? what : string(what_not) + kRecent));
 }
 
-Notice notice_of(const TSMailUserId& id, const NotifyArguments& arguments) {
-    Notice notice = {arguments.from, id.address(true), arguments.subject, ""};
+// A notice to nobody yet, whose texts are checked.
+Notice notice_of(const NotifyArguments& arguments) {
+    Notice notice = {arguments.from, "", arguments.subject, ""};
     check_notice(notice);
     if (arguments.body_file) notice.body = read_notice_body(*arguments.body_file);
     check_notice(notice);
@@ -245,34 +250,95 @@ int look_at_guard(const TSMailUserId& id, Report& report) {
     return kExitOk;
 }
 
-// A forced notice's time is stored only if a notice was due anyway. This process starts the
-// submission program with the caller's rights, as the program may need to gain rights.
+// The program makes its own files and chooses their modes.
+void send(const Session& session, const Notice& notice) {
+    const mode_t own = ::umask(session.callers_umask);
+    try {
+        send_notice(notice);
+    } catch (...) {
+        ::umask(own);
+        throw;
+    }
+    ::umask(own);
+}
+
+// Notices to one mailbox or to many, one after the other: a mailbox's day is not used up long
+// before its notice is sent.
+class Notices {
+  public:
+    Notices(Session& session, const Mailboxes& mailboxes, const NotifyArguments& arguments)
+        : session_(session),
+          mailboxes_(mailboxes),
+          arguments_(arguments),
+          notice_(notice_of(arguments)) {}
+
+    int send_all() {
+        JobResult result = run({});  // says which domains could not be read
+        Progress progress(session_, mailboxes_.all ? "sending notices" : "", 0);
+        for (std::size_t n = 0; n < mailboxes_.ids.size(); ++n) {
+            const JobResult one = send_to(mailboxes_.ids[n]);
+            result = {std::max(result.code, one.code), result.left_out + one.left_out};
+            if (mailboxes_.all) progress.advance(n + 1, mailboxes_.ids.size());
+        }
+        if (mailboxes_.all) show_left_out(session_, result);
+        return result.code;
+    }
+
+  private:
+    // Runs the worker's part for these mailboxes.
+    JobResult run(const std::vector<TSMailUserId>& ids) {
+        Mailboxes some = {ids, mailboxes_.all};
+        if (ids.empty()) some.unread = mailboxes_.unread;
+        MailboxJob job;
+        job.work = [&](const TSMailUserId& id, Report& report) {
+            Notice notice = notice_;
+            notice.to = id.address(true);
+            check_notice(notice);
+            return arguments_.dry_run ? look_at_guard(id, report) : pass_guard(id, report);
+        };
+        job.show = [&](const TSMailUserId&, const Json& guard) {
+            due_ = guard.at("due").get<bool>();
+        };
+        due_.reset();
+        return run_quietly_on(session_, some, job);
+    }
+
+    // A forced notice's time is stored only if a notice was due anyway. This process starts the
+    // submission program with the caller's rights, as the program may need to gain rights.
+    JobResult send_to(const TSMailUserId& id) {
+        const JobResult result = run({id});
+        if (result.code != kExitOk || !due_) return result;
+        const bool wanted = arguments_.force || *due_;
+        try {
+            notice_.to = id.address(true);
+            if (wanted && !arguments_.dry_run) send(session_, notice_);
+        } catch (const Failure& failure) {
+            session_.error(lead(mailboxes_, id) + failure.what());
+            return {failure.code(), 1};
+        }
+        show_sent(session_, lead(mailboxes_, id), id, wanted, arguments_.dry_run);
+        return result;
+    }
+
+    Session& session_;
+    const Mailboxes& mailboxes_;
+    const NotifyArguments& arguments_;
+    Notice notice_;
+    std::optional<bool> due_;  // nothing if the mailbox vanished
+};
+
 int run_notify(Session& session, const NotifyArguments& arguments) {
-    const Mailboxes mailbox = one_mailbox(arguments.address);
-    const TSMailUserId& id = mailbox.ids.front();
-    Homes().owner(id);  // a Failure if there is no such mailbox
-    const Notice notice = notice_of(id, arguments);
+    const Mailboxes mailboxes = mailboxes_of(arguments.choice);
+    // A Failure if there is no such mailbox.
+    if (!mailboxes.all) Homes().owner(mailboxes.ids.front());
+    Notices notices(session, mailboxes, arguments);
     // Comes before the guard: a notice that cannot be sent must not use up the day's notice.
     demand_submission_program();
-    bool send = arguments.force;
-    MailboxJob job;
-    job.work = arguments.dry_run ? look_at_guard : pass_guard;
-    job.show = [&](const TSMailUserId&, const Json& guard) {
-        send = send || guard.at("due").get<bool>();
-    };
-    const int code = run_on(session, mailbox, job);
-    if (code != kExitOk) return code;
-    if (send && !arguments.dry_run) {
-        // The program makes its own files and chooses their modes.
-        ::umask(session.callers_umask);
-        send_notice(notice);
-    }
-    show_sent(session, id, send, arguments.dry_run);
-    return kExitOk;
+    return notices.send_all();
 }
 
 void declare_notify(Verb& verb, NotifyArguments& arguments) {
-    verb.address(arguments.address);
+    verb.choice(arguments.choice);
     verb.text("--subject", arguments.subject, "The notice's subject").required();
     verb.text("--body-file", arguments.body_file, "Its text (-: standard input; default: none)")
         .text("--from", arguments.from, "Its sender (default: the local postmaster)")

@@ -3,7 +3,7 @@
 
 #include "tools/cli/address.h"
 #include "tools/cli/text.h"
-#include "tools/spool/mailbox_job.h"
+#include "tools/verbs/each_mailbox.h"
 #include "tools/verbs/removal.h"
 #include "tools/verbs/verbs.h"
 #include "tools/work/folder.h"
@@ -18,7 +18,7 @@ using std::string;
 // ---- rm
 
 struct FolderArguments {
-    string address;
+    Choice choice;
     string folder;
     bool now = false;
     bool force = false;
@@ -48,35 +48,33 @@ int remove_folder(const TSMailUserId& id, const FolderArguments& arguments, mode
     return kExitOk;
 }
 
-// Runs the work on one mailbox. `folder` is the folder that becomes smaller.
-int run_removal(Session& session, const string& address, const string& folder, bool dry_run,
-                const std::function<int(const TSMailUserId&, Report&)>& work) {
-    std::optional<Json> done;
+// Runs the work on the mailboxes. `folder` is the folder that becomes smaller or larger.
+int run_removal(Session& session, const Choice& choice, const string& folder, bool dry_run,
+                MailboxWork work) {
+    const Mailboxes mailboxes = mailboxes_of(choice);
     MailboxJob job;
+    job.progress = mailboxes.all ? "changing mailboxes" : "";
     job.changes_sizes = !dry_run;
-    job.work = work;
-    job.show = [&](const TSMailUserId&, const Json& object) {
-        show_deed(session, object);
-        done = object;
+    job.work = passing_over(mailboxes, std::move(work));
+    job.show = [&](const TSMailUserId& id, const Json& deed) {
+        show_deed(session, addressed(mailboxes, id, deed));
+        tell_daemon(id.mailfolder(folder), deed);
     };
-    const Mailboxes mailbox = one_mailbox(address);
-    const int code = run_on(session, mailbox, job);
-    if (done) tell_daemon(mailbox.ids.front().mailfolder(folder), *done);
-    return code;
+    return run_on(session, mailboxes, job);
 }
 
 int run_rm(Session& session, const FolderArguments& arguments) {
     check_folder_name(arguments.folder);
     check_system_folder(arguments.folder, arguments.force);
     const mode_t umask = session.callers_umask;
-    return run_removal(session, arguments.address, arguments.folder, arguments.dry_run,
+    return run_removal(session, arguments.choice, arguments.folder, arguments.dry_run,
                        [&](const TSMailUserId& id, Report& report) {
                            return remove_folder(id, arguments, umask, report);
                        });
 }
 
 void declare_rm(Verb& verb, FolderArguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .text("FOLDER", arguments.folder, "The folder, as Work/2024; those below it go with it")
         .required();
     verb.flag("--now", arguments.now, "Remove it at once (default: at the next sweep)")
@@ -87,7 +85,7 @@ void declare_rm(Verb& verb, FolderArguments& arguments) {
 // ---- restore
 
 struct RestoreArguments {
-    string address;
+    Choice choice;
     string folder;
     bool dry_run = false;
 };
@@ -109,14 +107,14 @@ int restore(const TSMailUserId& id, const RestoreArguments& arguments, mode_t um
 int run_restore(Session& session, const RestoreArguments& arguments) {
     check_folder_name(arguments.folder);
     const mode_t umask = session.callers_umask;
-    return run_removal(session, arguments.address, arguments.folder, arguments.dry_run,
+    return run_removal(session, arguments.choice, arguments.folder, arguments.dry_run,
                        [&](const TSMailUserId& id, Report& report) {
                            return restore(id, arguments, umask, report);
                        });
 }
 
 void declare_restore(Verb& verb, RestoreArguments& arguments) {
-    verb.address(arguments.address)
+    verb.choice(arguments.choice)
         .text("FOLDER", arguments.folder, "The folder as it was called, as Work/2024")
         .required();
     declare_dry_run(verb, arguments.dry_run);

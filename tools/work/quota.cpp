@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstring>
+#include <iterator>
 
 #include "base/store_names.h"
 #include "quota/archive.h"
@@ -149,6 +150,26 @@ Failure submission_failure(int status) {
             program + " refused the notice with exit code " + std::to_string(code)};
 }
 
+// The submission program must not inherit ignored signals. An ignored SIGCHLD would also hide its
+// exit code from this process.
+class DefaultSignals {
+  public:
+    DefaultSignals() {
+        for (std::size_t n = 0; n < std::size(kSignals); ++n) {
+            before_[n] = std::signal(kSignals[n], SIG_DFL);
+        }
+    }
+    ~DefaultSignals() {
+        for (std::size_t n = 0; n < std::size(kSignals); ++n) std::signal(kSignals[n], before_[n]);
+    }
+    DefaultSignals(const DefaultSignals&) = delete;
+    DefaultSignals& operator=(const DefaultSignals&) = delete;
+
+  private:
+    static constexpr int kSignals[] = {SIGCHLD, SIGPIPE, SIGXFSZ};
+    void (*before_[std::size(kSignals)])(int);
+};
+
 }  // namespace
 
 bool has_quota_flag(const TSMailUserId& id, QuotaFlag flag) {
@@ -219,9 +240,7 @@ void demand_submission_program() {
 }
 
 void send_notice(const Notice& notice) {
-    // The submission program must not inherit ignored signals. An ignored SIGCHLD would also hide
-    // its exit code from this process.
-    for (const int signal : {SIGCHLD, SIGPIPE, SIGXFSZ}) std::signal(signal, SIG_DFL);
+    const DefaultSignals signals;
     const string from = encoded_address(notice.from.value_or(""));
     const string subject = subject_lines(notice);
     const int status = tsl_send_quota_msg(notice.from ? from.c_str() : nullptr, notice.to.c_str(),

@@ -5,7 +5,8 @@ import os
 import subprocess
 import unittest
 
-from testing.toolkit import TSMAIL, SpoolCase, as_nobody, content, environment, mail, own_by_nobody, snapshot, tsmail, write
+from testing.toolkit import (TSMAIL, SpoolCase, as_nobody, content, environment, held_by_folders, mail,
+                             mailbox_record, own_by_nobody, snapshot, tsmail, write)
 
 ANN, BERT, CARL = "ann@site.test", "bert@site.test", "carl@other.test"
 ALL = [CARL, ANN, BERT]  # in the order of their directories
@@ -19,7 +20,7 @@ READERS = (
 CHANGERS = (
     (["tag"], ["Work"]), (["pref", "set"], ["npage=30"]), (["pref", "reset"], ["npage"]),
     (["quota", "set"], ["exceeded", "7"]), (["quota", "clear"], ["warning"]), (["quota", "reset"], []),
-    (["list", "add"], ["whitelist", "n@y"]), (["list", "remove"], ["whitelist", "x@y"]),
+    (["list", "add"], ["whitelist", "n@y"]), (["list", "remove"], ["whitelist", "x@y"]), (["rm"], ["Work"]),
 )
 
 
@@ -128,7 +129,8 @@ class ChangingTest(EachCase):
                  "quota clear": [f"{a}: would remove the flag" for a in ALL],
                  "quota reset": [f"{a}: would mark the mailbox for a recount" for a in ALL],
                  "list add": [f"{a}: would add n@y" for a in ALL],
-                 "list remove": [f"{a}: would remove x@y" for a in (ANN, BERT)]}
+                 "list remove": [f"{a}: would remove x@y" for a in (ANN, BERT)],
+                 "rm": [f"would schedule {mail(a)}/Work: 1 message (3 B) and 0 other files" for a in (ANN, BERT)]}
         self.succeed("-q", "list", "find", "--domain", "site.test", "whitelist", "x@y")  # makes lock files
         tsmail("list", "find", CARL, "whitelist", "x@y")
         before = snapshot("/var/spool")
@@ -136,6 +138,21 @@ class ChangingTest(EachCase):
             with self.subTest(verb=verb):
                 self.assertEqual(self.succeed(*verb, "--all", *rest, "--dry-run").lines, shown[" ".join(verb)])
                 self.assertEqual(snapshot("/var/spool"), before)
+
+    def test_folders_go_and_come_back(self):
+        self.succeed("-q", "recount", "--all")
+        amount = {"messages": 1, "bytes": 3}
+        for verb, action, held in ((["rm"], "schedule", (0, 0)), (["restore"], "restore", (3, 1)),
+                                   (["rm", "--now"], "remove", (0, 0))):
+            with self.subTest(verb=verb):
+                rows = self.succeed("--json", *verb, "--all", "Work").objects
+                self.assertEqual([(row["address"], row["path"], row["action"]) for row in rows],
+                                 [(a, mail(a) + "/Work", action) for a in (ANN, BERT)])
+                for row, address in zip(rows, (ANN, BERT)):
+                    self.assertEqual({key: row[key] for key in amount}, amount)
+                    self.assertEqual((mailbox_record(address), held_by_folders(address)), (held, held))
+                self.assertEqual(self.succeed(*verb, "--all", "Work").out, "")  # nobody has it now
+        self.fail_with(65, "rm", "--all", "Inbox", saying="system folder")
 
     def test_a_bad_mailbox_is_left_out_and_the_others_are_not(self):
         own_by_nobody("/var/spool")

@@ -3,6 +3,7 @@
 import email
 import email.policy
 import os
+import re
 import threading
 import time
 import unittest
@@ -231,6 +232,36 @@ class NotifyTest(QuotaCase):
         self.assertEqual(self.notify().objects[0]["sent"], True)
         self.assertIsNotNone(self.sent())
         self.assertLess(time.time() - os.stat(STAMP).st_mtime, 60)
+
+    def test_each_mailbox_gets_its_own(self):
+        bert, carl = "bert@site.test", "carl@other.test"
+        self.succeed("-q", "create", bert, carl)
+        self.install(0, "#!/bin/sh\numask >>/tmp/sent.umask\ncat >>/tmp/sent.input\n")
+        self.succeed("quota", "notify", bert, "--subject", "Early")
+        self.assertEqual(self.succeed("quota", "notify", "--all", "--subject", "Full", "--dry-run").lines,
+                         [f"{carl}: would be sent", f"{ANN}: would be sent",
+                          f"{bert}: would not be sent: the last notice is less than a day old"])
+        before = os.umask(0o027)
+        done = tsmail("--json", "quota", "notify", "--all", "--subject", "Full", "--body-file", "-", stdin=b"text\n")
+        os.umask(before)
+        self.assertEqual((done.code, done.err), (0, ""))
+        self.assertEqual(done.objects, [{"address": address, "sent": address != bert, "done": True}
+                                        for address in (carl, ANN, bert)])
+        sent = self.sent().decode()
+        self.assertEqual(re.findall("^To:(.*)$", sent, re.M), [bert, carl, ANN])
+        self.assertEqual(sent.count("\ntext\n.\n"), 2)
+        self.assertEqual(content("/tmp/sent.umask").split()[1:], [b"0027"] * 2)
+        self.assertEqual(os.stat(STAMP).st_mode & 0o777, os.stat(STAMP.replace("ann", "bert")).st_mode & 0o777)
+        self.assertEqual(tsmail("--json", "quota", "notify", "--domain", "other.test", "--subject", "x", "--force").objects,
+                         [{"address": carl, "sent": True, "done": True}])
+
+    def test_a_notice_that_cannot_be_sent_does_not_stop_the_others(self):
+        bert = "bert@site.test"
+        self.succeed("-q", "create", bert)
+        self.install(0, "#!/bin/sh\nif grep -q ^To:ann; then exit 75; fi\n")
+        done = tsmail("quota", "notify", "--all", "--subject", "x")
+        self.assertEqual((done.code, done.lines), (75, [f"{bert}: sent", "1 mailbox was left out"]))
+        self.assertRegex(done.err, f"^tsmail: {ANN}: [^\n]*\n$")
 
     def test_the_programs_answer_is_the_exit_code(self):
         for status, code in ((0, 0), (75, 75), (67, 67), (1, 69), (127, 69)):
