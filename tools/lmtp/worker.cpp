@@ -1,5 +1,7 @@
 #include "tools/lmtp/worker.h"
 
+#include <unistd.h>
+
 #include <new>
 
 #include "tools/cli/address.h"
@@ -78,7 +80,7 @@ std::optional<Json> receive_task(int socket, Fd& message) {
 
 }  // namespace
 
-void serve(int socket, const Rules& rules, const std::optional<Failure>& refused) noexcept {
+void serve(int socket, const Rules& rules, const std::optional<Failure>& refused) noexcept try {
     seed_random();
     Server server(socket, rules);
     Fd message;
@@ -89,6 +91,8 @@ void serve(int socket, const Rules& rules, const std::optional<Failure>& refused
             server.run(*task, message.get());
         }
     }
+} catch (...) {
+    ::_exit(kExitTryAgain);  // an exception while reporting: the parent is gone, or tells of it
 }
 
 }  // namespace Tessaly::tool::lmtp

@@ -18,8 +18,9 @@ void fail(const Channel& channel, const char* text, int code) {
     channel.send({{"kind", item::kFailed}, {"text", text}, {"code", code}});
 }
 
-// noexcept: an exception while reporting ends the process.
-void run(const std::function<void(const Channel&)>& work, int socket) noexcept {
+// An exception while reporting ends the process, without a word: the reader is gone, or tells of
+// it.
+void run(const std::function<void(const Channel&)>& work, int socket) noexcept try {
     const Channel channel(socket);
     try {
         work(channel);
@@ -30,6 +31,8 @@ void run(const std::function<void(const Channel&)>& work, int socket) noexcept {
     } catch (const std::exception& e) {
         fail(channel, e.what(), kExitSoftware);
     }
+} catch (...) {
+    ::_exit(kExitTryAgain);
 }
 
 }  // namespace

@@ -94,13 +94,16 @@ int do_task(const Job& job, const Given& given, Report& report) {
     return kExitOk;
 }
 
-// noexcept: an exception while reporting ends the process.
-void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept {
+// An exception while reporting ends the process, without a word: the parent is gone, or tells of
+// it.
+void do_tasks(const Job& job, const std::optional<Failure>& refused) noexcept try {
     Report report(kSocket);
     while (const auto given = receive_task()) {
         if (refused) report.error(*refused);
         report.end(refused ? int{refused->code()} : do_task(job, *given, report));
     }
+} catch (...) {
+    ::_exit(kExitTryAgain);
 }
 
 // Becomes the owner; a refusal is a failure of each task.
