@@ -141,6 +141,15 @@ bool may_be_shared(int fd) {
     return std::find(std::begin(kNetworked), std::end(kNetworked), type) != std::end(kNetworked);
 }
 
+Fd locked_directory(const string& path) {
+    Fd lock(retry([&] { return ::open(path.c_str(), kToRead); }));
+    if (lock && may_be_shared(lock.get())) {
+        lock = open_lock_file(lock.get(), names::kFolderLock.data());
+    }
+    if (lock && retry([&] { return ::flock(lock.get(), LOCK_EX); }) == 0) return lock;
+    throw system_failure(printable(path));
+}
+
 Identity identity_of(int fd) {
     struct stat st;
     if (::fstat(fd, &st) != 0) return {};

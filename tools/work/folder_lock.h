@@ -24,6 +24,10 @@ Identity identity_of(int fd);
 // Whether other machines may share the file system, by its type.
 bool may_be_shared(int fd);
 
+// Locks a directory, or a file in it where other machines may share the file system, exclusively
+// until the result is closed. Waits for the lock. A Failure if that is not possible.
+Fd locked_directory(const std::string& path);
+
 // Waits some milliseconds before the next attempt to lock; throws to give up.
 using Pause = std::function<void(int milliseconds)>;
 void sleep_milliseconds(int milliseconds);

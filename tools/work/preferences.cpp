@@ -1,8 +1,6 @@
 #include "tools/work/preferences.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
-#include <sys/file.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -15,6 +13,7 @@
 #include "tools/cli/failure.h"
 #include "tools/cli/nearest.h"
 #include "tools/cli/text.h"
+#include "tools/work/folder_lock.h"
 
 namespace Tessaly::tool {
 
@@ -163,13 +162,18 @@ const pref_property& preference_named(string_view key) {
 Preferences::Preferences() { get_default_user_pref_with_tz(&record_); }
 
 Preferences Preferences::of(const TSMailUserId& id) {
-    Preferences preferences;
-    if (read_user_pref(&preferences.record_, id.address().c_str()) == 0) return preferences;
-    const int error = errno;
+    constexpr int kAttempts = 3;  // another process may make the file between the two looks
     const string path = id.fname(MUF_PREF_FILE);
-    if (::access(path.c_str(), F_OK) == 0) throw system_failure(printable(path), error);
-    if (errno != ENOENT) throw system_failure(printable(path));
-    return preferences;
+    for (int attempt = 1;; ++attempt) {
+        Preferences preferences;
+        if (read_user_pref(&preferences.record_, id.address().c_str()) == 0) return preferences;
+        const int error = errno;
+        if (::access(path.c_str(), F_OK) != 0) {
+            if (errno != ENOENT) throw system_failure(printable(path));
+            return preferences;
+        }
+        if (error != ENOENT || attempt == kAttempts) throw system_failure(printable(path), error);
+    }
 }
 
 Json Preferences::value(const pref_property& property) const {
@@ -252,11 +256,7 @@ void Preferences::store(const TSMailUserId& id) const {
 PreferencesLock::PreferencesLock(const TSMailUserId& id) {
     const string path = id.prefpath();
     if (create_pref_dir(id.address().c_str(), 1) != 0) throw system_failure(printable(path));
-    directory_.reset(
-        retry([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
-    if (!directory_ || retry([&] { return ::flock(directory_.get(), LOCK_EX); }) != 0) {
-        throw system_failure(printable(path));
-    }
+    lock_ = locked_directory(path);
 }
 
 }  // namespace Tessaly::tool

@@ -52,14 +52,15 @@ class Preferences {
     user_pref record_;
 };
 
-// Prevents other tsmail processes from changing the same preferences while this one changes them.
+// Prevents other tsmail processes, also on other machines, from changing the same preferences while
+// this one changes them.
 class PreferencesLock {
   public:
     // Makes the preference directory if it is missing.
     explicit PreferencesLock(const TSMailUserId& id);
 
   private:
-    Fd directory_;
+    Fd lock_;
 };
 
 }  // namespace Tessaly::tool

@@ -7,7 +7,7 @@ import unittest
 
 from testing import toolkit
 from testing.toolkit import (TSMAIL, SpoolCase, as_nobody, content, environment, mail, mode, own_by_nobody,
-                             snapshot, tsmail)
+                             snapshot, traced, tsmail)
 
 ANN = "ann@site.test"
 FILE = mail(ANN) + "/../pref/ann~site.test.pref"
@@ -166,6 +166,16 @@ class PrefTest(SpoolCase):
             self.fail_with(code, "pref", verb, ANN, *rest, saying="Permission denied", **as_nobody())
         os.chmod(FILE, 0o600)
         self.assertEqual(self.shown()["npage"], 50)
+
+    def test_a_file_that_appears_in_between(self):
+        """Another process makes it after the look for it."""
+        self.succeed("pref", "set", ANN, "npage=30")
+        path = os.path.realpath(FILE)
+        for times, code, out in (("1", 0, "30\n"), ("1..2", 0, "30\n"), ("1+", 75, "")):
+            with self.subTest(times=times):
+                done, _ = traced(["-P", path, "-e", f"inject=openat:error=ENOENT:when={times}"],
+                                 [TSMAIL, "pref", "get", ANN, "npage"])
+                self.assertEqual((done.code, done.out), (code, out), done)
 
     def test_changes_at_the_same_time_are_all_kept(self):
         keys = [key for key, value in DEFAULTS.items()

@@ -47,6 +47,23 @@ class NetworkTest(SpoolCase):
         self.succeed("recount", ANN)
         self.assertEqual(self.lock_files("Inbox"), [])
 
+    def test_preferences_are_locked_by_a_file(self):
+        place = os.path.dirname(mail(ANN)) + "/pref"
+        self.succeed("pref", "set", ANN, "npage=20")
+        self.assertNotIn(".ts_folder_lock", os.listdir(place))
+        fd = os.open(place + "/.ts_folder_lock", os.O_RDWR | os.O_CREAT, 0o600)
+        fcntl.flock(fd, fcntl.LOCK_EX)
+        process = self.begin_far("pref", "set", ANN, "npage=30")
+        time.sleep(0.5)
+        self.assertIsNone(process.poll())
+        self.succeed("pref", "set", ANN, "lang=de")
+        os.close(fd)
+        self.end(process)
+        shown = self.succeed("--json", "pref", "show", ANN).objects[0]
+        self.assertEqual((shown["npage"], shown["lang"]), (30, "de"))
+        self.assertRegex(self.succeed("doctor", ANN).out, "^0 findings")
+        self.assertEqual(self.succeed("--json", "list", "names", ANN).objects, [])
+
     def test_a_delivery_waits_for_the_lock_on_the_file(self):
         held = self.lock("Inbox", ".ts_folder_lock", fcntl.LOCK_EX)
         process = self.begin_far("deliver", ANN, toolkit.SAMPLES[0])
