@@ -98,8 +98,8 @@ string permissions_text(const string& path) {
 string choose_folder(const TSMailUserId& id, const std::optional<string>& option, bool may_make) {
     const string inbox = system_folders().front();
     const string wanted = wanted_folder(id, option);
-    const bool usable = may_make || tsl_is_mail_folder(id.mailfolder(wanted).c_str(), nullptr) != 0;
-    return usable ? wanted : inbox;
+    if (may_make || wanted == inbox) return wanted;
+    return tsl_is_mail_folder(id.mailfolder(wanted).c_str(), nullptr) != 0 ? wanted : inbox;
 }
 
 void demand_room(const TSMailUserId& id, ExitCode code) {
