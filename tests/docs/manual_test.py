@@ -218,7 +218,8 @@ class ExamplesTest(unittest.TestCase):
         program.write_text("#!/bin/sh\ncat >/dev/null\n", encoding="utf-8")
         program.chmod(0o755)
         for name, text in texts.items():
-            lines = re.findall(r"^    [$>] (.*)$", command.parts_of(text).get("Examples", ""), re.M)
+            prompts = "[#$>]" if os.geteuid() == 0 else "[$>]"
+            lines = re.findall(rf"^    {prompts} (.*)$", command.parts_of(text).get("Examples", ""), re.M)
             with self.subTest(name), tempfile.TemporaryDirectory() as work:
                 for old in os.listdir("/var/spool"):
                     shutil.rmtree(f"/var/spool/{old}")

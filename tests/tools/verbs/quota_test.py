@@ -118,7 +118,10 @@ class FlagsTest(QuotaCase):
             done = tsmail("quota", *words, **as_nobody())
             self.assertEqual(done.code, 73, done)
             self.assertIn("quota_exceeded_flag: Permission denied", done.err)
+        mode = os.stat(HOME).st_mode
+        os.chmod(HOME, 0o755)
         write(FLAGS["exceeded"], "4")
+        os.chmod(HOME, mode)
         done = tsmail("quota", "clear", ANN, "exceeded", **as_nobody())
         self.assertEqual(done.code, 73, done)
         os.chmod(mail(ANN), 0o555)
