@@ -64,14 +64,16 @@ def with_lda(user):
 
 
 def plain(user):
-    """The calls that a delivery needs where files have names and locks are on files, without a program's start."""
-    top = f"/var/spool/plain/{user}/"
+    """The calls that a delivery needs where files have names and locks are on files, without a program's start. The
+    paths are as deep as the store's, as each directory on the way is looked up."""
+    mailbox = f"/var/spool/plain/site.test/{user}~site.test/mail/"
+    top = mailbox + "Inbox/"
     for name in ("new", "tmp"):
         os.makedirs(top + name, exist_ok=True)
     numbers = iter(range(10**9))
 
-    def append(name, text):
-        fd = os.open(top + name, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
+    def append(path, text):
+        fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND, 0o600)
         fcntl.flock(fd, fcntl.LOCK_EX)
         os.write(fd, text)
         os.close(fd)
@@ -89,8 +91,8 @@ def plain(user):
         directory = os.open(top + "new", os.O_RDONLY | os.O_DIRECTORY)
         os.fsync(directory)
         os.close(directory)
-        append("folder", b"1000 1\n")
-        append("mailbox", b"1000 1\n")
+        append(top + "size", b"1000 1\n")
+        append(mailbox + "size", b"1000 1\n")
         os.close(lock)
     return deliver
 
@@ -218,27 +220,35 @@ def rates(works, stores, amount):
     return rows
 
 
+def version():
+    lines = subprocess.run(["glusterfs", "--version"], check=True, stdout=subprocess.PIPE, text=True).stdout
+    return lines.splitlines()[0].strip()
+
+
+def table_of_operations(counts):
+    names = sorted({name for count in counts.values() for name in count})
+    rows = [[name] + [f"{count.get(name, 0) / COUNTED:.1f}" for count in counts.values()] for name in names]
+    sums = {what: sum(count.values()) for what, count in counts.items()}
+    rows.append(["sum"] + [f"{total / COUNTED:.1f} ({total / sums['plain calls']:.2f})" for total in sums.values()])
+    return table(["", *counts], rows)
+
+
 def measure(roots, directory, quick):
-    amount = "2s" if quick else "20s"
+    amount = "2s" if quick else "10s"
     works = [what for what in WORKS if what != "dovecot-lda" or roots]
     local = Store([directory + "/local"], roots)
     head = ["", "local disk", "one machine", "two machines"]
-    text = f"# On a distributed file system\n\n{subprocess.run(['glusterfs', '--version'], check=True, capture_output=True, text=True).stdout.splitlines()[0].strip()}. "
-    text += INTRODUCTION
-    for options, title in ((None, "## Without caches"), ("default", "## With the volume's default caches")):
+    text = f"# On a distributed file system\n\n{version()}. {INTRODUCTION}"
+    for options, title in ((None, "Without caches"), ("default", "With the volume's default caches")):
         with Cluster(directory + "/cluster", options) as cluster:
             stores = [local, cluster.store("a", roots), cluster.store("ab", roots)]
-            text += f"\n{title}\n\n" + table(head, rates(works, stores, amount))
+            text += f"\n## {title}\n\n" + table(head, rates(works, stores, amount))
             if not options:
                 counts = {what: cluster.operations(stores[1], what) for what in works if what != "recount"}
         subprocess.run(["rm", "-rf", directory + "/local"], check=True)
         os.makedirs(directory + "/local")
-    names = sorted({name for count in counts.values() for name in count})
-    text += "\n## Operations on the servers for one delivery\n\nOf all three servers together, without caches.\n\n"
-    rows = [[name] + [f"{count.get(name, 0) / COUNTED:.1f}" for count in counts.values()] for name in names]
-    sums = [sum(count.values()) / COUNTED for count in counts.values()]
-    rows.append(["sum"] + [f"{total:.1f} ({total / sums[list(counts).index('plain calls')]:.2f})" for total in sums])
-    return text + table(["", *counts], rows)
+    text += "\n## Operations on the servers for one delivery\n\nOf all three servers together, without caches. "
+    return text + "In brackets: the sum beside that of the plain calls.\n\n" + table_of_operations(counts)
 
 
 INTRODUCTION = """Three servers with three copies and two clients, which stand for two machines,

@@ -4,6 +4,7 @@
 # bench.sh --python [--quick]
 # bench.sh --day [--quick]
 # bench.sh --lmtp [--quick] [--rounds N] [--minutes N] [--messages N]
+# bench.sh --cluster [--quick]
 #
 # Measures the library beside the limit of the machine, the plainest way and other programs, in a
 # sandbox whose spool is on the disk, and counts system calls and instructions. Writes tables and plots
@@ -17,11 +18,13 @@
 # --lmtp measures deliveries through `tsmail lmtp` beside bare writes, flushes and links and beside Dovecot's LMTP service:
 # at most so many rounds (default: 5), and no new one after so many minutes (default: 5); then the memory with 100
 # connections and its growth over so many messages (default: 20000).
+# --cluster measures deliveries and recounts on a distributed file system, from one and from two machines, beside the
+# local disk and beside Dovecot's delivery agent, and counts the operations on the servers. It needs root and /dev/fuse.
 set -euo pipefail
 # shellcheck source=lib.sh
 . "$(dirname "$0")/lib.sh"
 
-quick='' scale='' python='' day='' lmtp='' only='' words=() deliveries=() choice=() peers=$top/build/neighbours
+quick='' scale='' python='' day='' lmtp='' cluster='' only='' words=() deliveries=() choice=() peers=$top/build/neighbours
 while [ $# -gt 0 ]; do
     case $1 in
     --quick) quick=1 choice+=(--quick) ;;
@@ -29,12 +32,13 @@ while [ $# -gt 0 ]; do
     --python) python=1 ;;
     --day) day=1 ;;
     --lmtp) lmtp=1 ;;
+    --cluster) cluster=1 ;;
     --only) only=$2 choice+=(--only "$2") && shift ;;
     --rounds) words+=(--rounds "$2") && shift ;;
     --minutes | --messages) deliveries+=("$1" "$2") && shift ;;
     --most) choice+=(--most "$2") && shift ;;
     --peers) peers=$(realpath -m "$2") && shift ;;
-    *) die "usage: bench.sh [--scale | --python | --day | --lmtp] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--minutes N] [--messages N] [--peers DIR]" ;;
+    *) die "usage: bench.sh [--scale | --python | --day | --lmtp | --cluster] [--quick] [--only ITEM] [--most SIZE] [--rounds N] [--minutes N] [--messages N] [--peers DIR]" ;;
     esac
     shift
 done
@@ -42,6 +46,7 @@ done
 ensure_packages build python test bench
 targets=(tsmail_bench tsmail_bench_calls tsmail_tool tsmail_python) packages=(dovecot-imapd mblaze)
 [ -z "$lmtp" ] || { targets=(tsmail_bench_lmtp tsmail_tool) && packages=(dovecot-lmtpd); }
+[ -z "$cluster" ] || { ensure_packages cluster && targets=(tsmail_tool) && packages=(dovecot-imapd); }
 build_preset dev "${targets[@]}"
 cd "$top"
 mkdir -p build/bench
@@ -88,6 +93,14 @@ if [ -n "$lmtp" ]; then
     /usr/bin/python3 -B bench/lmtp_report.py build/bench/new/lmtp.json "$out" \
         "load $load before, $(cut -d ' ' -f 1-3 /proc/loadavg) after, on $(nproc) processors"
     cat "$out/lmtp.md"
+    exit
+fi
+if [ -n "$cluster" ]; then
+    say "Measuring on a distributed file system; this takes minutes"
+    python3 -B bench/cluster.py "$top" "$roots" "$top/$spool" build/bench/new/cluster.md ${quick:+--quick} \
+        >build/bench/cluster.log 2>&1 || { tail -n 20 build/bench/cluster.log >&2; die "failed; the log is build/bench/cluster.log"; }
+    [ -n "$quick" ] || cp build/bench/new/cluster.md "$out/cluster.md"
+    cat build/bench/new/cluster.md
     exit
 fi
 if [ -n "$python$quick" ] && [ -z "$only" ]; then
