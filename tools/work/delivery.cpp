@@ -97,7 +97,7 @@ string permissions_text(const string& path) {
 
 string choose_folder(const TSMailUserId& id, const std::optional<string>& option, bool may_make) {
     const string inbox = system_folders().front();
-    const string wanted = wanted_folder(id, option);
+    string wanted = wanted_folder(id, option);
     if (may_make || wanted == inbox) return wanted;
     return tsl_is_mail_folder(id.mailfolder(wanted).c_str(), nullptr) != 0 ? wanted : inbox;
 }
